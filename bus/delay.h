@@ -1,0 +1,10 @@
+/*
+ * delay.h - millisecond waits for chip settling and write-cycle times.
+ */
+#pragma once
+
+#include "../wdk/wdk.h"
+
+/* Below 6 ms spins in 50 us processor stalls; from 6 ms on the thread sleeps.
+ * Passive level only. */
+VOID DelayMilliseconds(LONG Milliseconds);

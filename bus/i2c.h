@@ -1,0 +1,34 @@
+/*
+ * i2c.h - the device's I2C connections to module peripherals (lens actuator,
+ * module memory), each opened on demand as a framework I/O target through the
+ * platform's resource hub.
+ */
+#pragma once
+
+#include "../wdk/wdk.h"
+
+struct _DEVICE_CONTEXT;
+
+#define I2C_CONNECTION_COUNT 14
+
+/* Slot numbers the callers use. */
+#define I2C_SLOT_VCM       1
+#define I2C_SLOT_NVM       2 /* and 2 + block for block-addressed memories */
+
+/* One connection slot. ConnectionId and Present are set by whoever provides
+ * the connection; InitI2c and DeinitI2c manage Target and Opened. */
+typedef struct _I2C_CONNECTION {
+    ULONGLONG ConnectionId; /* resource-hub id: low part in bits 0-31, high part in 32-63 */
+    WDFIOTARGET Target;     /* null when no target exists */
+    UCHAR Opened;           /* 1 after InitI2c opened the target */
+    UCHAR InfoA;            /* reported second in the open and close traces */
+    UCHAR Present;          /* 0: the slot describes no connection */
+    UCHAR InfoB;            /* reported first in the open and close traces */
+} I2C_CONNECTION, *PI2C_CONNECTION;
+
+static_assert(sizeof(I2C_CONNECTION) == 24, "I2C_CONNECTION layout");
+
+NTSTATUS InitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
+VOID DeinitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
+NTSTATUS OpenI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, WDFDEVICE Device);
+NTSTATUS CloseI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);

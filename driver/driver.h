@@ -1,0 +1,28 @@
+/*
+ * driver.h - driver entry, device add and the framework callbacks of the
+ * driver and its device, interface reference counting, and the identification
+ * of the sensor variant from the device's hardware identifier.
+ */
+#pragma once
+
+#include "../wdk/wdk.h"
+#include "../sensor/device_context.h"
+
+extern "C" DRIVER_INITIALIZE DriverEntry;
+
+EVT_WDF_DRIVER_DEVICE_ADD SensorEvtDeviceAdd;
+EVT_WDF_DRIVER_UNLOAD SensorEvtDriverUnload;
+EVT_WDF_OBJECT_CONTEXT_CLEANUP SensorEvtDriverCleanup;
+EVT_WDF_DEVICE_D0_ENTRY SensorEvtD0Entry;
+EVT_WDF_DEVICE_D0_EXIT SensorEvtD0Exit;
+EVT_WDF_DEVICE_PREPARE_HARDWARE SensorEvtPrepareHardware;
+EVT_WDF_DEVICE_RELEASE_HARDWARE SensorEvtReleaseHardware;
+EVT_WDF_DEVICE_QUERY_REMOVE SensorEvtQueryRemove;
+
+/* InterfaceReference and InterfaceDereference of SENSOR_INTERFACE. */
+VOID SensorInterfaceReference(PVOID Context);
+VOID SensorInterfaceDereference(PVOID Context);
+
+/* Asks the bus driver for the hardware identifiers and gives the context the
+ * identity of the variant the first one names. */
+NTSTATUS IdentifySensorVariant(PDEVICE_CONTEXT DeviceContext);

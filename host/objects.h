@@ -1,0 +1,59 @@
+// objects.h - the framework's object model on the host: every WDF handle is
+// an Object with a parent, children, cleanup and destroy callbacks and an
+// optional typed context. Deleting an object deletes its children first.
+#pragma once
+
+#include "system.h"
+
+#include <memory>
+#include <vector>
+
+namespace korvanel::host {
+
+class Object {
+public:
+    enum class Kind { Driver, Device, String, IoTarget, Other };
+
+    explicit Object(Kind kind) : kind_(kind) {}
+    virtual ~Object() = default;
+
+    Kind kind() const { return kind_; }
+    Object* parent() const { return parent_; }
+    const std::vector<Object*>& children() const { return children_; }
+    void* context() const { return context_.get(); }
+    const WDF_OBJECT_CONTEXT_TYPE_INFO* context_type() const { return context_type_; }
+
+    WDFOBJECT handle() { return reinterpret_cast<WDFOBJECT>(this); }
+    static Object* from(WDFOBJECT h) { return reinterpret_cast<Object*>(h); }
+
+    // Applies creation attributes (context, callbacks, parent; null attributes
+    // or no parent give `default_parent`) and links the object into the tree.
+    NTSTATUS attach(const WDF_OBJECT_ATTRIBUTES* attributes, Object* default_parent);
+
+    // Runs cleanup callbacks (children first), unlinks and frees the object.
+    static void destroy(Object* object);
+
+    // Objects alive, for the unload report.
+    static size_t live_count();
+
+protected:
+    // Called during destroy before the cleanup callbacks (a target closes here).
+    virtual void on_delete() {}
+
+private:
+    Kind kind_;
+    Object* parent_ = nullptr;
+    std::vector<Object*> children_;
+    PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup_ = nullptr;
+    PFN_WDF_OBJECT_CONTEXT_DESTROY destroy_ = nullptr;
+    const WDF_OBJECT_CONTEXT_TYPE_INFO* context_type_ = nullptr;
+    std::unique_ptr<uint8_t[]> context_;
+};
+
+// Checks that a handle is a live object of the wanted kind; null otherwise.
+Object* lookup(WDFOBJECT handle, Object::Kind kind);
+
+// The framework device object, with the state device add leaves behind.
+DeviceObject* device_from(WDFDEVICE handle);
+
+}  // namespace korvanel::host

@@ -1,0 +1,369 @@
+// system.h - the test bench: one simulated Windows kernel, framework and I2C
+// bus on which the driver is loaded, devices are added and the camera driver's
+// calls are made. Tests and korvanel-sim use only this API.
+//
+//   korvanel::host::System sys;
+//   sys.registry().set_dword("MipiLanes", 4);
+//   sys.load_driver();
+//   auto& dev = sys.add_device({.hardware_ids = {u"root\\KORVANEL\\rgbir"}});
+//   SENSOR_INTERFACE si{};
+//   dev.query_interface(GUID_SENSOR_INTERFACE, &si);
+//   sys.clock().advance_ms(15000);
+//   auto report = sys.unload_driver();   // leaks and unbalanced state listed here
+//
+// One System exists at a time: the kernel's entry points reach it through
+// System::current().
+#pragma once
+
+#include "wdm.h"
+#include "../wdk/kmdf.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace korvanel::host {
+
+class Bus;
+class Object;
+class DeviceObject;
+
+std::string to_utf8(const std::u16string& s);
+std::u16string to_utf16(const std::string& s);
+std::string status_name(NTSTATUS status);  // "STATUS_SUCCESS", or 0x%08X
+std::string guid_text(const GUID& guid);   // {XXXXXXXX-XXXX-...}
+
+// ---- Clock ----------------------------------------------------------------
+// System time, thread delays and processor stalls. Virtual (default): time
+// moves only when the driver waits or stalls, the bus transfers, or a test
+// advances it; every delay and stall is recorded. Real: delays sleep and
+// stalls spin.
+class Clock {
+public:
+    enum class Mode { Virtual, Real };
+    struct Delay {
+        enum class Kind { Stall, Sleep } kind;
+        int64_t amount;  // Stall: microseconds; Sleep: the interval as passed (100 ns units, negative = relative)
+        int64_t at;      // clock time when it started, 100 ns units
+    };
+
+    Mode mode() const;
+    void set_mode(Mode mode);
+    int64_t now() const;  // system time, 100 ns units
+    void advance(int64_t units_100ns);
+    void advance_ms(int64_t ms) { advance(ms * 10000); }
+    void advance_us(int64_t us) { advance(us * 10); }
+
+    std::vector<Delay> delays() const;
+    void clear_delays();
+    size_t stall_count() const;
+    size_t sleep_count() const;
+
+    // Timers fire, in due order, while the clock passes their time.
+    uint64_t add_timer(int64_t due, std::function<void()> fn);
+    void cancel_timer(uint64_t id);
+
+    // Used by the kernel entry points.
+    void stall_us(uint32_t us);
+    void sleep(int64_t interval);  // KeDelayExecutionThread semantics
+
+private:
+    friend class System;
+    mutable std::recursive_mutex mutex_;
+    Mode mode_ = Mode::Virtual;
+    int64_t virtual_now_ = 132000000000000000LL;  // a fixed date, so runs repeat exactly
+    int64_t real_base_ = 0;
+    std::vector<Delay> delays_;
+    struct Timer {
+        uint64_t id;
+        int64_t due;
+        std::function<void()> fn;
+    };
+    std::vector<Timer> timers_;
+    uint64_t next_timer_ = 1;
+    void fire_due_timers();
+};
+
+// ---- Registry -------------------------------------------------------------
+// The driver's service key and any other key, with typed values of any type
+// and length.
+class Registry {
+public:
+    static constexpr const char16_t* kServiceKey =
+        u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\korvanel";
+
+    void set_dword(const std::string& name, uint32_t value);
+    void set_string(const std::string& name, const std::string& value);  // REG_SZ
+    void set(const std::string& name, uint32_t type, std::vector<uint8_t> data);
+    void remove(const std::string& name);
+    void clear();
+    // The service key exists unless removed; values then fail to open.
+    void set_service_key_present(bool present);
+
+    // Generic access by key path (case-insensitive).
+    void set_value(const std::u16string& key, const std::u16string& name, uint32_t type, std::vector<uint8_t> data);
+    bool key_exists(const std::u16string& key) const;
+    struct Value {
+        uint32_t type;
+        std::vector<uint8_t> data;
+    };
+    std::optional<Value> value(const std::u16string& key, const std::u16string& name) const;
+
+    size_t open_keys() const;  // handles not yet closed
+
+private:
+    friend struct RegistryAccess;
+    mutable std::mutex mutex_;
+    std::map<std::u16string, std::map<std::u16string, Value>> keys_;  // keys upper-cased
+    std::map<uintptr_t, std::u16string> handles_;
+    uintptr_t next_handle_ = 0x100;
+    bool service_key_present_ = true;
+};
+
+// ---- Pool -----------------------------------------------------------------
+class Pool {
+public:
+    struct Allocation {
+        uint32_t tag;
+        uint32_t pool_type;
+        size_t size;
+    };
+    size_t outstanding() const;
+    std::vector<Allocation> live() const;
+    size_t allocations_made() const;
+    // Bytes the pool hands out start with this pattern, so code that reads
+    // memory it never wrote is caught.
+    static constexpr uint8_t kFill = 0xCD;
+
+    void* allocate(uint32_t pool_type, size_t size, uint32_t tag);
+    void free(void* p, uint32_t tag);  // tag 0 frees any allocation
+
+private:
+    mutable std::mutex mutex_;
+    std::map<void*, Allocation> live_;
+    size_t made_ = 0;
+};
+
+// ---- Fault injection -------------------------------------------------------
+// Every platform routine that can fail asks check() first. A rule names the
+// routine, the status to return, how many matching calls to let through first
+// and how many to fail (0 = every one after that).
+class Faults {
+public:
+    struct Rule {
+        std::string routine;
+        NTSTATUS status;
+        unsigned skip = 0;
+        unsigned times = 1;
+    };
+    void fail(const std::string& routine, NTSTATUS status, unsigned skip = 0, unsigned times = 1);
+    void clear();
+    NTSTATUS check(const char* routine);  // STATUS_SUCCESS, or the injected status
+    unsigned calls(const std::string& routine) const;  // how often the routine asked
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<Rule> rules_;
+    std::map<std::string, unsigned> calls_;
+};
+
+// ---- Tracing --------------------------------------------------------------
+struct TraceFormatInfo {
+    std::string text;
+    std::string file;
+    uint32_t flag;
+};
+
+class Traces {
+public:
+    struct Event {
+        GUID guid;
+        uint16_t number;
+        uint32_t message_flags;
+        std::vector<std::vector<uint8_t>> args;  // args[0] is "KORVANEL\0"
+        int64_t time;
+    };
+    enum class Registration { None, Classic, Wmi };
+
+    // A consumer session: enable before or after the driver registers.
+    void enable(uint32_t flags, uint8_t level = 5);
+    void disable();
+    uint32_t enabled_flags() const;
+
+    Registration registration() const;
+    std::vector<Event> events() const;
+    void clear();
+
+    // Decoding with the call sites' format texts.
+    const TraceFormatInfo* format(const Event& e) const;
+    std::string decode(const Event& e) const;  // "<module> <text with arguments>"
+    std::vector<std::string> lines() const;
+    // Events whose format text is exactly `text`.
+    std::vector<Event> find(const std::string& text) const;
+
+    // Argument helpers.
+    static uint32_t u32(const Event& e, size_t i);
+    static uint64_t u64(const Event& e, size_t i);
+    static std::string text(const Event& e, size_t i);
+    static std::u16string wtext(const Event& e, size_t i);
+
+    // Used by the kernel entry points.
+    void record(Event e);
+    void set_registration(Registration r, void* callback, void* context);
+    void apply_session();  // calls the driver's enable callback with the session
+
+private:
+    mutable std::recursive_mutex mutex_;
+    std::vector<Event> events_;
+    Registration registration_ = Registration::None;
+    void* callback_ = nullptr;
+    void* callback_context_ = nullptr;
+    uint32_t flags_ = 0;
+    uint8_t level_ = 0;
+    bool session_ = false;
+    bool delivered_ = false;
+};
+
+// ---- Devices --------------------------------------------------------------
+struct DeviceConfig {
+    // The PDO's answer to the hardware-identifier query.
+    std::vector<std::u16string> hardware_ids = {u"root\\KORVANEL"};
+    enum class IdQuery { Synchronous, Pending, Fail } id_query = IdQuery::Synchronous;
+    // Fail: the status returned; Pending: the status the completion carries.
+    NTSTATUS id_status = STATUS_SUCCESS;
+    bool id_request_build_fails = false;
+    // Exact bytes of the identifier list instead of hardware_ids (malformed lists).
+    std::optional<std::vector<uint8_t>> raw_id_list;
+    // A successful query whose Information holds no list.
+    bool id_list_missing = false;
+};
+
+class Device {
+public:
+    NTSTATUS add_status() const { return add_status_; }
+    bool exists() const { return object_ != nullptr; }
+    WDFDEVICE handle() const;
+    // The typed context the driver declared ("DEVICE_CONTEXT"); null if none.
+    void* context() const;
+    const WDF_OBJECT_CONTEXT_TYPE_INFO* context_type() const;
+
+    // As the camera driver's query-interface request: copies the published
+    // record into `out` (its Size bytes) and calls InterfaceReference once on
+    // success.
+    NTSTATUS query_interface(const GUID& type, INTERFACE* out, USHORT size, USHORT version);
+    template <typename T>
+    NTSTATUS query_interface(const GUID& type, T* out, USHORT version = 0)
+    {
+        return query_interface(type, reinterpret_cast<INTERFACE*>(out), sizeof(T), version);
+    }
+    bool interface_published(const GUID& type) const;
+
+    NTSTATUS query_remove();  // refused while not stoppable, or by the driver's veto
+    NTSTATUS query_stop();
+    void remove();            // D0 exit, release hardware, deletion with cleanup
+
+    // PnP state the driver set.
+    std::u16string symbolic_link() const;
+    std::vector<GUID> device_interfaces() const;
+    bool stoppable() const;
+    unsigned static_stop_remove_calls(bool stoppable) const;
+    std::optional<WDF_DEVICE_STATE> device_state() const;
+    std::optional<WDF_DEVICE_POWER_POLICY_IDLE_SETTINGS> idle_settings() const;
+    WDF_PNPPOWER_EVENT_CALLBACKS pnp_callbacks() const;
+    WDF_OBJECT_ATTRIBUTES device_attributes() const;
+    std::optional<WDF_QUERY_INTERFACE_CONFIG> query_interface_config() const;
+
+    // Power.
+    DEVICE_POWER_STATE power_state() const;
+    int power_references() const;
+    struct IdleCall {
+        bool stop;
+        bool wait_for_d0;
+        void* tag;
+        long line;
+        std::string file;
+    };
+    std::vector<IdleCall> idle_calls() const;
+    unsigned d0_entries() const;
+    unsigned d0_exits() const;
+
+    DeviceObject* object() const { return object_; }
+
+private:
+    friend class System;
+    DeviceObject* object_ = nullptr;
+    NTSTATUS add_status_ = STATUS_UNSUCCESSFUL;
+};
+
+struct UnloadReport {
+    std::vector<std::string> problems;  // leaks, open handles, unbalanced references
+    bool clean() const { return problems.empty(); }
+    std::string text() const;
+};
+
+class System {
+public:
+    System();
+    ~System();
+    System(const System&) = delete;
+    System& operator=(const System&) = delete;
+    static System& current();
+    static System* current_or_null();
+
+    Registry& registry() { return registry_; }
+    Pool& pool() { return pool_; }
+    Clock& clock() { return clock_; }
+    Traces& traces() { return traces_; }
+    Faults& faults() { return faults_; }
+    Bus& bus() { return *bus_; }
+
+    // What RtlGetVersion reports, and whether the classic tracing routines are
+    // found by name; together they choose the driver's trace registration.
+    void set_os_major_version(uint32_t major) { os_major_ = major; }
+    uint32_t os_major_version() const { return os_major_; }
+    void set_classic_tracing_available(bool available) { classic_tracing_ = available; }
+    bool classic_tracing_available() const { return classic_tracing_; }
+
+    NTSTATUS load_driver();  // DriverEntry with the service key path
+    NTSTATUS load_driver(const std::u16string* registry_path);
+    bool driver_loaded() const;
+    NTSTATUS entry_status() const { return entry_status_; }
+    std::optional<WDF_DRIVER_CONFIG> driver_config() const;
+    std::optional<WDF_OBJECT_ATTRIBUTES> driver_attributes() const;
+
+    Device& add_device(DeviceConfig config = {});
+    std::vector<Device*> devices();
+
+    // Removes the devices still present, unloads the driver and lists what was
+    // left behind.
+    UnloadReport unload_driver();
+
+    // Internal: the framework's driver object.
+    Object* driver_object() const { return driver_; }
+    void set_driver_object(Object* d) { driver_ = d; }
+    DRIVER_OBJECT* wdm_driver() { return &wdm_driver_; }
+
+private:
+    Registry registry_;
+    Pool pool_;
+    Clock clock_;
+    Traces traces_;
+    Faults faults_;
+    std::unique_ptr<Bus> bus_;
+    uint32_t os_major_ = 10;
+    bool classic_tracing_ = true;
+    DRIVER_OBJECT wdm_driver_{};
+    std::u16string registry_path_;
+    UNICODE_STRING registry_path_us_{};
+    Object* driver_ = nullptr;
+    NTSTATUS entry_status_ = STATUS_UNSUCCESSFUL;
+    bool loaded_ = false;
+    std::vector<std::unique_ptr<Device>> devices_;
+};
+
+}  // namespace korvanel::host

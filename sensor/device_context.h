@@ -1,0 +1,58 @@
+/*
+ * device_context.h - DEVICE_CONTEXT, the one per-device record. The framework
+ * allocates it zero-filled with the device object; every interface operation
+ * gets it as its Context and every subsystem keeps its per-device state here.
+ */
+#pragma once
+
+#include "../wdk/wdk.h"
+#include "sensor_interface.h"
+#include "../bus/i2c.h"
+
+#define SENSOR_NAME_SIZE 16
+#define NVM_CACHE_SIZE   750
+
+typedef struct _DEVICE_CONTEXT {
+    WDFDEVICE Device;                 /* the device that owns this context */
+    GUID SensorGuid;                  /* identity of the sensor variant, reported by GetModuleInfo */
+    volatile LONG InterfaceRefCount;  /* references held on SensorInterface; interlocked only */
+    KEVENT BusLock;                   /* auto-reset; serialises actuator and memory bus sequences */
+    ULONG MipiPortNumber;             /* MIPI port reported by GetMipiConfig */
+    ULONG MipiLaneCount;              /* MIPI lane count reported by GetMipiConfig */
+    ULONG MipiFormat;                 /* MIPI data format; low byte also in the module info */
+    volatile LONG ModeIndex;          /* row of the selected mode within the selected table */
+    volatile LONG ModeTableIndex;     /* selected mode table, 0..3 */
+    UCHAR VariantCode;                /* 9 on the RGB-IR sensor, else 0 */
+    ULONG NvmAvailable;               /* the cached memory load runs only when non-zero */
+    volatile SHORT VcmPosition;       /* last commanded lens position */
+    volatile LONG VcmLastMoveDistance;/* distance of the last lens move */
+    volatile LONG64 VcmLastMoveTime;  /* system time of the last lens move, 100 ns units */
+    UCHAR AuxFlag;                    /* reported by GetAuxFlag */
+    ULONG LinkRate;                   /* MIPI link rate in bits per second */
+    CHAR SensorName[SENSOR_NAME_SIZE];/* short name of the variant, NUL-terminated */
+    UCHAR RegMipiLanes;               /* raw registry "MipiLanes"; 0: MIPI values not configured */
+    UCHAR RegMipiPort;                /* raw registry "MipiPort" */
+    UCHAR RegMipiDataFormat;          /* raw registry "MipiDataFormat" */
+    ULONG RegMipiMBps;                /* raw registry "MipiMBps" */
+    LONG VcmType;                     /* selected lens-actuator row; 0 is no actuator */
+    ULONG NvmCacheLength;             /* bytes the memory load reads and hands out, at most 750 */
+    UCHAR NvmLoaded;                  /* 1 once the cache holds the memory */
+    ULONG NvmType;                    /* selected memory row; 0 is no memory */
+    LONG NvmSize;                     /* memory size in bytes */
+    LONG NvmPageSize;                 /* memory write page size in bytes */
+    UCHAR NvmCache[NVM_CACHE_SIZE];   /* memory bytes from address 0 on */
+    SENSOR_CAPS SensorCaps;           /* the device's copy of the capability record */
+    USHORT VcmLowPosition;            /* lower lens position of the module */
+    USHORT VcmHighPosition;           /* upper lens position of the module */
+    UCHAR NvmEnabled;                 /* the cached memory load runs only when set */
+    I2C_CONNECTION I2cConnections[I2C_CONNECTION_COUNT];
+    SENSOR_INTERFACE SensorInterface; /* the record published to the camera driver */
+} DEVICE_CONTEXT, *PDEVICE_CONTEXT;
+
+WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(DEVICE_CONTEXT, GetDeviceContext)
+
+/* Gives every member its starting value during device add. */
+VOID InitSensorContext(PDEVICE_CONTEXT DeviceContext);
+
+/* Identity of a sensor that no hardware identifier names. */
+extern const GUID DefaultSensorGuid;

@@ -1,0 +1,19 @@
+/*
+ * registry.h - the driver's configuration under its service key: the saved
+ * registry path, one typed value read, and the per-device configuration read.
+ */
+#pragma once
+
+#include "device_context.h"
+
+#define KORVANEL_POOL_TAG 0x3732564F /* "OV27" in memory order */
+
+/* The saved copy of the service key path, from driver entry to unload. */
+extern UNICODE_STRING DriverRegistryPath;
+
+NTSTATUS SaveRegistryPath(PCUNICODE_STRING RegistryPath);
+VOID FreeRegistryPath(VOID);
+
+NTSTATUS ReadRegistryValue(PCUNICODE_STRING KeyPath, PCSTR ValueName, ULONG ExpectedType, PVOID Buffer,
+                           PULONG Length);
+VOID ReadRegistryConfiguration(PDEVICE_CONTEXT DeviceContext);

@@ -1,0 +1,164 @@
+/*
+ * trace.h - the driver's software trace events.
+ *
+ * One trace control block for the whole driver, registered under
+ * {A85E7B83-68E8-492D-B506-4161E7A87DDA}. An event goes out only while tracing
+ * is registered and a consumer has enabled its flag. It carries the message
+ * GUID of its source module and a message number (from 10 in each module),
+ * then its arguments as (pointer, length) pairs: "KORVANEL" first, then 32-bit
+ * numbers, pointers and texts with their terminators.
+ *
+ * Each source module starts with TRACE_MODULE(guid) after its includes and
+ * emits with TraceEvents(TRACE_INFO or TRACE_ERROR, "message", arguments...).
+ * The message text stays at the call site: a Windows build keeps it out of the
+ * binary as a trace-format table would; the host build puts it in a format
+ * table that the host's decoder reads.
+ */
+#pragma once
+
+#include "../wdk/wdk.h"
+
+#define TRACE_INFO  0x1 /* entry, exit and values */
+#define TRACE_ERROR 0x4 /* failures */
+
+#define TRACE_FIRST_MESSAGE_NUMBER 10
+
+typedef struct _TRACE_CONTROL_BLOCK {
+    /* Enabled flags; zero whenever tracing is not registered, so that one load
+     * and one branch decide an event. */
+    volatile ULONG Flags;
+    ULONG Registered;           /* 0, or how tracing was registered */
+    TRACEHANDLE Logger;         /* the consumer's session, given when it enables us */
+    REGHANDLE RegHandle;        /* classic provider handle */
+    PFN_ETW_UNREGISTER Unregister;
+} TRACE_CONTROL_BLOCK;
+
+#define TRACE_REGISTERED_CLASSIC 1
+#define TRACE_REGISTERED_WMI     2
+
+extern TRACE_CONTROL_BLOCK TraceControl;
+extern const GUID TraceControlGuid;
+
+/* Registration at driver entry, removal at driver-object cleanup. */
+VOID TraceInitialize(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath);
+VOID TraceCleanup(PDRIVER_OBJECT DriverObject);
+
+/* ---- Event arguments ---- */
+
+/* One argument. A number is carried in Number and sent from there. */
+typedef struct _TRACE_ARGUMENT {
+    const VOID* Data;
+    SIZE_T Length;
+    ULONG64 Number;
+} TRACE_ARGUMENT;
+
+#define TRACE_MAX_ARGUMENTS 8
+
+inline SIZE_T TraceTextBytes(const CHAR* Text, SIZE_T Capacity)
+{
+    SIZE_T n = 0;
+    while (n < Capacity && Text[n] != 0) {
+        n++;
+    }
+    return n < Capacity ? n + 1 : Capacity;
+}
+
+inline SIZE_T TraceWideTextBytes(const WCHAR* Text, SIZE_T Capacity)
+{
+    SIZE_T n = 0;
+    while (n < Capacity && Text[n] != 0) {
+        n++;
+    }
+    return (n < Capacity ? n + 1 : Capacity) * sizeof(WCHAR);
+}
+
+/* Numbers of up to 32 bits go out as 32-bit words, wider ones as 64-bit. */
+template <typename T>
+inline TRACE_ARGUMENT TraceArg(const T& Value)
+{
+    static_assert(sizeof(T) <= 8, "trace arguments are numbers, pointers or texts");
+    if constexpr (sizeof(T) <= 4) {
+        return {nullptr, 4, (ULONG64)(ULONG)Value};
+    } else {
+        return {nullptr, 8, (ULONG64)Value};
+    }
+}
+template <typename T>
+inline TRACE_ARGUMENT TraceArg(T* const& Pointer)
+{
+    return {nullptr, sizeof(PVOID), (ULONG64)(ULONG_PTR)Pointer};
+}
+inline TRACE_ARGUMENT TraceArg(const CHAR* const& Text)
+{
+    static const CHAR Null[] = "NULL";
+    const CHAR* t = Text ? Text : Null;
+    return {t, TraceTextBytes(t, 0x7FFFFFFF), 0};
+}
+inline TRACE_ARGUMENT TraceArg(CHAR* const& Text) { return TraceArg((const CHAR* const&)Text); }
+template <SIZE_T N>
+inline TRACE_ARGUMENT TraceArg(const CHAR (&Text)[N])
+{
+    return {Text, TraceTextBytes(Text, N), 0};
+}
+template <SIZE_T N>
+inline TRACE_ARGUMENT TraceArg(CHAR (&Text)[N])
+{
+    return {Text, TraceTextBytes(Text, N), 0};
+}
+inline TRACE_ARGUMENT TraceArg(const WCHAR* const& Text)
+{
+    static const WCHAR Null[] = WIDE("NULL");
+    const WCHAR* t = Text ? Text : Null;
+    return {t, TraceWideTextBytes(t, 0x7FFFFFFF), 0};
+}
+inline TRACE_ARGUMENT TraceArg(WCHAR* const& Text) { return TraceArg((const WCHAR* const&)Text); }
+/* A counted string goes out as its characters and a terminator-free length. */
+inline TRACE_ARGUMENT TraceArg(const UNICODE_STRING& Text)
+{
+    return {Text.Buffer, Text.Buffer ? Text.Length : (SIZE_T)0, 0};
+}
+inline TRACE_ARGUMENT TraceArg(UNICODE_STRING& Text) { return TraceArg((const UNICODE_STRING&)Text); }
+
+/* Sends one enabled event; out of line so that call sites stay small. */
+VOID TraceWrite(LPCGUID MessageGuid, USHORT MessageNumber, TRACE_ARGUMENT* Arguments, ULONG Count);
+
+template <typename... A>
+inline VOID TraceSend(LPCGUID MessageGuid, USHORT MessageNumber, const A&... Arguments)
+{
+    static_assert(sizeof...(A) <= TRACE_MAX_ARGUMENTS, "too many trace arguments");
+    TRACE_ARGUMENT list[sizeof...(A) + 1] = {TraceArg(Arguments)..., {nullptr, 0, 0}};
+    TraceWrite(MessageGuid, MessageNumber, list, sizeof...(A));
+}
+
+/* ---- Message numbering and format table ---- */
+
+/* The host build keeps each call site's format text in a table the decoder
+ * reads, keyed by message GUID and number. */
+typedef struct _TRACE_FORMAT {
+    const GUID* MessageGuid;
+    ULONG MessageNumber;
+    ULONG Flag;
+    const CHAR* Text;
+    const CHAR* File;
+} TRACE_FORMAT;
+
+#if defined(KORVANEL_WDK) || defined(KORVANEL_CROSS_CHECK)
+#define TRACE_FORMAT_RECORD(Flag, Number, Text)
+#else
+#define TRACE_FORMAT_RECORD(Flag, Number, Text)                                                          \
+    __attribute__((section("korvanel_trace_formats"), used)) static const TRACE_FORMAT TraceFormatRecord = { \
+        TraceModuleGuid, (ULONG)(Number), (Flag), Text, __FILE__}
+#endif
+
+#define TRACE_MODULE(Guid)                                 \
+    static constexpr const GUID* TraceModuleGuid = &(Guid); \
+    enum { TraceModuleCounterBase = __COUNTER__ }
+
+#define TraceEvents(Flag, Text, ...)                                                                   \
+    do {                                                                                               \
+        enum { TraceNumber = TRACE_FIRST_MESSAGE_NUMBER + __COUNTER__ - TraceModuleCounterBase - 1 }; \
+        TRACE_FORMAT_RECORD(Flag, TraceNumber, Text);                                                  \
+        if (ReadULongNoFence(&TraceControl.Flags) & (Flag)) {                                          \
+            TraceSend(TraceModuleGuid, (USHORT)TraceNumber __VA_OPT__(, ) __VA_ARGS__);               \
+        }                                                                                              \
+    } while (0)
