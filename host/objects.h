@@ -43,11 +43,21 @@ protected:
 private:
     Kind kind_;
     Object* parent_ = nullptr;
+    bool deleting_ = false;
     std::vector<Object*> children_;
     PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup_ = nullptr;
     PFN_WDF_OBJECT_CONTEXT_DESTROY destroy_ = nullptr;
     const WDF_OBJECT_CONTEXT_TYPE_INFO* context_type_ = nullptr;
     std::unique_ptr<uint8_t[]> context_;
+};
+
+// The framework driver object and what driver entry configured.
+class FrameworkDriver : public Object {
+public:
+    FrameworkDriver() : Object(Kind::Driver) {}
+    WDF_DRIVER_CONFIG config{};
+    WDF_OBJECT_ATTRIBUTES attributes{};
+    PDRIVER_OBJECT wdm = nullptr;
 };
 
 // Checks that a handle is a live object of the wanted kind; null otherwise.

@@ -166,10 +166,16 @@ public:
     NTSTATUS check(const char* routine);  // STATUS_SUCCESS, or the injected status
     unsigned calls(const std::string& routine) const;  // how often the routine asked
 
+    // Misuse of the platform that Windows would catch (a bad free, an unknown
+    // handle, an unbalanced reference); the unload report lists them.
+    void note_error(const std::string& error);
+    std::vector<std::string> errors() const;
+
 private:
     mutable std::mutex mutex_;
     std::vector<Rule> rules_;
     std::map<std::string, unsigned> calls_;
+    std::vector<std::string> errors_;
 };
 
 // ---- Tracing --------------------------------------------------------------

@@ -21,6 +21,7 @@
 #define NTKERNELAPI
 #define NTSYSAPI
 #define FASTCALL
+#define __cdecl
 #define DECLSPEC_NOINLINE __attribute__((noinline))
 #define IN
 #define OUT
@@ -95,6 +96,8 @@ inline bool IsEqualGUID(const GUID& a, const GUID& b) { return memcmp(&a, &b, si
 #define STATUS_DEVICE_BUSY             ((NTSTATUS)0x80000011L)
 #define STATUS_UNSUCCESSFUL            ((NTSTATUS)0xC0000001L)
 #define STATUS_NOT_IMPLEMENTED         ((NTSTATUS)0xC0000002L)
+#define STATUS_INFO_LENGTH_MISMATCH    ((NTSTATUS)0xC0000004L)
+#define STATUS_INVALID_HANDLE          ((NTSTATUS)0xC0000008L)
 #define STATUS_INVALID_PARAMETER       ((NTSTATUS)0xC000000DL)
 #define STATUS_NO_SUCH_DEVICE          ((NTSTATUS)0xC000000EL)
 #define STATUS_INVALID_DEVICE_REQUEST  ((NTSTATUS)0xC0000010L)
@@ -147,11 +150,13 @@ typedef enum _EVENT_TYPE { NotificationEvent, SynchronizationEvent } EVENT_TYPE;
 typedef enum _KWAIT_REASON { Executive = 0, UserRequest = 6 } KWAIT_REASON;
 typedef LONG KPRIORITY;
 
-/* Room for the host's own event object; KeInitializeEvent sets it up. */
+/* An event's whole state lives in the record, as in the kernel; the host's
+ * waiters block on one condition shared by all events. */
 typedef struct _KEVENT {
-    ULONG Type;
-    ULONG Magic;
-    PVOID HostEvent;
+    LONG Type;         /* EVENT_TYPE */
+    LONG SignalState;
+    ULONG Magic;       /* set by KeInitializeEvent */
+    ULONG Reserved0;
     ULONG64 Reserved[2];
 } KEVENT, *PKEVENT, *PRKEVENT;
 

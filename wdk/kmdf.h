@@ -10,7 +10,8 @@
 
 /* ---- Handles ---- */
 #define KMDF_DECLARE_HANDLE(name) typedef struct name##__* name
-KMDF_DECLARE_HANDLE(WDFOBJECT);
+/* Any framework handle converts to WDFOBJECT, as in the framework's headers. */
+typedef HANDLE WDFOBJECT, *PWDFOBJECT;
 KMDF_DECLARE_HANDLE(WDFDRIVER);
 KMDF_DECLARE_HANDLE(WDFDEVICE);
 KMDF_DECLARE_HANDLE(WDFSTRING);

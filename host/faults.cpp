@@ -1,0 +1,61 @@
+// faults.cpp - fault injection consulted by every platform routine that can
+// fail, and the list of platform misuse found along the way.
+#include "system.h"
+
+namespace korvanel::host {
+
+void Faults::fail(const std::string& routine, NTSTATUS status, unsigned skip, unsigned times)
+{
+    std::lock_guard lock(mutex_);
+    rules_.push_back({routine, status, skip, times});
+}
+
+void Faults::clear()
+{
+    std::lock_guard lock(mutex_);
+    rules_.clear();
+}
+
+NTSTATUS Faults::check(const char* routine)
+{
+    std::lock_guard lock(mutex_);
+    calls_[routine]++;
+    for (auto it = rules_.begin(); it != rules_.end(); ++it) {
+        if (it->routine != routine) {
+            continue;
+        }
+        if (it->skip > 0) {
+            it->skip--;
+            continue;
+        }
+        NTSTATUS status = it->status;
+        if (it->times == 1) {
+            rules_.erase(it);
+        } else if (it->times > 1) {
+            it->times--;
+        }
+        return status;
+    }
+    return STATUS_SUCCESS;
+}
+
+unsigned Faults::calls(const std::string& routine) const
+{
+    std::lock_guard lock(mutex_);
+    auto it = calls_.find(routine);
+    return it == calls_.end() ? 0 : it->second;
+}
+
+void Faults::note_error(const std::string& error)
+{
+    std::lock_guard lock(mutex_);
+    errors_.push_back(error);
+}
+
+std::vector<std::string> Faults::errors() const
+{
+    std::lock_guard lock(mutex_);
+    return errors_;
+}
+
+}  // namespace korvanel::host

@@ -1,0 +1,317 @@
+// system.cpp - the test bench: loading the driver, adding and removing
+// devices as the PnP manager would, the camera driver's query-interface
+// request, and the unload report.
+#include "bus.h"
+#include "device.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+
+extern "C" DRIVER_INITIALIZE DriverEntry;
+
+namespace korvanel::host {
+
+namespace {
+System* g_current = nullptr;
+}  // namespace
+
+// ---- Device --------------------------------------------------------------------
+
+WDFDEVICE Device::handle() const
+{
+    return object_ ? reinterpret_cast<WDFDEVICE>(object_->handle()) : nullptr;
+}
+
+void* Device::context() const { return object_ ? object_->context() : nullptr; }
+
+const WDF_OBJECT_CONTEXT_TYPE_INFO* Device::context_type() const
+{
+    return object_ ? object_->context_type() : nullptr;
+}
+
+NTSTATUS Device::query_interface(const GUID& type, INTERFACE* out, USHORT size, USHORT version)
+{
+    (void)version;  // no version callback is registered: the framework does not check it
+    if (object_ == nullptr || out == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    std::lock_guard lock(framework_lock());
+    for (auto& qi : object_->query_interfaces) {
+        if (!IsEqualGUID(*qi.config.InterfaceType, type)) {
+            continue;
+        }
+        INTERFACE* published = qi.record;
+        if (size < published->Size) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        memcpy(out, published, published->Size);
+        if (out->InterfaceReference != nullptr) {
+            out->InterfaceReference(out->Context);
+        }
+        return STATUS_SUCCESS;
+    }
+    return STATUS_NOT_SUPPORTED;
+}
+
+bool Device::interface_published(const GUID& type) const
+{
+    if (object_ == nullptr) {
+        return false;
+    }
+    return std::any_of(object_->query_interfaces.begin(), object_->query_interfaces.end(),
+                       [&](auto& qi) { return IsEqualGUID(*qi.config.InterfaceType, type); });
+}
+
+NTSTATUS Device::query_remove()
+{
+    if (object_ == nullptr) {
+        return STATUS_NO_SUCH_DEVICE;
+    }
+    std::lock_guard lock(framework_lock());
+    // While the driver has blocked stop and remove, the framework fails the
+    // query without asking the driver.
+    if (object_->stop_remove_blocks > 0) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
+    auto callback = object_->pnp.EvtDeviceQueryRemove;
+    return callback ? callback(handle()) : STATUS_SUCCESS;
+}
+
+NTSTATUS Device::query_stop()
+{
+    if (object_ == nullptr) {
+        return STATUS_NO_SUCH_DEVICE;
+    }
+    std::lock_guard lock(framework_lock());
+    if (object_->stop_remove_blocks > 0) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
+    auto callback = object_->pnp.EvtDeviceQueryStop;
+    return callback ? callback(handle()) : STATUS_SUCCESS;
+}
+
+void Device::remove()
+{
+    if (object_ == nullptr) {
+        return;
+    }
+    std::lock_guard lock(framework_lock());
+    object_->stop_and_remove();
+    Object::destroy(object_);
+    object_ = nullptr;
+}
+
+std::u16string Device::symbolic_link() const
+{
+    if (object_ == nullptr || object_->interfaces.empty()) {
+        return {};
+    }
+    return object_->symbolic_link(object_->interfaces.front());
+}
+
+std::vector<GUID> Device::device_interfaces() const { return object_ ? object_->interfaces : std::vector<GUID>{}; }
+bool Device::stoppable() const { return object_ && object_->stop_remove_blocks == 0; }
+unsigned Device::static_stop_remove_calls(bool stoppable) const
+{
+    return object_ ? object_->stop_remove_calls[stoppable ? 1 : 0] : 0;
+}
+std::optional<WDF_DEVICE_STATE> Device::device_state() const
+{
+    return object_ ? object_->device_state : std::nullopt;
+}
+std::optional<WDF_DEVICE_POWER_POLICY_IDLE_SETTINGS> Device::idle_settings() const
+{
+    return object_ ? object_->idle_settings : std::nullopt;
+}
+WDF_PNPPOWER_EVENT_CALLBACKS Device::pnp_callbacks() const
+{
+    return object_ ? object_->pnp : WDF_PNPPOWER_EVENT_CALLBACKS{};
+}
+WDF_OBJECT_ATTRIBUTES Device::device_attributes() const
+{
+    return object_ ? object_->attributes : WDF_OBJECT_ATTRIBUTES{};
+}
+std::optional<WDF_QUERY_INTERFACE_CONFIG> Device::query_interface_config() const
+{
+    if (object_ == nullptr || object_->query_interfaces.empty()) {
+        return std::nullopt;
+    }
+    return object_->query_interfaces.front().config;
+}
+DEVICE_POWER_STATE Device::power_state() const
+{
+    if (object_ == nullptr) {
+        return PowerDeviceUnspecified;
+    }
+    std::lock_guard lock(framework_lock());
+    return object_->power;
+}
+int Device::power_references() const { return object_ ? object_->power_references : 0; }
+std::vector<Device::IdleCall> Device::idle_calls() const
+{
+    return object_ ? object_->idle_calls : std::vector<IdleCall>{};
+}
+unsigned Device::d0_entries() const { return object_ ? object_->d0_entries : 0; }
+unsigned Device::d0_exits() const { return object_ ? object_->d0_exits : 0; }
+
+// ---- System ----------------------------------------------------------------------
+
+System::System() : bus_(std::make_unique<Bus>())
+{
+    if (g_current != nullptr) {
+        fprintf(stderr, "korvanel host: only one System may exist at a time\n");
+        abort();
+    }
+    g_current = this;
+    wdm_driver_.Type = 4;
+    wdm_driver_.Size = sizeof(DRIVER_OBJECT);
+    wdm_driver_.HostDriver = this;
+}
+
+System::~System()
+{
+    if (driver_ != nullptr || !devices_.empty()) {
+        (void)unload_driver();
+    }
+    g_current = nullptr;
+}
+
+System& System::current()
+{
+    if (g_current == nullptr) {
+        fprintf(stderr, "korvanel host: a kernel routine was called with no System alive\n");
+        abort();
+    }
+    return *g_current;
+}
+
+System* System::current_or_null() { return g_current; }
+
+NTSTATUS System::load_driver()
+{
+    std::u16string path(Registry::kServiceKey);
+    return load_driver(&path);
+}
+
+NTSTATUS System::load_driver(const std::u16string* registry_path)
+{
+    if (loaded_) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
+    UNICODE_STRING* path = nullptr;
+    if (registry_path != nullptr) {
+        registry_path_ = *registry_path;
+        registry_path_us_.Buffer = registry_path_.data();
+        registry_path_us_.Length = USHORT(registry_path_.size() * sizeof(WCHAR));
+        registry_path_us_.MaximumLength = registry_path_us_.Length;
+        path = &registry_path_us_;
+    }
+    entry_status_ = DriverEntry(&wdm_driver_, path);
+    if (!NT_SUCCESS(entry_status_)) {
+        // A failed entry: the framework deletes the driver object it made.
+        if (driver_ != nullptr) {
+            Object::destroy(driver_);
+            driver_ = nullptr;
+        }
+        return entry_status_;
+    }
+    loaded_ = true;
+    return entry_status_;
+}
+
+bool System::driver_loaded() const { return loaded_; }
+
+std::optional<WDF_DRIVER_CONFIG> System::driver_config() const
+{
+    if (driver_ == nullptr) {
+        return std::nullopt;
+    }
+    return static_cast<const FrameworkDriver*>(driver_)->config;
+}
+
+std::optional<WDF_OBJECT_ATTRIBUTES> System::driver_attributes() const
+{
+    if (driver_ == nullptr) {
+        return std::nullopt;
+    }
+    return static_cast<const FrameworkDriver*>(driver_)->attributes;
+}
+
+Device& System::add_device(DeviceConfig config)
+{
+    auto device = std::make_unique<Device>();
+    auto& view = static_cast<FrameworkDriver&>(*driver_);
+    WDFDEVICE_INIT init;
+    init.config = std::move(config);
+    device->add_status_ = view.config.EvtDriverDeviceAdd(reinterpret_cast<WDFDRIVER>(driver_->handle()), &init);
+    if (init.created != nullptr) {
+        if (NT_SUCCESS(device->add_status_)) {
+            device->object_ = init.created;
+            device->object_->start();
+        } else {
+            // Device add failed after creating the device: the framework
+            // deletes it with its context.
+            Object::destroy(init.created);
+        }
+    }
+    devices_.push_back(std::move(device));
+    return *devices_.back();
+}
+
+std::vector<Device*> System::devices()
+{
+    std::vector<Device*> result;
+    for (auto& d : devices_) {
+        result.push_back(d.get());
+    }
+    return result;
+}
+
+std::string UnloadReport::text() const
+{
+    std::string out;
+    for (auto& p : problems) {
+        out += p + "\n";
+    }
+    return out;
+}
+
+UnloadReport System::unload_driver()
+{
+    UnloadReport report;
+    for (auto& d : devices_) {
+        if (d->object_ != nullptr && d->object_->stop_remove_blocks > 0) {
+            report.problems.push_back("device removed while the driver still blocks stop and remove");
+        }
+        d->remove();
+    }
+    devices_.clear();
+    if (driver_ != nullptr) {
+        auto& view = static_cast<FrameworkDriver&>(*driver_);
+        if (loaded_ && view.config.EvtDriverUnload != nullptr) {
+            view.config.EvtDriverUnload(reinterpret_cast<WDFDRIVER>(driver_->handle()));
+        }
+        Object::destroy(driver_);
+        driver_ = nullptr;
+    }
+    loaded_ = false;
+
+    for (auto& a : pool_.live()) {
+        char line[128];
+        snprintf(line, sizeof line, "pool allocation left: %zu bytes, tag 0x%08X", a.size, a.tag);
+        report.problems.push_back(line);
+    }
+    if (size_t keys = registry_.open_keys()) {
+        report.problems.push_back("registry keys left open: " + std::to_string(keys));
+    }
+    if (size_t objects = Object::live_count()) {
+        report.problems.push_back("framework objects left: " + std::to_string(objects));
+    }
+    for (auto& e : faults_.errors()) {
+        report.problems.push_back("platform misuse: " + e);
+    }
+    return report;
+}
+
+}  // namespace korvanel::host

@@ -1,0 +1,499 @@
+// wdf.cpp - the framework on the host: the object tree with typed contexts
+// and cleanup, the driver object, device creation and its PnP state, query
+// interfaces, framework strings, and power under the S0 idle policy.
+#include "device.h"
+
+#include <algorithm>
+#include <set>
+
+namespace korvanel::host {
+
+namespace {
+
+std::mutex& live_mutex()
+{
+    static std::mutex m;
+    return m;
+}
+std::set<Object*>& live_objects()
+{
+    static std::set<Object*> s;
+    return s;
+}
+
+class StringObject : public Object {
+public:
+    StringObject() : Object(Kind::String) {}
+    std::u16string text;
+};
+
+void note(const std::string& error) { System::current().faults().note_error(error); }
+
+}  // namespace
+
+std::recursive_mutex& framework_lock()
+{
+    static std::recursive_mutex m;
+    return m;
+}
+
+// ---- Objects -----------------------------------------------------------------
+
+NTSTATUS Object::attach(const WDF_OBJECT_ATTRIBUTES* attributes, Object* default_parent)
+{
+    Object* parent = default_parent;
+    if (attributes != nullptr) {
+        if (attributes->Size != sizeof(WDF_OBJECT_ATTRIBUTES)) {
+            return STATUS_INFO_LENGTH_MISMATCH;
+        }
+        cleanup_ = attributes->EvtCleanupCallback;
+        destroy_ = attributes->EvtDestroyCallback;
+        if (attributes->ParentObject != nullptr) {
+            parent = lookup(attributes->ParentObject, Kind::Other);
+            if (parent == nullptr) {
+                return STATUS_INVALID_PARAMETER;
+            }
+        }
+        if (attributes->ContextTypeInfo != nullptr) {
+            context_type_ = attributes->ContextTypeInfo->UniqueType;
+            size_t size = std::max(attributes->ContextSizeOverride, attributes->ContextTypeInfo->ContextSize);
+            context_ = std::make_unique<uint8_t[]>(size);  // zero-filled, as the framework gives it
+        }
+    }
+    parent_ = parent;
+    if (parent_ != nullptr) {
+        parent_->children_.push_back(this);
+    }
+    std::lock_guard lock(live_mutex());
+    live_objects().insert(this);
+    return STATUS_SUCCESS;
+}
+
+void Object::destroy(Object* object)
+{
+    {
+        std::lock_guard lock(live_mutex());
+        if (live_objects().count(object) == 0 || object->deleting_) {
+            return;
+        }
+        object->deleting_ = true;
+    }
+    // Children go first, newest first, as the framework disposes them.
+    while (!object->children_.empty()) {
+        destroy(object->children_.back());
+    }
+    object->on_delete();
+    if (object->cleanup_ != nullptr) {
+        object->cleanup_(object->handle());
+    }
+    if (object->parent_ != nullptr) {
+        std::erase(object->parent_->children_, object);
+    }
+    if (object->destroy_ != nullptr) {
+        object->destroy_(object->handle());
+    }
+    {
+        std::lock_guard lock(live_mutex());
+        live_objects().erase(object);
+    }
+    delete object;
+}
+
+size_t Object::live_count()
+{
+    std::lock_guard lock(live_mutex());
+    return live_objects().size();
+}
+
+Object* lookup(WDFOBJECT handle, Object::Kind kind)
+{
+    auto* object = Object::from(handle);
+    std::lock_guard lock(live_mutex());
+    if (handle == nullptr || live_objects().count(object) == 0) {
+        return nullptr;
+    }
+    return kind == Object::Kind::Other || object->kind() == kind ? object : nullptr;
+}
+
+DeviceObject* device_from(WDFDEVICE handle)
+{
+    return static_cast<DeviceObject*>(lookup(reinterpret_cast<WDFOBJECT>(handle), Object::Kind::Device));
+}
+
+// ---- Devices: PnP and power ------------------------------------------------------
+
+std::u16string DeviceObject::symbolic_link(const GUID& interface_class) const
+{
+    std::string guid = guid_text(interface_class);
+    std::transform(guid.begin(), guid.end(), guid.begin(), [](unsigned char c) { return std::tolower(c); });
+    return u"\\??\\ROOT#KORVANEL#0000#" + to_utf16(guid);
+}
+
+void DeviceObject::enter_d0(WDF_POWER_DEVICE_STATE from)
+{
+    d0_entries++;
+    power = PowerDeviceD0;
+    if (pnp.EvtDeviceD0Entry != nullptr) {
+        pnp.EvtDeviceD0Entry(reinterpret_cast<WDFDEVICE>(handle()), from);
+    }
+}
+
+void DeviceObject::leave_d0(WDF_POWER_DEVICE_STATE to)
+{
+    d0_exits++;
+    if (pnp.EvtDeviceD0Exit != nullptr) {
+        pnp.EvtDeviceD0Exit(reinterpret_cast<WDFDEVICE>(handle()), to);
+    }
+    power = PowerDeviceD3;
+}
+
+void DeviceObject::arm_idle_timer()
+{
+    auto& clock = System::current().clock();
+    if (idle_timer != 0) {
+        clock.cancel_timer(idle_timer);
+        idle_timer = 0;
+    }
+    if (!started || power != PowerDeviceD0 || power_references > 0 || !idle_settings ||
+        idle_settings->Enabled == WdfFalse) {
+        return;
+    }
+    int64_t due = clock.now() + int64_t(idle_settings->IdleTimeout) * 10000;
+    idle_timer = clock.add_timer(due, [this] {
+        std::lock_guard lock(framework_lock());
+        idle_timer = 0;
+        if (started && power == PowerDeviceD0 && power_references == 0) {
+            leave_d0(WdfPowerDeviceD3);
+        }
+    });
+}
+
+void DeviceObject::start()
+{
+    std::lock_guard lock(framework_lock());
+    if (pnp.EvtDevicePrepareHardware != nullptr) {
+        pnp.EvtDevicePrepareHardware(reinterpret_cast<WDFDEVICE>(handle()), nullptr, nullptr);
+    }
+    started = true;
+    enter_d0(WdfPowerDeviceD3Final);
+    arm_idle_timer();
+}
+
+void DeviceObject::stop_and_remove()
+{
+    std::lock_guard lock(framework_lock());
+    if (started) {
+        if (power == PowerDeviceD0) {
+            leave_d0(WdfPowerDeviceD3Final);
+        }
+        if (pnp.EvtDeviceReleaseHardware != nullptr) {
+            pnp.EvtDeviceReleaseHardware(reinterpret_cast<WDFDEVICE>(handle()), nullptr);
+        }
+        started = false;
+    }
+    arm_idle_timer();  // cancels
+}
+
+void DeviceObject::on_delete()
+{
+    for (auto& t : completions) {
+        if (t.joinable()) {
+            t.join();
+        }
+    }
+    if (idle_timer != 0) {
+        System::current().clock().cancel_timer(idle_timer);
+        idle_timer = 0;
+    }
+}
+
+}  // namespace korvanel::host
+
+using namespace korvanel::host;
+
+// ---- Framework routines --------------------------------------------------------------
+
+PVOID WdfObjectGetTypedContextWorker(WDFOBJECT Handle, PCWDF_OBJECT_CONTEXT_TYPE_INFO TypeInfo)
+{
+    Object* object = lookup(Handle, Object::Kind::Other);
+    if (object == nullptr) {
+        note("WdfObjectGetTypedContextWorker on an invalid handle");
+        return nullptr;
+    }
+    if (TypeInfo == nullptr || object->context_type() != TypeInfo->UniqueType) {
+        return nullptr;
+    }
+    return object->context();
+}
+
+VOID WdfObjectDelete(WDFOBJECT Object)
+{
+    std::lock_guard lock(framework_lock());
+    auto* object = lookup(Object, korvanel::host::Object::Kind::Other);
+    if (object == nullptr) {
+        note("WdfObjectDelete on an invalid handle");
+        return;
+    }
+    korvanel::host::Object::destroy(object);
+}
+
+NTSTATUS WdfDriverCreate(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath,
+                         PWDF_OBJECT_ATTRIBUTES DriverAttributes, PWDF_DRIVER_CONFIG DriverConfig, WDFDRIVER* Driver)
+{
+    auto& sys = System::current();
+    if (DriverObject == nullptr || RegistryPath == nullptr || DriverConfig == nullptr ||
+        DriverConfig->Size != sizeof(WDF_DRIVER_CONFIG)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    NTSTATUS status = sys.faults().check("WdfDriverCreate");
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    if (sys.driver_object() != nullptr) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
+    auto* driver = new FrameworkDriver();
+    status = driver->attach(DriverAttributes, nullptr);
+    if (!NT_SUCCESS(status)) {
+        delete driver;
+        return status;
+    }
+    driver->config = *DriverConfig;
+    if (DriverAttributes != nullptr) {
+        driver->attributes = *DriverAttributes;
+    }
+    driver->wdm = DriverObject;
+    sys.set_driver_object(driver);
+    if (Driver != nullptr) {
+        *Driver = reinterpret_cast<WDFDRIVER>(driver->handle());
+    }
+    return STATUS_SUCCESS;
+}
+
+PDRIVER_OBJECT WdfDriverWdmGetDriverObject(WDFDRIVER Driver)
+{
+    auto* driver = static_cast<FrameworkDriver*>(lookup(reinterpret_cast<WDFOBJECT>(Driver), Object::Kind::Driver));
+    return driver ? driver->wdm : nullptr;
+}
+
+VOID WdfDeviceInitSetPnpPowerEventCallbacks(PWDFDEVICE_INIT DeviceInit,
+                                            PWDF_PNPPOWER_EVENT_CALLBACKS PnpPowerEventCallbacks)
+{
+    if (DeviceInit == nullptr || PnpPowerEventCallbacks == nullptr ||
+        PnpPowerEventCallbacks->Size != sizeof(WDF_PNPPOWER_EVENT_CALLBACKS)) {
+        note("WdfDeviceInitSetPnpPowerEventCallbacks with a bad record");
+        return;
+    }
+    DeviceInit->pnp = *PnpPowerEventCallbacks;
+    DeviceInit->pnp_set = true;
+}
+
+NTSTATUS WdfDeviceCreate(PWDFDEVICE_INIT* DeviceInit, PWDF_OBJECT_ATTRIBUTES DeviceAttributes, WDFDEVICE* Device)
+{
+    if (DeviceInit == nullptr || *DeviceInit == nullptr || Device == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    auto& sys = System::current();
+    NTSTATUS status = sys.faults().check("WdfDeviceCreate");
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    PWDFDEVICE_INIT init = *DeviceInit;
+    auto* device = new DeviceObject();
+    status = device->attach(DeviceAttributes, sys.driver_object());
+    if (!NT_SUCCESS(status)) {
+        delete device;
+        return status;
+    }
+    device->config = init->config;
+    device->pnp = init->pnp;
+    if (DeviceAttributes != nullptr) {
+        device->attributes = *DeviceAttributes;
+    }
+    device->pdo.HostDevice = device;
+    device->pdo.DriverObject = nullptr;  // the bus driver's, not ours
+    init->created = device;
+    *DeviceInit = nullptr;  // the framework owns the init record now
+    *Device = reinterpret_cast<WDFDEVICE>(device->handle());
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS WdfDeviceCreateDeviceInterface(WDFDEVICE Device, const GUID* InterfaceClassGUID,
+                                        PCUNICODE_STRING ReferenceString)
+{
+    auto* device = device_from(Device);
+    if (device == nullptr || InterfaceClassGUID == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    NTSTATUS status = System::current().faults().check("WdfDeviceCreateDeviceInterface");
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    if (ReferenceString != nullptr) {
+        note("device interface registered with a reference string");
+    }
+    device->interfaces.push_back(*InterfaceClassGUID);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS WdfStringCreate(PCUNICODE_STRING UnicodeString, PWDF_OBJECT_ATTRIBUTES StringAttributes, WDFSTRING* String)
+{
+    if (String == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    auto& sys = System::current();
+    NTSTATUS status = sys.faults().check("WdfStringCreate");
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    auto* string = new StringObject();
+    status = string->attach(StringAttributes, sys.driver_object());
+    if (!NT_SUCCESS(status)) {
+        delete string;
+        return status;
+    }
+    if (UnicodeString != nullptr && UnicodeString->Buffer != nullptr) {
+        string->text.assign(UnicodeString->Buffer, UnicodeString->Length / sizeof(WCHAR));
+    }
+    *String = reinterpret_cast<WDFSTRING>(string->handle());
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS WdfDeviceRetrieveDeviceInterfaceString(WDFDEVICE Device, const GUID* InterfaceClassGUID,
+                                                PCUNICODE_STRING ReferenceString, WDFSTRING String)
+{
+    auto* device = device_from(Device);
+    auto* string = static_cast<StringObject*>(lookup(reinterpret_cast<WDFOBJECT>(String), Object::Kind::String));
+    if (device == nullptr || string == nullptr || InterfaceClassGUID == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    NTSTATUS status = System::current().faults().check("WdfDeviceRetrieveDeviceInterfaceString");
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    (void)ReferenceString;
+    auto it = std::find_if(device->interfaces.begin(), device->interfaces.end(),
+                           [&](const GUID& g) { return IsEqualGUID(g, *InterfaceClassGUID); });
+    if (it == device->interfaces.end()) {
+        return STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    string->text = device->symbolic_link(*InterfaceClassGUID);
+    return STATUS_SUCCESS;
+}
+
+VOID WdfStringGetUnicodeString(WDFSTRING String, PUNICODE_STRING UnicodeString)
+{
+    auto* string = static_cast<StringObject*>(lookup(reinterpret_cast<WDFOBJECT>(String), Object::Kind::String));
+    if (string == nullptr || UnicodeString == nullptr) {
+        note("WdfStringGetUnicodeString on an invalid handle");
+        return;
+    }
+    UnicodeString->Buffer = string->text.data();
+    UnicodeString->Length = USHORT(string->text.size() * sizeof(WCHAR));
+    UnicodeString->MaximumLength = UnicodeString->Length;
+}
+
+PDEVICE_OBJECT WdfDeviceWdmGetPhysicalDevice(WDFDEVICE Device)
+{
+    auto* device = device_from(Device);
+    return device ? &device->pdo : nullptr;
+}
+
+NTSTATUS WdfDeviceAddQueryInterface(WDFDEVICE Device, PWDF_QUERY_INTERFACE_CONFIG InterfaceConfig)
+{
+    auto* device = device_from(Device);
+    if (device == nullptr || InterfaceConfig == nullptr || InterfaceConfig->Size != sizeof(WDF_QUERY_INTERFACE_CONFIG) ||
+        InterfaceConfig->Interface == nullptr || InterfaceConfig->InterfaceType == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    NTSTATUS status = System::current().faults().check("WdfDeviceAddQueryInterface");
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    std::lock_guard lock(framework_lock());
+    device->query_interfaces.push_back({*InterfaceConfig, InterfaceConfig->Interface});
+    return STATUS_SUCCESS;
+}
+
+VOID WdfDeviceSetDeviceState(WDFDEVICE Device, PWDF_DEVICE_STATE DeviceState)
+{
+    auto* device = device_from(Device);
+    if (device == nullptr || DeviceState == nullptr || DeviceState->Size != sizeof(WDF_DEVICE_STATE)) {
+        note("WdfDeviceSetDeviceState with a bad record");
+        return;
+    }
+    device->device_state = *DeviceState;
+}
+
+NTSTATUS WdfDeviceAssignS0IdleSettings(WDFDEVICE Device, PWDF_DEVICE_POWER_POLICY_IDLE_SETTINGS Settings)
+{
+    auto* device = device_from(Device);
+    if (device == nullptr || Settings == nullptr ||
+        Settings->Size != sizeof(WDF_DEVICE_POWER_POLICY_IDLE_SETTINGS)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    NTSTATUS status = System::current().faults().check("WdfDeviceAssignS0IdleSettings");
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    std::lock_guard lock(framework_lock());
+    device->idle_settings = *Settings;
+    device->arm_idle_timer();
+    return STATUS_SUCCESS;
+}
+
+VOID WdfDeviceSetStaticStopRemove(WDFDEVICE Device, BOOLEAN Stoppable)
+{
+    auto* device = device_from(Device);
+    if (device == nullptr) {
+        note("WdfDeviceSetStaticStopRemove on an invalid handle");
+        return;
+    }
+    std::lock_guard lock(framework_lock());
+    device->stop_remove_calls[Stoppable ? 1 : 0]++;
+    device->stop_remove_blocks += Stoppable ? -1 : 1;
+    if (device->stop_remove_blocks < 0) {
+        note("WdfDeviceSetStaticStopRemove(TRUE) without a matching FALSE");
+        device->stop_remove_blocks = 0;
+    }
+}
+
+NTSTATUS WdfDeviceStopIdleActual(WDFDEVICE Device, BOOLEAN WaitForD0, PVOID Tag, LONG Line, PCHAR File)
+{
+    auto* device = device_from(Device);
+    if (device == nullptr) {
+        note("WdfDeviceStopIdle on an invalid handle");
+        return STATUS_INVALID_PARAMETER;
+    }
+    std::lock_guard lock(framework_lock());
+    device->idle_calls.push_back({true, WaitForD0 != FALSE, Tag, Line, File ? File : ""});
+    NTSTATUS status = System::current().faults().check("WdfDeviceStopIdle");
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    device->power_references++;
+    bool was_idle = device->power != PowerDeviceD0;
+    device->arm_idle_timer();  // cancels: a reference is held now
+    if (was_idle && device->started) {
+        device->enter_d0(WdfPowerDeviceD3);
+    }
+    // The framework powers up asynchronously unless asked to wait.
+    return was_idle && !WaitForD0 ? STATUS_PENDING : STATUS_SUCCESS;
+}
+
+VOID WdfDeviceResumeIdleActual(WDFDEVICE Device, PVOID Tag, LONG Line, PCHAR File)
+{
+    auto* device = device_from(Device);
+    if (device == nullptr) {
+        note("WdfDeviceResumeIdle on an invalid handle");
+        return;
+    }
+    std::lock_guard lock(framework_lock());
+    device->idle_calls.push_back({false, false, Tag, Line, File ? File : ""});
+    if (device->power_references == 0) {
+        note("WdfDeviceResumeIdle without a matching WdfDeviceStopIdle");
+        return;
+    }
+    device->power_references--;
+    device->arm_idle_timer();
+}

@@ -1,0 +1,43 @@
+// bench.h - the fixture most tests start from: a fresh simulated kernel with
+// the driver loaded, and a check at the end that unloading leaves nothing
+// behind.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "host/system.h"
+#include "sensor/device_context.h"
+#include "sensor/sensor_interface.h"
+#include "trace/trace.h"
+
+namespace korvanel::test {
+
+class DriverTest : public ::testing::Test {
+protected:
+    host::System sys;
+
+    void SetUp() override { ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS); }
+
+    void TearDown() override
+    {
+        auto report = sys.unload_driver();
+        EXPECT_TRUE(report.clean()) << report.text();
+    }
+
+    // Adds a device and takes the interface as the camera driver would.
+    PDEVICE_CONTEXT add(host::DeviceConfig config = {})
+    {
+        auto& dev = sys.add_device(std::move(config));
+        EXPECT_EQ(dev.add_status(), STATUS_SUCCESS);
+        return static_cast<PDEVICE_CONTEXT>(dev.context());
+    }
+
+    SENSOR_INTERFACE take_interface(host::Device& dev)
+    {
+        SENSOR_INTERFACE si{};
+        EXPECT_EQ(dev.query_interface(GUID_SENSOR_INTERFACE, &si, SENSOR_INTERFACE_VERSION), STATUS_SUCCESS);
+        return si;
+    }
+};
+
+}  // namespace korvanel::test

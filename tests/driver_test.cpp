@@ -1,0 +1,255 @@
+// Driver entry, device add, the framework records it fills, interface
+// reference counting against stop and remove, and the idle power policy.
+#include "bench.h"
+
+#include "driver/driver.h"
+#include "sensor/registry.h"
+
+#include <cstring>
+
+namespace korvanel::test {
+namespace {
+
+using host::DeviceConfig;
+using host::System;
+
+TEST_F(DriverTest, PublishesTheInterfaceRecordWithItsHeader)
+{
+    auto& dev = sys.add_device();
+    ASSERT_EQ(dev.add_status(), STATUS_SUCCESS);
+    SENSOR_INTERFACE si = take_interface(dev);
+
+    EXPECT_EQ(si.InterfaceHeader.Size, 376);
+    EXPECT_EQ(si.InterfaceHeader.Version, 18);
+    EXPECT_EQ(si.InterfaceHeader.Context, dev.context());
+    EXPECT_EQ(si.InterfaceHeader.InterfaceReference, &SensorInterfaceReference);
+    EXPECT_EQ(si.InterfaceHeader.InterfaceDereference, &SensorInterfaceDereference);
+    // The published record is the context's own member.
+    auto* ctx = static_cast<PDEVICE_CONTEXT>(dev.context());
+    EXPECT_EQ(dev.query_interface_config()->Interface, (PINTERFACE)&ctx->SensorInterface);
+    EXPECT_EQ(ctx->Device, dev.handle());
+
+    si.InterfaceHeader.InterfaceDereference(si.InterfaceHeader.Context);
+}
+
+TEST_F(DriverTest, FillsEveryFrameworkRecordAsTheCameraStackExpects)
+{
+    auto config = sys.driver_config();
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->Size, sizeof(WDF_DRIVER_CONFIG));
+    EXPECT_EQ(config->EvtDriverDeviceAdd, &SensorEvtDeviceAdd);
+    EXPECT_EQ(config->EvtDriverUnload, &SensorEvtDriverUnload);
+    EXPECT_EQ(config->DriverInitFlags, 0u);
+    EXPECT_EQ(config->DriverPoolTag, 0u);
+    auto driverAttributes = sys.driver_attributes();
+    EXPECT_EQ(driverAttributes->EvtCleanupCallback, &SensorEvtDriverCleanup);
+    EXPECT_EQ(driverAttributes->ExecutionLevel, WdfExecutionLevelInheritFromParent);
+    EXPECT_EQ(driverAttributes->SynchronizationScope, WdfSynchronizationScopeInheritFromParent);
+    EXPECT_EQ(driverAttributes->ContextTypeInfo, nullptr);
+
+    auto& dev = sys.add_device();
+    WDF_PNPPOWER_EVENT_CALLBACKS expected;
+    WDF_PNPPOWER_EVENT_CALLBACKS_INIT(&expected);
+    expected.EvtDeviceD0Entry = SensorEvtD0Entry;
+    expected.EvtDeviceD0Exit = SensorEvtD0Exit;
+    expected.EvtDevicePrepareHardware = SensorEvtPrepareHardware;
+    expected.EvtDeviceReleaseHardware = SensorEvtReleaseHardware;
+    expected.EvtDeviceQueryRemove = SensorEvtQueryRemove;
+    auto pnp = dev.pnp_callbacks();
+    EXPECT_EQ(memcmp(&pnp, &expected, sizeof pnp), 0) << "a PnP or power callback is set that should not be";
+
+    auto attributes = dev.device_attributes();
+    ASSERT_NE(attributes.ContextTypeInfo, nullptr);
+    EXPECT_STREQ(attributes.ContextTypeInfo->ContextName, "DEVICE_CONTEXT");
+    EXPECT_EQ(attributes.ContextTypeInfo->ContextSize, sizeof(DEVICE_CONTEXT));
+    EXPECT_EQ(attributes.EvtCleanupCallback, nullptr);
+    EXPECT_EQ(attributes.EvtDestroyCallback, nullptr);
+    EXPECT_EQ(attributes.ParentObject, nullptr);
+    EXPECT_EQ(attributes.ContextSizeOverride, 0u);
+
+    auto qi = dev.query_interface_config();
+    ASSERT_TRUE(qi);
+    EXPECT_TRUE(IsEqualGUID(*qi->InterfaceType, GUID_SENSOR_INTERFACE));
+    EXPECT_FALSE(qi->SendQueryToParentStack);
+    EXPECT_FALSE(qi->ImportInterface);
+    EXPECT_EQ(qi->EvtDeviceProcessQueryInterfaceRequest, nullptr);
+
+    ASSERT_EQ(dev.device_interfaces().size(), 1u);
+    EXPECT_TRUE(IsEqualGUID(dev.device_interfaces()[0], GUID_DEVINTERFACE_CAMERA_SENSOR));
+
+    auto state = dev.device_state();
+    ASSERT_TRUE(state);
+    const WDF_TRI_STATE states[] = {state->Disabled, state->DontDisplayInUI, state->Failed, state->Removed,
+                                    state->ResourcesChanged};
+    for (auto s : states) {
+        EXPECT_EQ(s, WdfUseDefault);
+    }
+    EXPECT_EQ(state->NotDisableable, WdfFalse);
+
+    auto idle = dev.idle_settings();
+    ASSERT_TRUE(idle);
+    EXPECT_EQ(idle->Size, sizeof(WDF_DEVICE_POWER_POLICY_IDLE_SETTINGS));
+    EXPECT_EQ(idle->IdleCaps, IdleCannotWakeFromS0);
+    EXPECT_EQ(idle->DxState, PowerDeviceD3);
+    EXPECT_EQ(idle->IdleTimeout, 15000u);
+    EXPECT_EQ(idle->UserControlOfIdleSettings, IdleDoNotAllowUserControl);
+    EXPECT_EQ(idle->Enabled, WdfTrue);
+    EXPECT_EQ(idle->PowerUpIdleDeviceOnSystemWake, WdfUseDefault);
+    EXPECT_EQ(idle->IdleTimeoutType, SystemManagedIdleTimeout);
+    EXPECT_EQ(idle->ExcludeD3Cold, WdfUseDefault);
+}
+
+TEST_F(DriverTest, ReferencesBlockStopAndRemoveOncePerTransition)
+{
+    auto& dev = sys.add_device();
+    auto query_remove_callback = dev.pnp_callbacks().EvtDeviceQueryRemove;
+    EXPECT_EQ(query_remove_callback(dev.handle()), STATUS_SUCCESS);
+
+    SENSOR_INTERFACE first = take_interface(dev);
+    SENSOR_INTERFACE second = take_interface(dev);
+    auto* ctx = static_cast<PDEVICE_CONTEXT>(dev.context());
+    EXPECT_EQ(ctx->InterfaceRefCount, 2);
+    // One call at the first reference, none at the second.
+    EXPECT_EQ(dev.static_stop_remove_calls(false), 1u);
+    EXPECT_EQ(dev.static_stop_remove_calls(true), 0u);
+    EXPECT_FALSE(dev.stoppable());
+    EXPECT_EQ(query_remove_callback(dev.handle()), STATUS_DEVICE_BUSY);
+    EXPECT_FALSE(NT_SUCCESS(dev.query_remove()));
+
+    first.InterfaceHeader.InterfaceDereference(first.InterfaceHeader.Context);
+    EXPECT_EQ(dev.static_stop_remove_calls(true), 0u);
+    EXPECT_EQ(query_remove_callback(dev.handle()), STATUS_DEVICE_BUSY);
+
+    second.InterfaceHeader.InterfaceDereference(second.InterfaceHeader.Context);
+    EXPECT_EQ(dev.static_stop_remove_calls(false), 1u);
+    EXPECT_EQ(dev.static_stop_remove_calls(true), 1u);
+    EXPECT_TRUE(dev.stoppable());
+    EXPECT_EQ(query_remove_callback(dev.handle()), STATUS_SUCCESS);
+    EXPECT_EQ(dev.query_remove(), STATUS_SUCCESS);
+}
+
+// A failing framework call during device add, and what device add leaves.
+TEST_F(DriverTest, DeviceAddFailuresStopAtTheRightStep)
+{
+    struct Case {
+        const char* routine;
+        NTSTATUS injected;
+        NTSTATUS add_status;
+        bool published;
+        bool state_and_idle_applied;
+    } cases[] = {
+        {"WdfDeviceCreate", STATUS_INSUFFICIENT_RESOURCES, STATUS_INSUFFICIENT_RESOURCES, false, false},
+        {"WdfDeviceCreateDeviceInterface", STATUS_OBJECT_NAME_NOT_FOUND, STATUS_OBJECT_NAME_NOT_FOUND, false, false},
+        {"WdfStringCreate", STATUS_INSUFFICIENT_RESOURCES, STATUS_SUCCESS, true, true},
+        {"WdfDeviceRetrieveDeviceInterfaceString", STATUS_INVALID_DEVICE_STATE, STATUS_SUCCESS, true, true},
+        {"WdfDeviceAddQueryInterface", STATUS_INSUFFICIENT_RESOURCES, STATUS_INSUFFICIENT_RESOURCES, false, false},
+        {"WdfDeviceAssignS0IdleSettings", STATUS_INVALID_DEVICE_REQUEST, STATUS_INVALID_DEVICE_REQUEST, true, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.routine);
+        sys.faults().fail(c.routine, c.injected);
+        sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+        unsigned query_interface_calls = sys.faults().calls("WdfDeviceAddQueryInterface");
+        auto& dev = sys.add_device();
+        EXPECT_EQ(dev.add_status(), c.add_status);
+        // A failed add leaves no device behind; the others are inspected.
+        if (NT_SUCCESS(c.add_status)) {
+            EXPECT_EQ(dev.interface_published(GUID_SENSOR_INTERFACE), c.published);
+            EXPECT_EQ(dev.device_state().has_value(), c.state_and_idle_applied);
+        }
+        if (std::string(c.routine) == "WdfDeviceCreateDeviceInterface") {
+            // The context was never initialised, so nothing was published.
+            EXPECT_EQ(sys.faults().calls("WdfDeviceAddQueryInterface"), query_interface_calls);
+        }
+        sys.faults().clear();
+    }
+}
+
+TEST(DriverEntryTest, FailedDeviceInterfaceLeavesTheContextZero)
+{
+    // Watch the context through the framework's own view of the device
+    // before the framework deletes it.
+    System sys;
+    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    sys.faults().fail("WdfDeviceCreateDeviceInterface", STATUS_INSUFFICIENT_RESOURCES);
+    sys.faults().fail("WdfDeviceAddQueryInterface", STATUS_INSUFFICIENT_RESOURCES);
+    auto& dev = sys.add_device();
+    EXPECT_EQ(dev.add_status(), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_FALSE(dev.exists());
+    EXPECT_EQ(sys.faults().calls("WdfDeviceAddQueryInterface"), 0u);
+    EXPECT_EQ(sys.faults().calls("IoBuildSynchronousFsdRequest"), 0u) << "identification ran on a failed add";
+    EXPECT_TRUE(sys.unload_driver().clean());
+}
+
+TEST(DriverEntryTest, FailedFrameworkDriverCreationSetsNothingUp)
+{
+    System sys;
+    sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+    sys.faults().fail("WdfDriverCreate", STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(sys.load_driver(), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(sys.traces().registration(), host::Traces::Registration::None);
+    EXPECT_TRUE(sys.traces().events().empty());
+    EXPECT_EQ(sys.pool().allocations_made(), 0u) << "the registry path was saved";
+    EXPECT_EQ(DriverRegistryPath.Buffer, nullptr);
+    EXPECT_TRUE(sys.unload_driver().clean());
+}
+
+TEST(DriverEntryTest, SavesTheRegistryPathAndFreesItAtUnload)
+{
+    System sys;
+    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    ASSERT_NE(DriverRegistryPath.Buffer, nullptr);
+    std::u16string saved(DriverRegistryPath.Buffer, DriverRegistryPath.Length / 2);
+    EXPECT_EQ(saved, host::Registry::kServiceKey);
+    EXPECT_EQ(DriverRegistryPath.MaximumLength, DriverRegistryPath.Length + 2);
+    ASSERT_EQ(sys.pool().live().size(), 1u);
+    EXPECT_EQ(sys.pool().live()[0].tag, 0x3732564Fu);  // "OV27"
+    EXPECT_EQ(sys.pool().live()[0].pool_type, (uint32_t)PagedPool);
+
+    EXPECT_TRUE(sys.unload_driver().clean());
+    EXPECT_EQ(DriverRegistryPath.Buffer, nullptr);
+}
+
+TEST(DriverEntryTest, AFailedPathCopyDoesNotFailDriverEntry)
+{
+    System sys;
+    sys.faults().fail("ExAllocatePoolWithTag", STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    EXPECT_EQ(DriverRegistryPath.Buffer, nullptr);
+    EXPECT_EQ(DriverRegistryPath.Length, 0);
+    // Every configuration read then fails and the defaults stay.
+    auto& dev = sys.add_device();
+    EXPECT_EQ(dev.add_status(), STATUS_SUCCESS);
+    EXPECT_EQ(static_cast<PDEVICE_CONTEXT>(dev.context())->MipiLaneCount, 2u);
+    EXPECT_TRUE(sys.unload_driver().clean());
+}
+
+TEST_F(DriverTest, IdlesToD3AfterFifteenSecondsAndWakesOnAPowerReference)
+{
+    auto& dev = sys.add_device();
+    EXPECT_EQ(dev.power_state(), PowerDeviceD0);
+    EXPECT_EQ(dev.d0_entries(), 1u);
+
+    sys.clock().advance_ms(14999);
+    EXPECT_EQ(dev.power_state(), PowerDeviceD0);
+    sys.clock().advance_ms(1);
+    EXPECT_EQ(dev.power_state(), PowerDeviceD3);
+    EXPECT_EQ(dev.d0_exits(), 1u);
+
+    // The camera driver's power reference brings it back before returning.
+    SENSOR_INTERFACE si = take_interface(dev);
+    ASSERT_NE(si.PowerUp, nullptr);
+    EXPECT_EQ(si.PowerUp((PSENSOR_CONTEXT)si.InterfaceHeader.Context), STATUS_SUCCESS);
+    EXPECT_EQ(dev.power_state(), PowerDeviceD0);
+    EXPECT_EQ(dev.d0_entries(), 2u);
+    sys.clock().advance_ms(60000);
+    EXPECT_EQ(dev.power_state(), PowerDeviceD0) << "idled while a power reference was held";
+
+    EXPECT_EQ(si.PowerDown((PSENSOR_CONTEXT)si.InterfaceHeader.Context), STATUS_SUCCESS);
+    sys.clock().advance_ms(15000);
+    EXPECT_EQ(dev.power_state(), PowerDeviceD3);
+    si.InterfaceHeader.InterfaceDereference(si.InterfaceHeader.Context);
+}
+
+}  // namespace
+}  // namespace korvanel::test
