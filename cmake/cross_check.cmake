@@ -2,6 +2,9 @@
 # compiler against its DDK headers and our KMDF/SPB declarations, warnings as
 # errors; and the published interface header as C. Exit 77 (skipped) only when
 # the cross compiler is missing.
+if(NOT WORK_DIR)
+  set(WORK_DIR ${CMAKE_CURRENT_BINARY_DIR})
+endif()
 find_program(MINGW_CXX x86_64-w64-mingw32-g++)
 find_program(MINGW_CC x86_64-w64-mingw32-gcc)
 if(NOT MINGW_CXX OR NOT MINGW_CC)
@@ -35,11 +38,11 @@ foreach(src ${SOURCES})
 endforeach()
 
 # The camera driver's view of the interface, compiled as C.
-file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/interface_as_c.c
+file(WRITE ${WORK_DIR}/interface_as_c.c
   "#include <ntddk.h>\n#include \"sensor/sensor_interface.h\"\nint korvanel_interface_size = sizeof(SENSOR_INTERFACE);\n")
 execute_process(
   COMMAND ${MINGW_CC} -std=c11 -fsyntax-only -Wall -Wextra -Werror -I${ddk} -I${SOURCE_DIR}
-          ${CMAKE_CURRENT_BINARY_DIR}/interface_as_c.c
+          ${WORK_DIR}/interface_as_c.c
   RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
 if(NOT rc EQUAL 0)
   message("FAILED: sensor/sensor_interface.h as C\n${out}${err}")
