@@ -1,0 +1,211 @@
+// registry.cpp - an in-memory registry hive: keys and value names compare
+// without regard to case, values have any type and length, and the driver
+// reaches them through ZwOpenKey / ZwQueryValueKey / ZwClose.
+#include "system.h"
+
+#include <algorithm>
+
+namespace korvanel::host {
+
+namespace {
+
+std::u16string upper(std::u16string s)
+{
+    for (auto& c : s) {
+        if (c >= u'a' && c <= u'z') {
+            c = char16_t(c - u'a' + u'A');
+        }
+    }
+    return s;
+}
+
+std::u16string from_unicode_string(const UNICODE_STRING* s)
+{
+    if (s == nullptr || s->Buffer == nullptr) {
+        return {};
+    }
+    return std::u16string(s->Buffer, s->Length / sizeof(WCHAR));
+}
+
+}  // namespace
+
+// Reached by the kernel entry points below.
+struct RegistryAccess {
+    static NTSTATUS open(Registry& r, const std::u16string& key, HANDLE* handle)
+    {
+        std::lock_guard lock(r.mutex_);
+        auto name = upper(key);
+        bool is_service_key = name == upper(Registry::kServiceKey);
+        if (is_service_key ? !r.service_key_present_ : r.keys_.count(name) == 0) {
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        }
+        uintptr_t h = r.next_handle_++;
+        r.handles_[h] = name;
+        *handle = reinterpret_cast<HANDLE>(h);
+        return STATUS_SUCCESS;
+    }
+
+    static NTSTATUS query(Registry& r, HANDLE handle, const std::u16string& value_name, Registry::Value* out)
+    {
+        std::lock_guard lock(r.mutex_);
+        auto h = r.handles_.find(reinterpret_cast<uintptr_t>(handle));
+        if (h == r.handles_.end()) {
+            return STATUS_INVALID_HANDLE;
+        }
+        auto key = r.keys_.find(h->second);
+        if (key == r.keys_.end()) {
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        }
+        auto value = key->second.find(upper(value_name));
+        if (value == key->second.end()) {
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        }
+        *out = value->second;
+        return STATUS_SUCCESS;
+    }
+
+    static NTSTATUS close(Registry& r, HANDLE handle)
+    {
+        std::lock_guard lock(r.mutex_);
+        return r.handles_.erase(reinterpret_cast<uintptr_t>(handle)) ? STATUS_SUCCESS : STATUS_INVALID_HANDLE;
+    }
+};
+
+void Registry::set_value(const std::u16string& key, const std::u16string& name, uint32_t type,
+                         std::vector<uint8_t> data)
+{
+    std::lock_guard lock(mutex_);
+    keys_[upper(key)][upper(name)] = {type, std::move(data)};
+}
+
+void Registry::set(const std::string& name, uint32_t type, std::vector<uint8_t> data)
+{
+    set_value(kServiceKey, to_utf16(name), type, std::move(data));
+}
+
+void Registry::set_dword(const std::string& name, uint32_t value)
+{
+    std::vector<uint8_t> data(4);
+    memcpy(data.data(), &value, 4);
+    set(name, REG_DWORD, std::move(data));
+}
+
+void Registry::set_string(const std::string& name, const std::string& value)
+{
+    std::u16string wide = to_utf16(value);
+    std::vector<uint8_t> data((wide.size() + 1) * sizeof(char16_t));
+    memcpy(data.data(), wide.c_str(), data.size());
+    set(name, REG_SZ, std::move(data));
+}
+
+void Registry::remove(const std::string& name)
+{
+    std::lock_guard lock(mutex_);
+    auto key = keys_.find(upper(kServiceKey));
+    if (key != keys_.end()) {
+        key->second.erase(upper(to_utf16(name)));
+    }
+}
+
+void Registry::clear()
+{
+    std::lock_guard lock(mutex_);
+    keys_.clear();
+}
+
+void Registry::set_service_key_present(bool present)
+{
+    std::lock_guard lock(mutex_);
+    service_key_present_ = present;
+}
+
+bool Registry::key_exists(const std::u16string& key) const
+{
+    std::lock_guard lock(mutex_);
+    return keys_.count(upper(key)) != 0;
+}
+
+std::optional<Registry::Value> Registry::value(const std::u16string& key, const std::u16string& name) const
+{
+    std::lock_guard lock(mutex_);
+    auto k = keys_.find(upper(key));
+    if (k == keys_.end()) {
+        return std::nullopt;
+    }
+    auto v = k->second.find(upper(name));
+    if (v == k->second.end()) {
+        return std::nullopt;
+    }
+    return v->second;
+}
+
+size_t Registry::open_keys() const
+{
+    std::lock_guard lock(mutex_);
+    return handles_.size();
+}
+
+}  // namespace korvanel::host
+
+using korvanel::host::Registry;
+using korvanel::host::RegistryAccess;
+using korvanel::host::System;
+
+NTSTATUS ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes)
+{
+    (void)DesiredAccess;
+    if (KeyHandle == nullptr || ObjectAttributes == nullptr || ObjectAttributes->Length != sizeof(OBJECT_ATTRIBUTES) ||
+        ObjectAttributes->ObjectName == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    auto& sys = System::current();
+    NTSTATUS status = sys.faults().check("ZwOpenKey");
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    return RegistryAccess::open(sys.registry(), korvanel::host::from_unicode_string(ObjectAttributes->ObjectName),
+                                KeyHandle);
+}
+
+NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
+                         KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass, PVOID KeyValueInformation,
+                         ULONG Length, PULONG ResultLength)
+{
+    if (ValueName == nullptr || ResultLength == nullptr || KeyValueInformationClass != KeyValuePartialInformation) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    auto& sys = System::current();
+    NTSTATUS status = sys.faults().check("ZwQueryValueKey");
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    Registry::Value value;
+    status = RegistryAccess::query(sys.registry(), KeyHandle, korvanel::host::from_unicode_string(ValueName), &value);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    // As Windows: the header must fit; data that does not fit is cut and
+    // reported with STATUS_BUFFER_OVERFLOW.
+    const ULONG header = FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data);
+    *ResultLength = header + ULONG(value.data.size());
+    if (Length < header || KeyValueInformation == nullptr) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    auto* info = static_cast<PKEY_VALUE_PARTIAL_INFORMATION>(KeyValueInformation);
+    info->TitleIndex = 0;
+    info->Type = value.type;
+    info->DataLength = ULONG(value.data.size());
+    size_t room = Length - header;
+    memcpy(info->Data, value.data.data(), std::min(room, value.data.size()));
+    return room < value.data.size() ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
+}
+
+NTSTATUS ZwClose(HANDLE Handle)
+{
+    auto& sys = System::current();
+    NTSTATUS status = RegistryAccess::close(sys.registry(), Handle);
+    if (!NT_SUCCESS(status)) {
+        sys.faults().note_error("ZwClose on a handle that is not open");
+    }
+    return status;
+}

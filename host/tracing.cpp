@@ -1,0 +1,402 @@
+// tracing.cpp - event tracing on the host: the system side of a provider's
+// registration (classic provider routines found by name, or WMI registration
+// with a callback), a consumer session that enables flags, WmiTraceMessage
+// collecting events, and a decoder that formats them with the call sites'
+// message texts.
+#include "system.h"
+#include "../wdk/wdk_extras.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+// The driver's format table: records the host build of each trace call site
+// places in this section (see trace/trace.h for the layout).
+struct HostTraceFormat {
+    const GUID* MessageGuid;
+    ULONG MessageNumber;
+    ULONG Flag;
+    const char* Text;
+    const char* File;
+};
+extern "C" const HostTraceFormat __start_korvanel_trace_formats[] __attribute__((weak));
+extern "C" const HostTraceFormat __stop_korvanel_trace_formats[] __attribute__((weak));
+
+namespace korvanel::host {
+
+namespace {
+
+TRACEHANDLE session_handle(uint32_t flags, uint8_t level)
+{
+    TRACE_ENABLE_CONTEXT context{1, level, 0, flags};
+    TRACEHANDLE handle;
+    static_assert(sizeof context == sizeof handle);
+    memcpy(&handle, &context, sizeof handle);
+    return handle;
+}
+
+typedef VOID(NTAPI* ClassicCallback)(LPCGUID, UCHAR, PVOID, PVOID);
+typedef NTSTATUS(NTAPI* WmiCallback)(UCHAR, PVOID, ULONG, PVOID, PVOID, PULONG);
+
+GUID g_provider_guid;
+
+}  // namespace
+
+void Traces::enable(uint32_t flags, uint8_t level)
+{
+    std::lock_guard lock(mutex_);
+    flags_ = flags;
+    level_ = level;
+    session_ = true;
+    apply_session();
+}
+
+void Traces::disable()
+{
+    std::lock_guard lock(mutex_);
+    session_ = false;
+    apply_session();
+}
+
+uint32_t Traces::enabled_flags() const
+{
+    std::lock_guard lock(mutex_);
+    return session_ ? flags_ : 0;
+}
+
+Traces::Registration Traces::registration() const
+{
+    std::lock_guard lock(mutex_);
+    return registration_;
+}
+
+void Traces::set_registration(Registration r, void* callback, void* context)
+{
+    std::lock_guard lock(mutex_);
+    registration_ = r;
+    callback_ = callback;
+    callback_context_ = context;
+    delivered_ = false;
+    if (r != Registration::None) {
+        apply_session();
+    }
+}
+
+// Tells the registered provider about the session, as the system does when a
+// consumer enables or disables it.
+void Traces::apply_session()
+{
+    std::lock_guard lock(mutex_);
+    if (registration_ == Registration::None || callback_ == nullptr || (!session_ && !delivered_)) {
+        return;
+    }
+    TRACEHANDLE handle = session_handle(flags_, level_);
+    if (registration_ == Registration::Classic) {
+        auto callback = reinterpret_cast<ClassicCallback>(callback_);
+        callback(&g_provider_guid,
+                 session_ ? EVENT_CONTROL_CODE_ENABLE_PROVIDER : EVENT_CONTROL_CODE_DISABLE_PROVIDER, &handle,
+                 callback_context_);
+    } else {
+        WNODE_HEADER wnode{};
+        wnode.BufferSize = sizeof wnode;
+        wnode.HistoricalContext = handle;
+        wnode.Guid = g_provider_guid;
+        ULONG size = 0;
+        auto callback = reinterpret_cast<WmiCallback>(callback_);
+        callback(session_ ? IRP_MN_ENABLE_EVENTS : IRP_MN_DISABLE_EVENTS, &g_provider_guid, sizeof wnode, &wnode,
+                 callback_context_, &size);
+    }
+    delivered_ = session_;
+}
+
+void Traces::record(Event e)
+{
+    std::lock_guard lock(mutex_);
+    if (!session_ || registration_ == Registration::None) {
+        return;
+    }
+    events_.push_back(std::move(e));
+}
+
+std::vector<Traces::Event> Traces::events() const
+{
+    std::lock_guard lock(mutex_);
+    return events_;
+}
+
+void Traces::clear()
+{
+    std::lock_guard lock(mutex_);
+    events_.clear();
+}
+
+const TraceFormatInfo* Traces::format(const Event& e) const
+{
+    static std::mutex cache_mutex;
+    static std::map<std::pair<std::string, uint16_t>, TraceFormatInfo> cache;
+    std::lock_guard lock(cache_mutex);
+    auto key = std::make_pair(guid_text(e.guid), e.number);
+    auto it = cache.find(key);
+    if (it != cache.end()) {
+        return &it->second;
+    }
+    if (__start_korvanel_trace_formats == nullptr) {
+        return nullptr;
+    }
+    for (auto* f = __start_korvanel_trace_formats; f < __stop_korvanel_trace_formats; f++) {
+        if (f->MessageNumber == e.number && IsEqualGUID(*f->MessageGuid, e.guid)) {
+            return &cache.emplace(key, TraceFormatInfo{f->Text, f->File, f->Flag}).first->second;
+        }
+    }
+    return nullptr;
+}
+
+uint32_t Traces::u32(const Event& e, size_t i)
+{
+    uint32_t v = 0;
+    if (i < e.args.size()) {
+        memcpy(&v, e.args[i].data(), std::min<size_t>(4, e.args[i].size()));
+    }
+    return v;
+}
+
+uint64_t Traces::u64(const Event& e, size_t i)
+{
+    uint64_t v = 0;
+    if (i < e.args.size()) {
+        memcpy(&v, e.args[i].data(), std::min<size_t>(8, e.args[i].size()));
+    }
+    return v;
+}
+
+std::string Traces::text(const Event& e, size_t i)
+{
+    if (i >= e.args.size()) {
+        return {};
+    }
+    auto& a = e.args[i];
+    return std::string(a.begin(), std::find(a.begin(), a.end(), uint8_t(0)));
+}
+
+std::u16string Traces::wtext(const Event& e, size_t i)
+{
+    if (i >= e.args.size()) {
+        return {};
+    }
+    std::u16string s(e.args[i].size() / 2, u'\0');
+    memcpy(s.data(), e.args[i].data(), s.size() * 2);
+    return s.substr(0, s.find(u'\0'));
+}
+
+std::string Traces::decode(const Event& e) const
+{
+    const TraceFormatInfo* f = format(e);
+    std::string out;
+    if (f == nullptr) {
+        out = guid_text(e.guid) + " #" + std::to_string(e.number) + ":";
+        for (size_t i = 1; i < e.args.size(); i++) {
+            out += " ";
+            for (uint8_t b : e.args[i]) {
+                char h[3];
+                snprintf(h, sizeof h, "%02x", b);
+                out += h;
+            }
+        }
+        return out;
+    }
+    std::string file = f->file.substr(f->file.find_last_of('/') + 1);
+    out = file.substr(0, file.find('.')) + ": ";
+    size_t arg = 1;
+    const std::string& t = f->text;
+    for (size_t p = 0; p < t.size(); p++) {
+        if (t[p] != '%') {
+            out += t[p];
+            continue;
+        }
+        size_t start = p++;
+        if (p < t.size() && t[p] == '%') {
+            out += '%';
+            continue;
+        }
+        if (t.compare(p, 8, "!STATUS!") == 0) {
+            out += status_name(NTSTATUS(u32(e, arg++)));
+            p += 7;
+            continue;
+        }
+        // Flags and width pass through to snprintf.
+        std::string spec = "%";
+        while (p < t.size() && strchr("#0-+ ", t[p])) {
+            spec += t[p++];
+        }
+        while (p < t.size() && isdigit(uint8_t(t[p]))) {
+            spec += t[p++];
+        }
+        bool is64 = t.compare(p, 3, "I64") == 0;
+        p += is64 ? 3 : 0;
+        char buffer[64];
+        if (t.compare(p, 2, "ws") == 0 || t.compare(p, 2, "wZ") == 0) {
+            out += to_utf8(wtext(e, arg++));
+            p++;
+        } else if (t[p] == 's') {
+            out += text(e, arg++);
+        } else if (t[p] == 'p') {
+            snprintf(buffer, sizeof buffer, "0x%llx", (unsigned long long)u64(e, arg++));
+            out += buffer;
+        } else if (strchr("duxXc", t[p])) {
+            char conversion = t[p];
+            if (is64) {
+                spec += "ll";
+                spec += conversion;
+                if (conversion == 'd') {
+                    snprintf(buffer, sizeof buffer, spec.c_str(), (long long)u64(e, arg++));
+                } else {
+                    snprintf(buffer, sizeof buffer, spec.c_str(), (unsigned long long)u64(e, arg++));
+                }
+            } else {
+                spec += conversion;
+                if (conversion == 'd') {
+                    snprintf(buffer, sizeof buffer, spec.c_str(), int32_t(u32(e, arg++)));
+                } else {
+                    snprintf(buffer, sizeof buffer, spec.c_str(), u32(e, arg++));
+                }
+            }
+            out += buffer;
+        } else {
+            out += t.substr(start, p - start + 1);
+        }
+    }
+    return out;
+}
+
+std::vector<std::string> Traces::lines() const
+{
+    std::vector<std::string> out;
+    for (auto& e : events()) {
+        out.push_back(decode(e));
+    }
+    return out;
+}
+
+std::vector<Traces::Event> Traces::find(const std::string& text) const
+{
+    std::vector<Event> out;
+    for (auto& e : events()) {
+        const TraceFormatInfo* f = format(e);
+        if (f != nullptr && f->text == text) {
+            out.push_back(e);
+        }
+    }
+    return out;
+}
+
+}  // namespace korvanel::host
+
+using korvanel::host::System;
+using korvanel::host::Traces;
+
+namespace {
+
+NTSTATUS NTAPI HostEtwRegisterClassicProvider(LPCGUID ProviderGuid, ULONG Type, PETW_CLASSIC_CALLBACK EnableCallback,
+                                              PVOID CallbackContext, PREGHANDLE RegHandle)
+{
+    (void)Type;
+    if (ProviderGuid == nullptr || RegHandle == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    korvanel::host::g_provider_guid = *ProviderGuid;
+    *RegHandle = 0x5245470000000001ULL;
+    System::current().traces().set_registration(Traces::Registration::Classic,
+                                                reinterpret_cast<void*>(EnableCallback), CallbackContext);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI HostEtwUnregister(REGHANDLE RegHandle)
+{
+    auto& sys = System::current();
+    if (RegHandle != 0x5245470000000001ULL || sys.traces().registration() != Traces::Registration::Classic) {
+        sys.faults().note_error("EtwUnregister of a handle that is not registered");
+        return STATUS_INVALID_HANDLE;
+    }
+    sys.traces().set_registration(Traces::Registration::None, nullptr, nullptr);
+    return STATUS_SUCCESS;
+}
+
+}  // namespace
+
+PVOID MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName)
+{
+    auto& sys = System::current();
+    if (SystemRoutineName == nullptr || SystemRoutineName->Buffer == nullptr || !sys.classic_tracing_available()) {
+        return nullptr;
+    }
+    std::u16string name(SystemRoutineName->Buffer, SystemRoutineName->Length / sizeof(WCHAR));
+    if (name == u"EtwRegisterClassicProvider") {
+        return reinterpret_cast<PVOID>(&HostEtwRegisterClassicProvider);
+    }
+    if (name == u"EtwUnregister") {
+        return reinterpret_cast<PVOID>(&HostEtwUnregister);
+    }
+    return nullptr;
+}
+
+NTSTATUS IoWMIRegistrationControl(PDEVICE_OBJECT DeviceObject, ULONG Action)
+{
+    auto& sys = System::current();
+    if ((Action & WMIREG_FLAG_CALLBACK) == 0 || DeviceObject == nullptr) {
+        return STATUS_INVALID_PARAMETER;  // the driver has no WMI device objects of its own
+    }
+    auto callback = reinterpret_cast<korvanel::host::WmiCallback>(DeviceObject);
+    switch (Action & ~WMIREG_FLAG_CALLBACK) {
+    case WMIREG_ACTION_REGISTER: {
+        // The system asks the provider which GUID it controls.
+        alignas(8) uint8_t buffer[256] = {};
+        ULONG size = 0;
+        NTSTATUS status = callback(IRP_MN_REGINFO, nullptr, sizeof buffer, buffer, nullptr, &size);
+        auto* info = reinterpret_cast<PWMIREGINFOW>(buffer);
+        if (!NT_SUCCESS(status) || info->GuidCount != 1 ||
+            (info->WmiRegGuid[0].Flags & WMIREG_FLAG_TRACE_CONTROL_GUID) == 0) {
+            sys.faults().note_error("WMI registration without a trace control GUID");
+            return STATUS_INVALID_PARAMETER;
+        }
+        korvanel::host::g_provider_guid = info->WmiRegGuid[0].Guid;
+        sys.traces().set_registration(Traces::Registration::Wmi, reinterpret_cast<void*>(callback), nullptr);
+        return STATUS_SUCCESS;
+    }
+    case WMIREG_ACTION_DEREGISTER:
+        if (sys.traces().registration() != Traces::Registration::Wmi) {
+            sys.faults().note_error("WMI deregistration without a registration");
+            return STATUS_INVALID_PARAMETER;
+        }
+        sys.traces().set_registration(Traces::Registration::None, nullptr, nullptr);
+        return STATUS_SUCCESS;
+    default:
+        return STATUS_INVALID_PARAMETER;
+    }
+}
+
+extern "C" NTSTATUS WmiTraceMessage(TRACEHANDLE LoggerHandle, ULONG MessageFlags, LPGUID MessageGuid,
+                                    USHORT MessageNumber, ...)
+{
+    auto& sys = System::current();
+    if (MessageGuid == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    uint32_t flags = sys.traces().enabled_flags();
+    // Only the session's own logger (id 1) takes events.
+    if (flags == 0 || (LoggerHandle & 0xFFFF) != 1) {
+        return STATUS_INVALID_HANDLE;
+    }
+    Traces::Event e{*MessageGuid, MessageNumber, MessageFlags, {}, sys.clock().now()};
+    va_list args;
+    va_start(args, MessageNumber);
+    for (;;) {
+        auto* data = va_arg(args, const uint8_t*);
+        if (data == nullptr) {
+            break;
+        }
+        size_t length = va_arg(args, SIZE_T);
+        e.args.emplace_back(data, data + length);
+    }
+    va_end(args);
+    sys.traces().record(std::move(e));
+    return STATUS_SUCCESS;
+}

@@ -1,0 +1,206 @@
+/*
+ * trace.cpp - the driver's trace provider: registration at driver entry,
+ * the enable callbacks a trace consumer reaches, and event emission.
+ *
+ * From Windows Vista on the classic provider routines are exported by the
+ * kernel and found by name; older systems take the provider through WMI
+ * registration with a callback. Either way the consumer's session handle and
+ * enabled flags land in TraceControl, and Flags stays zero whenever tracing is
+ * not registered, so a disabled event costs one load and one branch.
+ */
+#include "trace.h"
+
+#ifdef ALLOC_PRAGMA
+#pragma alloc_text(INIT, TraceInitialize)
+#pragma alloc_text(PAGE, TraceCleanup)
+#endif
+
+TRACE_CONTROL_BLOCK TraceControl;
+
+// {A85E7B83-68E8-492D-B506-4161E7A87DDA}
+const GUID TraceControlGuid = {0xa85e7b83, 0x68e8, 0x492d, {0xb5, 0x06, 0x41, 0x61, 0xe7, 0xa8, 0x7d, 0xda}};
+
+#define TRACE_MESSAGE_OPTIONS \
+    (TRACE_MESSAGE_SEQUENCE | TRACE_MESSAGE_GUID | TRACE_MESSAGE_SYSTEMINFO | TRACE_MESSAGE_TIMESTAMP)
+
+static const CHAR TraceComponentName[] = "KORVANEL";
+
+/* A consumer enabled or disabled us: the session handle carries the flags. */
+static VOID TraceSetSession(BOOLEAN Enable, TRACEHANDLE Logger)
+{
+    if (Enable) {
+        TRACE_ENABLE_CONTEXT enableContext;
+        RtlCopyMemory(&enableContext, &Logger, sizeof(enableContext));
+        TraceControl.Logger = Logger;
+        WriteULongNoFence(&TraceControl.Flags, enableContext.EnableFlags);
+    } else {
+        WriteULongNoFence(&TraceControl.Flags, 0);
+        TraceControl.Logger = 0;
+    }
+}
+
+static VOID NTAPI TraceClassicCallback(LPCGUID Guid, UCHAR ControlCode, PVOID EnableContext, PVOID CallbackContext)
+{
+    UNREFERENCED_PARAMETER(Guid);
+    UNREFERENCED_PARAMETER(CallbackContext);
+
+    if (ControlCode == EVENT_CONTROL_CODE_ENABLE_PROVIDER && EnableContext != NULL) {
+        TRACEHANDLE logger;
+        RtlCopyMemory(&logger, EnableContext, sizeof(logger));
+        TraceSetSession(TRUE, logger);
+    } else {
+        TraceSetSession(FALSE, 0);
+    }
+}
+
+static NTSTATUS NTAPI TraceWmiCallback(UCHAR MinorFunction, PVOID DataPath, ULONG BufferLength, PVOID Buffer,
+                                       PVOID Context, PULONG Size)
+{
+    UNREFERENCED_PARAMETER(DataPath);
+    UNREFERENCED_PARAMETER(Context);
+
+    switch (MinorFunction) {
+    case IRP_MN_REGINFO: {
+        // We control one GUID, the trace control GUID of the driver.
+        PWMIREGINFOW regInfo = (PWMIREGINFOW)Buffer;
+        if (regInfo == NULL || BufferLength < sizeof(WMIREGINFOW)) {
+            return STATUS_BUFFER_TOO_SMALL;
+        }
+        RtlZeroMemory(regInfo, sizeof(WMIREGINFOW));
+        regInfo->BufferSize = sizeof(WMIREGINFOW);
+        regInfo->GuidCount = 1;
+        regInfo->WmiRegGuid[0].Guid = TraceControlGuid;
+        regInfo->WmiRegGuid[0].Flags = WMIREG_FLAG_TRACE_CONTROL_GUID | WMIREG_FLAG_TRACED_GUID;
+        if (Size != NULL) {
+            *Size = sizeof(WMIREGINFOW);
+        }
+        return STATUS_SUCCESS;
+    }
+    case IRP_MN_ENABLE_EVENTS:
+        if (Buffer == NULL || BufferLength < sizeof(WNODE_HEADER)) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        TraceSetSession(TRUE, ((PWNODE_HEADER)Buffer)->HistoricalContext);
+        return STATUS_SUCCESS;
+    case IRP_MN_DISABLE_EVENTS:
+        TraceSetSession(FALSE, 0);
+        return STATUS_SUCCESS;
+    default:
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
+}
+
+VOID TraceInitialize(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath)
+{
+    UNREFERENCED_PARAMETER(DriverObject);
+    UNREFERENCED_PARAMETER(RegistryPath);
+
+    RtlZeroMemory(&TraceControl, sizeof(TraceControl));
+
+    RTL_OSVERSIONINFOW version;
+    RtlZeroMemory(&version, sizeof(version));
+    version.dwOSVersionInfoSize = sizeof(version);
+    if (NT_SUCCESS(RtlGetVersion(&version)) && version.dwMajorVersion >= 6) {
+        UNICODE_STRING registerName;
+        UNICODE_STRING unregisterName;
+        RtlInitUnicodeString(&registerName, WIDE("EtwRegisterClassicProvider"));
+        RtlInitUnicodeString(&unregisterName, WIDE("EtwUnregister"));
+        PFN_ETW_REGISTER_CLASSIC_PROVIDER registerClassic =
+            (PFN_ETW_REGISTER_CLASSIC_PROVIDER)MmGetSystemRoutineAddress(&registerName);
+        PFN_ETW_UNREGISTER unregister = (PFN_ETW_UNREGISTER)MmGetSystemRoutineAddress(&unregisterName);
+        if (registerClassic != NULL && unregister != NULL) {
+            TraceControl.Unregister = unregister;
+            TraceControl.Registered = TRACE_REGISTERED_CLASSIC;
+            if (!NT_SUCCESS(registerClassic(&TraceControlGuid, 0, TraceClassicCallback, &TraceControl,
+                                            &TraceControl.RegHandle))) {
+                TraceControl.Registered = 0;
+                TraceControl.Unregister = NULL;
+            }
+            return;
+        }
+    }
+
+    TraceControl.Registered = TRACE_REGISTERED_WMI;
+    if (!NT_SUCCESS(IoWMIRegistrationControl((PDEVICE_OBJECT)TraceWmiCallback,
+                                             WMIREG_ACTION_REGISTER | WMIREG_FLAG_CALLBACK))) {
+        TraceControl.Registered = 0;
+    }
+}
+
+VOID TraceCleanup(PDRIVER_OBJECT DriverObject)
+{
+    UNREFERENCED_PARAMETER(DriverObject);
+    PAGED_CODE();
+
+    WriteULongNoFence(&TraceControl.Flags, 0);
+    if (TraceControl.Registered == TRACE_REGISTERED_CLASSIC) {
+        TraceControl.Unregister(TraceControl.RegHandle);
+    } else if (TraceControl.Registered == TRACE_REGISTERED_WMI) {
+        IoWMIRegistrationControl((PDEVICE_OBJECT)TraceWmiCallback, WMIREG_ACTION_DEREGISTER | WMIREG_FLAG_CALLBACK);
+    }
+    RtlZeroMemory(&TraceControl, sizeof(TraceControl));
+}
+
+/* Arguments go out as (pointer, length) pairs after the component name; a
+ * number is sent from its slot in the argument list. */
+VOID TraceWrite(LPCGUID MessageGuid, USHORT MessageNumber, TRACE_ARGUMENT* Arguments, ULONG Count)
+{
+    const VOID* d[TRACE_MAX_ARGUMENTS];
+    SIZE_T n[TRACE_MAX_ARGUMENTS];
+
+    if (Count > TRACE_MAX_ARGUMENTS) {
+        Count = TRACE_MAX_ARGUMENTS;
+    }
+    for (ULONG i = 0; i < Count; i++) {
+        d[i] = Arguments[i].Data != NULL ? Arguments[i].Data : &Arguments[i].Number;
+        n[i] = Arguments[i].Length;
+    }
+
+    TRACEHANDLE logger = TraceControl.Logger;
+    LPGUID guid = (LPGUID)MessageGuid;
+    PVOID name = (PVOID)TraceComponentName;
+    SIZE_T nameLength = sizeof(TraceComponentName);
+
+#define TRACE_PAIR(i) (PVOID) d[i], n[i]
+    switch (Count) {
+    case 0:
+        WmiTraceMessage(logger, TRACE_MESSAGE_OPTIONS, guid, MessageNumber, name, nameLength, (PVOID)NULL, (SIZE_T)0);
+        break;
+    case 1:
+        WmiTraceMessage(logger, TRACE_MESSAGE_OPTIONS, guid, MessageNumber, name, nameLength, TRACE_PAIR(0),
+                        (PVOID)NULL, (SIZE_T)0);
+        break;
+    case 2:
+        WmiTraceMessage(logger, TRACE_MESSAGE_OPTIONS, guid, MessageNumber, name, nameLength, TRACE_PAIR(0),
+                        TRACE_PAIR(1), (PVOID)NULL, (SIZE_T)0);
+        break;
+    case 3:
+        WmiTraceMessage(logger, TRACE_MESSAGE_OPTIONS, guid, MessageNumber, name, nameLength, TRACE_PAIR(0),
+                        TRACE_PAIR(1), TRACE_PAIR(2), (PVOID)NULL, (SIZE_T)0);
+        break;
+    case 4:
+        WmiTraceMessage(logger, TRACE_MESSAGE_OPTIONS, guid, MessageNumber, name, nameLength, TRACE_PAIR(0),
+                        TRACE_PAIR(1), TRACE_PAIR(2), TRACE_PAIR(3), (PVOID)NULL, (SIZE_T)0);
+        break;
+    case 5:
+        WmiTraceMessage(logger, TRACE_MESSAGE_OPTIONS, guid, MessageNumber, name, nameLength, TRACE_PAIR(0),
+                        TRACE_PAIR(1), TRACE_PAIR(2), TRACE_PAIR(3), TRACE_PAIR(4), (PVOID)NULL, (SIZE_T)0);
+        break;
+    case 6:
+        WmiTraceMessage(logger, TRACE_MESSAGE_OPTIONS, guid, MessageNumber, name, nameLength, TRACE_PAIR(0),
+                        TRACE_PAIR(1), TRACE_PAIR(2), TRACE_PAIR(3), TRACE_PAIR(4), TRACE_PAIR(5), (PVOID)NULL,
+                        (SIZE_T)0);
+        break;
+    case 7:
+        WmiTraceMessage(logger, TRACE_MESSAGE_OPTIONS, guid, MessageNumber, name, nameLength, TRACE_PAIR(0),
+                        TRACE_PAIR(1), TRACE_PAIR(2), TRACE_PAIR(3), TRACE_PAIR(4), TRACE_PAIR(5), TRACE_PAIR(6),
+                        (PVOID)NULL, (SIZE_T)0);
+        break;
+    default:
+        WmiTraceMessage(logger, TRACE_MESSAGE_OPTIONS, guid, MessageNumber, name, nameLength, TRACE_PAIR(0),
+                        TRACE_PAIR(1), TRACE_PAIR(2), TRACE_PAIR(3), TRACE_PAIR(4), TRACE_PAIR(5), TRACE_PAIR(6),
+                        TRACE_PAIR(7), (PVOID)NULL, (SIZE_T)0);
+        break;
+    }
+#undef TRACE_PAIR
+}
