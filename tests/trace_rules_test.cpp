@@ -1,0 +1,169 @@
+// The driver's trace events: how the provider registers, when an event goes
+// out, and what it carries (message GUID and number, "KORVANEL" first, the
+// arguments' encodings).
+#include "bench.h"
+
+#include "driver/driver.h"
+
+namespace korvanel::test {
+namespace {
+
+using host::System;
+using host::Traces;
+
+// Events emitted from this file, numbered from 10 in order of appearance.
+// {0E2A7C6B-3F15-4B8D-A1E9-7C40D5B2F863}
+const GUID TestTraceGuid = {0x0e2a7c6b, 0x3f15, 0x4b8d, {0xa1, 0xe9, 0x7c, 0x40, 0xd5, 0xb2, 0xf8, 0x63}};
+TRACE_MODULE(TestTraceGuid);
+
+void EmitTexts(const char* text, const CHAR (&field)[8], const WCHAR* wide)
+{
+    TraceEvents(TRACE_INFO, "texts %s %s %ws", text, field, wide);
+}
+
+void EmitNumbers(UCHAR byte, USHORT word, LONG64 wide, PVOID pointer)
+{
+    TraceEvents(TRACE_ERROR, "numbers %u %u %I64d %p", byte, word, wide, pointer);
+}
+
+TEST(TraceTest, RegistrationFollowsTheSystemVersionAndTheRoutinesFound)
+{
+    struct Case {
+        uint32_t major;
+        bool classic_routines;
+        Traces::Registration expected;
+    } cases[] = {
+        {10, true, Traces::Registration::Classic},
+        {6, true, Traces::Registration::Classic},
+        {5, true, Traces::Registration::Wmi},
+        {10, false, Traces::Registration::Wmi},
+    };
+    for (auto c : cases) {
+        SCOPED_TRACE(testing::Message() << "major " << c.major << ", classic routines " << c.classic_routines);
+        System sys;
+        sys.set_os_major_version(c.major);
+        sys.set_classic_tracing_available(c.classic_routines);
+        sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+        ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+        EXPECT_EQ(sys.traces().registration(), c.expected);
+        sys.add_device();
+
+        // Every event, whichever way it was registered, starts with the
+        // component name and its terminator.
+        auto events = sys.traces().events();
+        ASSERT_FALSE(events.empty());
+        for (auto& e : events) {
+            ASSERT_GE(e.args.size(), 1u);
+            EXPECT_EQ(e.args[0], std::vector<uint8_t>({'K', 'O', 'R', 'V', 'A', 'N', 'E', 'L', 0}));
+            EXPECT_NE(sys.traces().format(e), nullptr) << "an event without a message text";
+        }
+        EXPECT_TRUE(sys.unload_driver().clean());
+        EXPECT_EQ(sys.traces().registration(), Traces::Registration::None);
+        EXPECT_EQ(TraceControl.Flags, 0u);
+    }
+}
+
+TEST(TraceTest, OnlyEnabledFlagsGoOutAndOnlyWhileASessionIsOn)
+{
+    System sys;
+    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    sys.faults().fail("WdfDeviceAssignS0IdleSettings", STATUS_INVALID_DEVICE_REQUEST);
+    sys.add_device();
+    EXPECT_TRUE(sys.traces().events().empty()) << "events went out with no consumer";
+
+    struct Case {
+        uint32_t flags;
+        bool info, error;
+    } cases[] = {{TRACE_INFO, true, false}, {TRACE_ERROR, false, true}, {TRACE_INFO | TRACE_ERROR, true, true}};
+    for (auto c : cases) {
+        SCOPED_TRACE(c.flags);
+        sys.traces().enable(c.flags);
+        sys.traces().clear();
+        sys.faults().fail("WdfDeviceAssignS0IdleSettings", STATUS_INVALID_DEVICE_REQUEST);
+        sys.add_device();
+        bool saw_info = false, saw_error = false;
+        for (auto& e : sys.traces().events()) {
+            auto* f = sys.traces().format(e);
+            ASSERT_NE(f, nullptr);
+            saw_info |= f->flag == TRACE_INFO;
+            saw_error |= f->flag == TRACE_ERROR;
+        }
+        EXPECT_EQ(saw_info, c.info);
+        EXPECT_EQ(saw_error, c.error);
+    }
+
+    sys.traces().disable();
+    sys.traces().clear();
+    sys.add_device();
+    EXPECT_TRUE(sys.traces().events().empty()) << "events went out after the consumer disabled them";
+    EXPECT_TRUE(sys.unload_driver().clean());
+}
+
+TEST(TraceTest, MessagesAreNumberedFromTenInEachModule)
+{
+    System sys;
+    sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    sys.add_device();
+
+    // The first two call sites of the driver module.
+    auto entry_exit = sys.traces().find("DriverEntry exit %!STATUS!");
+    auto add_entry = sys.traces().find("SensorEvtDeviceAdd entry");
+    ASSERT_EQ(entry_exit.size(), 1u);
+    ASSERT_EQ(add_entry.size(), 1u);
+    EXPECT_EQ(entry_exit[0].number, 10);
+    EXPECT_EQ(add_entry[0].number, 11);
+    EXPECT_TRUE(IsEqualGUID(entry_exit[0].guid, add_entry[0].guid));
+    EXPECT_EQ(entry_exit[0].message_flags, 0x2Bu);  // sequence, GUID, system information, time stamp
+
+    // Another module numbers its own messages from 10 again, under its own GUID.
+    sys.traces().clear();
+    CHAR field[8] = "abc";
+    EmitTexts("x", field, WIDE("w"));
+    EmitNumbers(1, 2, 3, nullptr);
+    auto events = sys.traces().events();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].number, 10);
+    EXPECT_EQ(events[1].number, 11);
+    EXPECT_TRUE(IsEqualGUID(events[0].guid, TestTraceGuid));
+    EXPECT_FALSE(IsEqualGUID(events[0].guid, entry_exit[0].guid));
+    EXPECT_TRUE(sys.unload_driver().clean());
+}
+
+TEST(TraceTest, ArgumentsCarryTheirTerminatorsAndWidths)
+{
+    System sys;
+    sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    sys.traces().clear();
+
+    CHAR field[8] = {'a', 'b', 0, 'z', 'z', 'z', 'z', 'z'};
+    EmitTexts(nullptr, field, nullptr);
+    EmitNumbers(0xFE, 0xBEEF, -2, &field);
+    auto events = sys.traces().events();
+    ASSERT_EQ(events.size(), 2u);
+
+    // A missing text goes out as "NULL"; a text field stops at its terminator.
+    auto& texts = events[0].args;
+    ASSERT_EQ(texts.size(), 4u);
+    EXPECT_EQ(texts[1], std::vector<uint8_t>({'N', 'U', 'L', 'L', 0}));
+    EXPECT_EQ(texts[2], std::vector<uint8_t>({'a', 'b', 0}));
+    EXPECT_EQ(texts[3], std::vector<uint8_t>({'N', 0, 'U', 0, 'L', 0, 'L', 0, 0, 0}));
+
+    // Small numbers widen to 32 bits; 64-bit numbers and pointers keep 8 bytes.
+    auto& numbers = events[1];
+    ASSERT_EQ(numbers.args.size(), 5u);
+    EXPECT_EQ(numbers.args[1].size(), 4u);
+    EXPECT_EQ(Traces::u32(numbers, 1), 0xFEu);
+    EXPECT_EQ(numbers.args[2].size(), 4u);
+    EXPECT_EQ(Traces::u32(numbers, 2), 0xBEEFu);
+    EXPECT_EQ(numbers.args[3].size(), 8u);
+    EXPECT_EQ(int64_t(Traces::u64(numbers, 3)), -2);
+    EXPECT_EQ(numbers.args[4].size(), 8u);
+    EXPECT_EQ(Traces::u64(numbers, 4), uint64_t(uintptr_t(&field)));
+    EXPECT_EQ(sys.traces().decode(numbers).substr(0, 23), "trace_rules_test: numbe");
+    EXPECT_TRUE(sys.unload_driver().clean());
+}
+
+}  // namespace
+}  // namespace korvanel::test
