@@ -3,6 +3,7 @@
 // processor stalls, system time and interlocked operations.
 #include "system.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <thread>
@@ -117,22 +118,10 @@ void Clock::clear_delays()
 size_t Clock::stall_count() const
 {
     std::lock_guard lock(mutex_);
-    size_t n = 0;
-    for (auto& d : delays_) {
-        n += d.kind == Delay::Kind::Stall;
-    }
-    return n;
+    return std::count_if(delays_.begin(), delays_.end(), [](const Delay& d) { return d.kind == Delay::Kind::Stall; });
 }
 
-size_t Clock::sleep_count() const
-{
-    std::lock_guard lock(mutex_);
-    size_t n = 0;
-    for (auto& d : delays_) {
-        n += d.kind == Delay::Kind::Sleep;
-    }
-    return n;
-}
+size_t Clock::sleep_count() const { return delays().size() - stall_count(); }
 
 uint64_t Clock::add_timer(int64_t due, std::function<void()> fn)
 {

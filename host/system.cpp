@@ -63,32 +63,32 @@ bool Device::interface_published(const GUID& type) const
                        [&](auto& qi) { return IsEqualGUID(*qi.config.InterfaceType, type); });
 }
 
-NTSTATUS Device::query_remove()
+namespace {
+template <typename Callback>
+NTSTATUS query_pnp(DeviceObject* object, Callback callback)
 {
-    if (object_ == nullptr) {
+    if (object == nullptr) {
         return STATUS_NO_SUCH_DEVICE;
     }
     std::lock_guard lock(framework_lock());
-    // While the driver has blocked stop and remove, the framework fails the
-    // query without asking the driver.
-    if (object_->stop_remove_blocks > 0) {
+    // While the driver blocks stop and remove, the framework fails the query
+    // without asking the driver; otherwise the driver's callback decides.
+    if (object->stop_remove_blocks > 0) {
         return STATUS_INVALID_DEVICE_STATE;
     }
-    auto callback = object_->pnp.EvtDeviceQueryRemove;
-    return callback ? callback(handle()) : STATUS_SUCCESS;
+    auto fn = callback(object->pnp);
+    return fn ? fn(reinterpret_cast<WDFDEVICE>(object->handle())) : STATUS_SUCCESS;
+}
+}  // namespace
+
+NTSTATUS Device::query_remove()
+{
+    return query_pnp(object_, [](const WDF_PNPPOWER_EVENT_CALLBACKS& c) { return c.EvtDeviceQueryRemove; });
 }
 
 NTSTATUS Device::query_stop()
 {
-    if (object_ == nullptr) {
-        return STATUS_NO_SUCH_DEVICE;
-    }
-    std::lock_guard lock(framework_lock());
-    if (object_->stop_remove_blocks > 0) {
-        return STATUS_INVALID_DEVICE_STATE;
-    }
-    auto callback = object_->pnp.EvtDeviceQueryStop;
-    return callback ? callback(handle()) : STATUS_SUCCESS;
+    return query_pnp(object_, [](const WDF_PNPPOWER_EVENT_CALLBACKS& c) { return c.EvtDeviceQueryStop; });
 }
 
 void Device::remove()
