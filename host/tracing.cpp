@@ -223,12 +223,12 @@ std::string Traces::decode(const Event& e) const
             continue;
         }
         // Flags and width pass through to snprintf.
-        std::string spec = "%";
+        std::string directive = "%";
         while (p < t.size() && strchr("#0-+ ", t[p])) {
-            spec += t[p++];
+            directive += t[p++];
         }
         while (p < t.size() && isdigit(uint8_t(t[p]))) {
-            spec += t[p++];
+            directive += t[p++];
         }
         bool is64 = t.compare(p, 3, "I64") == 0;
         p += is64 ? 3 : 0;
@@ -244,19 +244,19 @@ std::string Traces::decode(const Event& e) const
         } else if (strchr("duxXc", t[p])) {
             char conversion = t[p];
             if (is64) {
-                spec += "ll";
-                spec += conversion;
+                directive += "ll";
+                directive += conversion;
                 if (conversion == 'd') {
-                    snprintf(buffer, sizeof buffer, spec.c_str(), (long long)u64(e, arg++));
+                    snprintf(buffer, sizeof buffer, directive.c_str(), (long long)u64(e, arg++));
                 } else {
-                    snprintf(buffer, sizeof buffer, spec.c_str(), (unsigned long long)u64(e, arg++));
+                    snprintf(buffer, sizeof buffer, directive.c_str(), (unsigned long long)u64(e, arg++));
                 }
             } else {
-                spec += conversion;
+                directive += conversion;
                 if (conversion == 'd') {
-                    snprintf(buffer, sizeof buffer, spec.c_str(), int32_t(u32(e, arg++)));
+                    snprintf(buffer, sizeof buffer, directive.c_str(), int32_t(u32(e, arg++)));
                 } else {
-                    snprintf(buffer, sizeof buffer, spec.c_str(), u32(e, arg++));
+                    snprintf(buffer, sizeof buffer, directive.c_str(), u32(e, arg++));
                 }
             }
             out += buffer;

@@ -269,17 +269,17 @@ void print_text(const ordered_json& d, const std::string& hwid)
     }
 }
 
-bool parse_registry_value(const std::string& spec, std::string& name, uint32_t& value)
+bool parse_registry_value(const std::string& assignment, std::string& name, uint32_t& value)
 {
-    auto eq = spec.find('=');
+    auto eq = assignment.find('=');
     if (eq == std::string::npos || eq == 0) {
         return false;
     }
-    name = spec.substr(0, eq);
+    name = assignment.substr(0, eq);
     try {
         size_t used = 0;
-        unsigned long v = std::stoul(spec.substr(eq + 1), &used, 0);
-        if (used != spec.size() - eq - 1 || v > 0xFFFFFFFFul) {
+        unsigned long v = std::stoul(assignment.substr(eq + 1), &used, 0);
+        if (used != assignment.size() - eq - 1 || v > 0xFFFFFFFFul) {
             return false;
         }
         value = uint32_t(v);
@@ -333,11 +333,11 @@ int main(int argc, char** argv)
     }
 
     System sys;
-    for (auto& spec : registry_values) {
+    for (auto& assignment : registry_values) {
         std::string name;
         uint32_t value;
-        if (!parse_registry_value(spec, name, value)) {
-            std::cerr << "korvanel-sim: --reg takes NAME=VALUE with a 32-bit number, not '" << spec << "'\n";
+        if (!parse_registry_value(assignment, name, value)) {
+            std::cerr << "korvanel-sim: --reg takes NAME=VALUE with a 32-bit number, not '" << assignment << "'\n";
             return 2;
         }
         sys.registry().set_dword(name, value);
