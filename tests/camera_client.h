@@ -1,0 +1,67 @@
+// camera_client.h - the sensor interface as the camera driver uses it: a
+// device is added, its SENSOR_INTERFACE taken by a query-interface request and
+// every operation called through the copy with its Context.
+#pragma once
+
+#include "bench.h"
+
+#include <cstring>
+#include <vector>
+
+namespace korvanel::test {
+
+class CameraTest : public DriverTest {
+protected:
+    SENSOR_INTERFACE si{};
+    PSENSOR_CONTEXT ctx = nullptr;
+    host::Device* dev = nullptr;
+
+    // Adds the device (after the test set the registry) and takes the interface.
+    void open(host::DeviceConfig config = {})
+    {
+        close();
+        dev = &sys.add_device(std::move(config));
+        ASSERT_EQ(dev->add_status(), STATUS_SUCCESS);
+        si = take_interface(*dev);
+        ctx = (PSENSOR_CONTEXT)si.InterfaceHeader.Context;
+    }
+
+    // A device enumerated under these hardware identifiers.
+    void open(std::vector<std::u16string> hardware_ids)
+    {
+        host::DeviceConfig config;
+        config.hardware_ids = std::move(hardware_ids);
+        open(std::move(config));
+    }
+
+    void close()
+    {
+        if (ctx != nullptr) {
+            si.InterfaceHeader.InterfaceDereference(ctx);
+            ctx = nullptr;
+        }
+    }
+
+    void TearDown() override
+    {
+        close();
+        DriverTest::TearDown();
+    }
+};
+
+// The bytes of a record, for comparing what the camera driver reads.
+template <typename T>
+std::vector<uint8_t> bytes_of(const T& record)
+{
+    auto* p = reinterpret_cast<const uint8_t*>(&record);
+    return std::vector<uint8_t>(p, p + sizeof(T));
+}
+
+// Writes a little-endian value into an expected record.
+template <typename T>
+void put(std::vector<uint8_t>& b, size_t at, T v)
+{
+    memcpy(&b[at], &v, sizeof v);
+}
+
+}  // namespace korvanel::test
