@@ -191,7 +191,7 @@ VOID SensorEvtDriverCleanup(WDFOBJECT DriverObject)
 NTSTATUS SensorEvtD0Entry(WDFDEVICE Device, WDF_POWER_DEVICE_STATE PreviousState)
 {
     UNREFERENCED_PARAMETER(Device);
-    TraceEvents(TRACE_INFO, "SensorEvtD0Entry from D%d", (ULONG)PreviousState - WdfPowerDeviceD0);
+    TraceEvents(TRACE_INFO, "SensorEvtD0Entry from framework power state %d", (ULONG)PreviousState);
     return STATUS_SUCCESS;
 }
 
@@ -200,7 +200,7 @@ NTSTATUS SensorEvtD0Exit(WDFDEVICE Device, WDF_POWER_DEVICE_STATE TargetState)
     UNREFERENCED_PARAMETER(Device);
     PAGED_CODE();
 
-    TraceEvents(TRACE_INFO, "SensorEvtD0Exit to D%d", (ULONG)TargetState - WdfPowerDeviceD0);
+    TraceEvents(TRACE_INFO, "SensorEvtD0Exit to framework power state %d", (ULONG)TargetState);
     return STATUS_SUCCESS;
 }
 
