@@ -139,6 +139,8 @@ void Clock::cancel_timer(uint64_t id)
 
 void Clock::stall_us(uint32_t us)
 {
+    // The spin's end is fixed first, so the bookkeeping is part of the stall.
+    auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(us);
     int64_t start = now();
     {
         std::lock_guard lock(mutex_);
@@ -146,7 +148,6 @@ void Clock::stall_us(uint32_t us)
     }
     if (mode() == Mode::Real) {
         // Spin on the monotonic clock: a stall must not give up the processor.
-        auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(us);
         while (std::chrono::steady_clock::now() < until) {
         }
         fire_due_timers();

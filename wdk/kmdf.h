@@ -393,6 +393,7 @@ inline VOID WDF_IO_TARGET_OPEN_PARAMS_INIT_OPEN_BY_NAME(PWDF_IO_TARGET_OPEN_PARA
     Params->Type = WdfIoTargetOpenByName;
     RtlCopyMemory(&Params->TargetDeviceName, TargetDeviceName, sizeof(UNICODE_STRING));
     Params->DesiredAccess = DesiredAccess;
+    Params->CreateDisposition = FILE_OPEN;
     Params->CreateOptions = FILE_NON_DIRECTORY_FILE;
 }
 
