@@ -1,0 +1,269 @@
+// bus.cpp - the simulated I2C buses: one transfer at a time on the part
+// attached to a connection, with wire time on the clock, injected faults,
+// the request's time-out and a transcript of everything that went over.
+#include "bus.h"
+#include "system.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace korvanel::host {
+
+bool BusMatch::matches(const BusTransfer& transfer) const
+{
+    if (connection && *connection != transfer.connection) {
+        return false;
+    }
+    if (direction && *direction != transfer.direction) {
+        return false;
+    }
+    if (!prefix.empty()) {
+        return transfer.direction == Direction::Write && transfer.bytes.size() >= prefix.size() &&
+               std::equal(prefix.begin(), prefix.end(), transfer.bytes.begin());
+    }
+    return true;
+}
+
+// ---- Peripherals and speed ------------------------------------------------------
+
+void Bus::attach(uint64_t connection, std::shared_ptr<sim::Peripheral> peripheral)
+{
+    std::lock_guard lock(mutex_);
+    peripherals_[connection] = std::move(peripheral);
+}
+
+void Bus::detach(uint64_t connection)
+{
+    std::lock_guard lock(mutex_);
+    peripherals_.erase(connection);
+}
+
+std::shared_ptr<sim::Peripheral> Bus::peripheral(uint64_t connection) const
+{
+    std::lock_guard lock(mutex_);
+    auto it = peripherals_.find(connection);
+    return it == peripherals_.end() ? nullptr : it->second;
+}
+
+void Bus::set_speed(BusSpeed speed)
+{
+    std::lock_guard lock(mutex_);
+    speed_ = speed;
+}
+
+BusSpeed Bus::speed() const
+{
+    std::lock_guard lock(mutex_);
+    return speed_;
+}
+
+int64_t Bus::wire_time(BusSpeed speed, size_t bytes)
+{
+    auto hz = static_cast<int64_t>(speed);
+    if (hz == 0) {
+        return 0;
+    }
+    int64_t clocks = 1 + 9 * (1 + static_cast<int64_t>(bytes)) + 1;
+    return (clocks * 10'000'000 + hz - 1) / hz;
+}
+
+// ---- Faults ---------------------------------------------------------------------
+
+void Bus::fail_transfer(uint64_t index, BusFault fault)
+{
+    std::lock_guard lock(mutex_);
+    indexed_faults_.insert_or_assign(index, fault);
+}
+
+void Bus::fail_when(BusMatch match, BusFault fault, unsigned skip, unsigned times)
+{
+    std::lock_guard lock(mutex_);
+    rules_.push_back({std::move(match), fault, skip, times});
+}
+
+void Bus::clear_faults()
+{
+    std::lock_guard lock(mutex_);
+    indexed_faults_.clear();
+    rules_.clear();
+}
+
+// With the records locked.
+std::optional<BusFault> Bus::take_fault(const BusTransfer& transfer)
+{
+    if (auto it = indexed_faults_.find(transfer.index); it != indexed_faults_.end()) {
+        BusFault fault = it->second;
+        indexed_faults_.erase(it);
+        return fault;
+    }
+    for (auto it = rules_.begin(); it != rules_.end(); ++it) {
+        if (!it->match.matches(transfer)) {
+            continue;
+        }
+        if (it->skip > 0) {
+            it->skip--;
+            continue;
+        }
+        BusFault fault = it->fault;
+        if (it->times == 1) {
+            rules_.erase(it);
+        } else if (it->times > 1) {
+            it->times--;
+        }
+        return fault;
+    }
+    return std::nullopt;
+}
+
+// ---- Transfers ----------------------------------------------------------------
+
+NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
+{
+    auto& sys = System::current();
+    auto& clock = sys.clock();
+    // The time-out runs from the moment the request is sent, waiting for the
+    // bus included.
+    int64_t sent = clock.now();
+    // One transfer at a time, as on a real bus: a second caller waits for the
+    // bus, and its transfer starts when this one has released it.
+    std::lock_guard wire(wire_);
+
+    std::optional<int64_t> allowed;
+    if (request.timeout) {
+        allowed = std::max<int64_t>(0, *request.timeout < 0 ? -*request.timeout : *request.timeout - sent);
+    }
+    if (request.delay_us > 0) {
+        clock.advance_us(request.delay_us);
+    }
+    int64_t spent = clock.now() - sent;
+
+    BusTransfer t{0, request.connection, request.direction, request.length, {}, request.timeout, STATUS_SUCCESS,
+                  clock.now(), 0};
+    if (request.direction == Direction::Write) {
+        t.bytes.assign(request.buffer, request.buffer + request.length);
+    }
+    std::optional<BusFault> fault;
+    std::shared_ptr<sim::Peripheral> part;
+    BusSpeed speed;
+    {
+        std::lock_guard lock(mutex_);
+        t.index = next_index_++;
+        fault = take_fault(t);
+        if (auto it = peripherals_.find(request.connection); it != peripherals_.end()) {
+            part = it->second;
+        }
+        speed = speed_;
+    }
+
+    // Only the address byte goes out when nobody acknowledges it.
+    int64_t address_only = wire_time(speed, 0);
+    std::vector<uint8_t> received(request.direction == Direction::Read ? request.length : 0);
+    NTSTATUS status;
+    int64_t duration;
+    if (fault && fault->kind == BusFault::Kind::Timeout) {
+        status = STATUS_IO_TIMEOUT;
+        duration = sim::kHoldForever;
+    } else if (fault && fault->kind != BusFault::Kind::Complete) {
+        status = fault->status;
+        duration = address_only;
+    } else if (part == nullptr) {
+        status = sim::kNack;
+        duration = address_only;
+    } else {
+        status = request.direction == Direction::Write
+                     ? part->write(std::span<const uint8_t>(request.buffer, request.length))
+                     : part->read(std::span<uint8_t>(received));
+        int64_t hold = part->hold_time();
+        duration = NT_SUCCESS(status) ? wire_time(speed, request.length) : address_only;
+        duration = hold == sim::kHoldForever ? sim::kHoldForever : duration + hold;
+        if (fault) {
+            status = fault->status;
+        }
+    }
+
+    // A request that outlasts its time-out is cancelled when the time is up.
+    // A part that never lets go hangs a request without one; Windows would
+    // hang with it, the bench reports it and gives up.
+    if (allowed && duration > *allowed - spent) {
+        duration = std::max<int64_t>(0, *allowed - spent);
+        status = STATUS_IO_TIMEOUT;
+    } else if (duration == sim::kHoldForever) {
+        char text[160];
+        std::snprintf(text, sizeof(text),
+                      "a transfer on connection 0x%llx never completes and its request has no time-out",
+                      static_cast<unsigned long long>(request.connection));
+        sys.faults().note_error(text);
+        duration = 0;
+        status = STATUS_IO_TIMEOUT;
+    }
+
+    if (request.direction == Direction::Read && NT_SUCCESS(status)) {
+        std::copy(received.begin(), received.end(), request.buffer);
+        t.bytes = std::move(received);
+    }
+    t.status = status;
+    t.duration = duration;
+    {
+        std::lock_guard lock(mutex_);
+        transcript_.push_back(std::move(t));
+    }
+    clock.advance(duration);
+
+    if (transferred != nullptr) {
+        *transferred = NT_SUCCESS(status) ? request.length : 0;
+    }
+    return status;
+}
+
+// ---- Records ---------------------------------------------------------------------
+
+std::vector<BusTransfer> Bus::transcript() const
+{
+    std::lock_guard lock(mutex_);
+    return transcript_;
+}
+
+void Bus::clear_transcript()
+{
+    std::lock_guard lock(mutex_);
+    transcript_.clear();
+}
+
+uint64_t Bus::transfer_count() const
+{
+    std::lock_guard lock(mutex_);
+    return next_index_;
+}
+
+std::string Bus::last_rejection() const
+{
+    std::lock_guard lock(mutex_);
+    return last_rejection_;
+}
+
+void Bus::reject(std::string reason)
+{
+    std::lock_guard lock(mutex_);
+    last_rejection_ = std::move(reason);
+}
+
+std::vector<TargetRecord> Bus::targets() const
+{
+    std::lock_guard lock(mutex_);
+    return targets_;
+}
+
+size_t Bus::add_target(TargetRecord record)
+{
+    std::lock_guard lock(mutex_);
+    targets_.push_back(std::move(record));
+    return targets_.size() - 1;
+}
+
+void Bus::update_target(size_t id, const std::function<void(TargetRecord&)>& change)
+{
+    std::lock_guard lock(mutex_);
+    change(targets_.at(id));
+}
+
+}  // namespace korvanel::host

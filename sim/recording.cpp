@@ -1,0 +1,54 @@
+// recording.cpp - a part wrapper that records the transfers reaching it.
+#include "recording.h"
+#include "../host/system.h"
+
+namespace korvanel::sim {
+
+RecordingPeripheral::RecordingPeripheral(std::shared_ptr<Peripheral> inner) : inner_(std::move(inner)) {}
+
+std::vector<RecordingPeripheral::Record> RecordingPeripheral::records() const
+{
+    std::lock_guard lock(mutex_);
+    return records_;
+}
+
+std::vector<std::vector<uint8_t>> RecordingPeripheral::writes() const
+{
+    std::lock_guard lock(mutex_);
+    std::vector<std::vector<uint8_t>> out;
+    for (auto& r : records_) {
+        if (r.direction == Direction::Write) {
+            out.push_back(r.bytes);
+        }
+    }
+    return out;
+}
+
+void RecordingPeripheral::clear()
+{
+    std::lock_guard lock(mutex_);
+    records_.clear();
+}
+
+void RecordingPeripheral::record(Direction direction, std::span<const uint8_t> bytes, NTSTATUS status)
+{
+    auto* sys = host::System::current_or_null();
+    std::lock_guard lock(mutex_);
+    records_.push_back({direction, {bytes.begin(), bytes.end()}, status, sys ? sys->clock().now() : 0});
+}
+
+NTSTATUS RecordingPeripheral::write(std::span<const uint8_t> bytes)
+{
+    NTSTATUS status = inner_->write(bytes);
+    record(Direction::Write, bytes, status);
+    return status;
+}
+
+NTSTATUS RecordingPeripheral::read(std::span<uint8_t> bytes)
+{
+    NTSTATUS status = inner_->read(bytes);
+    record(Direction::Read, bytes, status);
+    return status;
+}
+
+}  // namespace korvanel::sim

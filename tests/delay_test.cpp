@@ -1,0 +1,55 @@
+// Millisecond delays: short ones spin in 50 us stalls, from 6 ms on the
+// thread sleeps once, never both; on the virtual clock.
+#include <gtest/gtest.h>
+
+#include "bus/delay.h"
+#include "host/system.h"
+
+#include <climits>
+
+namespace korvanel::test {
+namespace {
+
+using host::Clock;
+
+TEST(DelayTest, SpinsBelowSixMillisecondsAndSleepsFromThereOn)
+{
+    const struct {
+        LONG ms;
+        size_t stalls;      // each of 50 us
+        int64_t interval;   // the one sleep's interval, 0 for none
+        int64_t elapsed;    // 100 ns units
+    } cases[] = {
+        {0, 0, 0, 0},
+        {1, 20, 0, 10000},
+        {5, 100, 0, 50000},
+        {6, 0, -60000, 60000},
+        {10, 0, -100000, 100000},
+        {50, 0, -500000, 500000},
+        {-1, 0, 0, 0},
+        {INT_MIN, 0, 0, 0},
+    };
+    host::System sys;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.ms);
+        sys.clock().clear_delays();
+        int64_t start = sys.clock().now();
+
+        DelayMilliseconds(c.ms);
+
+        EXPECT_EQ(sys.clock().now() - start, c.elapsed);
+        auto delays = sys.clock().delays();
+        EXPECT_EQ(sys.clock().stall_count(), c.stalls);
+        EXPECT_EQ(sys.clock().sleep_count(), c.interval != 0 ? 1u : 0u);
+        for (const auto& d : delays) {
+            if (d.kind == Clock::Delay::Kind::Stall) {
+                EXPECT_EQ(d.amount, 50);
+            } else {
+                EXPECT_EQ(d.amount, c.interval);
+            }
+        }
+    }
+}
+
+}  // namespace
+}  // namespace korvanel::test
