@@ -252,6 +252,10 @@ Device& System::add_device(DeviceConfig config)
         } else {
             // Device add failed after creating the device: the framework
             // deletes it with its context.
+            if (auto* type = init.created->context_type()) {
+                auto* bytes = static_cast<const uint8_t*>(init.created->context());
+                device->context_at_failure_.assign(bytes, bytes + type->ContextSize);
+            }
             Object::destroy(init.created);
         }
     }

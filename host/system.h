@@ -300,10 +300,15 @@ public:
 
     DeviceObject* object() const { return object_; }
 
+    // When device add failed after creating the device: its context as the
+    // framework found it before deleting it.
+    const std::vector<uint8_t>& context_at_failure() const { return context_at_failure_; }
+
 private:
     friend class System;
     DeviceObject* object_ = nullptr;
     NTSTATUS add_status_ = STATUS_UNSUCCESSFUL;
+    std::vector<uint8_t> context_at_failure_;
 };
 
 struct UnloadReport {

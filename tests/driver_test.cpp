@@ -156,7 +156,11 @@ TEST_F(DriverTest, DeviceAddFailuresStopAtTheRightStep)
         if (NT_SUCCESS(c.add_status)) {
             EXPECT_EQ(dev.interface_published(GUID_SENSOR_INTERFACE), c.published);
             EXPECT_EQ(dev.device_state().has_value(), c.state_and_idle_applied);
+            // The link is traced only when the string could be made and filled.
+            bool link_step_failed = std::string(c.routine).find("String") != std::string::npos;
+            EXPECT_EQ(sys.traces().find("Symbolic link %wZ").empty(), link_step_failed);
         }
+        sys.traces().clear();
         if (std::string(c.routine) == "WdfDeviceCreateDeviceInterface") {
             // The context was never initialised, so nothing was published.
             EXPECT_EQ(sys.faults().calls("WdfDeviceAddQueryInterface"), query_interface_calls);
@@ -165,20 +169,18 @@ TEST_F(DriverTest, DeviceAddFailuresStopAtTheRightStep)
     }
 }
 
-TEST(DriverEntryTest, FailedDeviceInterfaceLeavesTheContextZero)
+TEST_F(DriverTest, FailedDeviceInterfaceLeavesTheContextZero)
 {
-    // Watch the context through the framework's own view of the device
-    // before the framework deletes it.
-    System sys;
-    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
     sys.faults().fail("WdfDeviceCreateDeviceInterface", STATUS_INSUFFICIENT_RESOURCES);
-    sys.faults().fail("WdfDeviceAddQueryInterface", STATUS_INSUFFICIENT_RESOURCES);
     auto& dev = sys.add_device();
     EXPECT_EQ(dev.add_status(), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_FALSE(dev.exists());
+    ASSERT_EQ(dev.context_at_failure().size(), sizeof(DEVICE_CONTEXT));
+    for (size_t i = 0; i < sizeof(DEVICE_CONTEXT); i++) {
+        ASSERT_EQ(dev.context_at_failure()[i], 0) << "context byte " << i << " was written";
+    }
     EXPECT_EQ(sys.faults().calls("WdfDeviceAddQueryInterface"), 0u);
     EXPECT_EQ(sys.faults().calls("IoBuildSynchronousFsdRequest"), 0u) << "identification ran on a failed add";
-    EXPECT_TRUE(sys.unload_driver().clean());
 }
 
 TEST(DriverEntryTest, FailedFrameworkDriverCreationSetsNothingUp)
