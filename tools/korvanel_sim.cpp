@@ -7,6 +7,7 @@
 //   korvanel-sim --hwid 'root\KORVANEL\rgbir'    another variant
 //   korvanel-sim --reg MipiLanes=4 --reg MipiMBps=1500
 //   korvanel-sim --select 2:1920:1080:0 --trace --json
+//   korvanel-sim --real-time                       waits take real time
 #include "host/system.h"
 #include "sensor/sensor_interface.h"
 #include "trace/trace.h"
@@ -299,11 +300,13 @@ int main(int argc, char** argv)
     std::string select_spec;
     bool show_trace = false;
     bool json = false;
+    bool real_time = false;
     app.add_option("--hwid", hwid, "hardware identifier of the device (default root\\KORVANEL)");
     app.add_option("--reg", registry_values, "REG_DWORD value under the service key, NAME=VALUE (repeatable)");
     app.add_option("--select", select_spec, "SelectMode before reading the mode info: TABLE:WIDTH:HEIGHT:FPS");
     app.add_flag("--trace", show_trace, "print the driver's decoded trace");
     app.add_flag("--json", json, "print machine-readable JSON");
+    app.add_flag("--real-time", real_time, "run on the real clock: waits sleep and stalls spin");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -333,6 +336,9 @@ int main(int argc, char** argv)
     }
 
     System sys;
+    if (real_time) {
+        sys.clock().set_mode(korvanel::host::Clock::Mode::Real);
+    }
     for (auto& assignment : registry_values) {
         std::string name;
         uint32_t value;
