@@ -74,6 +74,8 @@ std::string status_name(NTSTATUS status)
         {STATUS_INFO_LENGTH_MISMATCH, "STATUS_INFO_LENGTH_MISMATCH"},
         {STATUS_INVALID_HANDLE, "STATUS_INVALID_HANDLE"},
         {STATUS_INVALID_PARAMETER, "STATUS_INVALID_PARAMETER"},
+        {STATUS_INVALID_PARAMETER_2, "STATUS_INVALID_PARAMETER_2"},
+        {STATUS_NO_MEMORY, "STATUS_NO_MEMORY"},
         {STATUS_NO_SUCH_DEVICE, "STATUS_NO_SUCH_DEVICE"},
         {STATUS_INVALID_DEVICE_REQUEST, "STATUS_INVALID_DEVICE_REQUEST"},
         {STATUS_ACCESS_DENIED, "STATUS_ACCESS_DENIED"},
@@ -134,8 +136,10 @@ NTSTATUS bounded_store(C* dest, size_t capacity, const std::basic_string<C>& tex
     return STATUS_BUFFER_OVERFLOW;
 }
 
-// A small printf for UTF-16 formats: flags '0' and '-', a width or '*', the
-// size prefixes I64, l, h and w, and the conversions d i u x X c s S %.
+// A small printf for UTF-16 formats: flags '0' and '-', a width or '*' (a
+// negative one left-justifies), the size prefixes I64, ll, l, h and w, and the
+// conversions d i u x X c s S %. As in the kernel's wide printf, %s, %ls and
+// %ws take UTF-16 text, %S and %hs 8-bit text.
 std::u16string format_wide(const WCHAR* format, va_list args)
 {
     std::u16string out;
@@ -162,20 +166,26 @@ std::u16string format_wide(const WCHAR* format, va_list args)
         int width = 0;
         if (*p == u'*') {
             width = va_arg(args, int);
+            if (width < 0) {
+                left = true;
+                width = -width;
+            }
             p++;
         } else {
             while (*p >= u'0' && *p <= u'9') {
                 width = width * 10 + (*p++ - u'0');
             }
         }
-        bool wide64 = false, wide_text = false;
+        bool wide64 = false;
+        WCHAR text_size = 0;  // 'h' or 'w' (from h, l, w), or 0
         if (p[0] == u'I' && p[1] == u'6' && p[2] == u'4') {
             wide64 = true;
             p += 3;
-        } else if (*p == u'l' || *p == u'h') {
-            p++;
-        } else if (*p == u'w') {
-            wide_text = true;
+        } else if (p[0] == u'l' && p[1] == u'l') {
+            wide64 = true;
+            p += 2;
+        } else if (*p == u'h' || *p == u'l' || *p == u'w') {
+            text_size = *p == u'h' ? u'h' : u'w';
             p++;
         }
         std::u16string field;
@@ -199,8 +209,7 @@ std::u16string format_wide(const WCHAR* format, va_list args)
             break;
         case u's':
         case u'S': {
-            // In a wide format %s and %ws are wide texts, %S and %hs narrow ones.
-            if (*p == u's' || wide_text) {
+            if (text_size == u'w' || (*p == u's' && text_size == 0)) {
                 auto* s = va_arg(args, const WCHAR*);
                 field = s ? std::u16string(s) : u"(null)";
             } else {
@@ -214,8 +223,14 @@ std::u16string format_wide(const WCHAR* format, va_list args)
             return out;  // an unknown conversion ends the output
         }
         if (int(field.size()) < width) {
-            std::u16string pad(width - field.size(), zero && !left ? u'0' : u' ');
-            field = left ? field + std::u16string(width - field.size(), u' ') : pad + field;
+            size_t pad = width - field.size();
+            if (left) {
+                field.append(pad, u' ');
+            } else if (zero) {
+                field.insert(field[0] == u'-' ? 1 : 0, pad, u'0');  // zeros go after the sign
+            } else {
+                field.insert(0, pad, u' ');
+            }
         }
         out += field;
     }
@@ -254,12 +269,21 @@ NTSTATUS RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString, PCANSI_
     if (!NT_SUCCESS(status)) {
         return status;
     }
+    // As Windows: the result with its terminator must fit a counted string,
+    // and a caller's buffer must hold more than the characters.
     size_t chars = SourceString->Length;
     size_t bytes = (chars + 1) * sizeof(WCHAR);
+    if (bytes > 0xFFFF) {
+        return STATUS_INVALID_PARAMETER_2;
+    }
     if (AllocateDestinationString) {
-        DestinationString->Buffer = static_cast<PWSTR>(sys.pool().allocate(PagedPool, bytes, korvanel::host::kStringTag));
+        auto* buffer = static_cast<PWSTR>(sys.pool().allocate(PagedPool, bytes, korvanel::host::kStringTag));
+        if (buffer == nullptr) {
+            return STATUS_NO_MEMORY;
+        }
+        DestinationString->Buffer = buffer;
         DestinationString->MaximumLength = USHORT(bytes);
-    } else if (DestinationString->MaximumLength < chars * sizeof(WCHAR)) {
+    } else if (chars * sizeof(WCHAR) >= DestinationString->MaximumLength) {
         return STATUS_BUFFER_OVERFLOW;
     }
     for (size_t i = 0; i < chars; i++) {
