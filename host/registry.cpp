@@ -35,8 +35,7 @@ struct RegistryAccess {
     {
         std::lock_guard lock(r.mutex_);
         auto name = upper(key);
-        bool is_service_key = name == upper(Registry::kServiceKey);
-        if (is_service_key ? !r.service_key_present_ : r.keys_.count(name) == 0) {
+        if (name == upper(Registry::kServiceKey) ? !r.service_key_present_ : r.keys_.count(name) == 0) {
             return STATUS_OBJECT_NAME_NOT_FOUND;
         }
         uintptr_t h = r.next_handle_++;
@@ -122,7 +121,8 @@ void Registry::set_service_key_present(bool present)
 bool Registry::key_exists(const std::u16string& key) const
 {
     std::lock_guard lock(mutex_);
-    return keys_.count(upper(key)) != 0;
+    auto name = upper(key);
+    return name == upper(kServiceKey) ? service_key_present_ : keys_.count(name) != 0;
 }
 
 std::optional<Registry::Value> Registry::value(const std::u16string& key, const std::u16string& name) const

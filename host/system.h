@@ -200,6 +200,7 @@ public:
     void enable(uint32_t flags, uint8_t level = 5);
     void disable();
     uint32_t enabled_flags() const;
+    TRACEHANDLE logger() const;  // the enabled session's logger handle, 0 when none
 
     Registration registration() const;
     std::vector<Event> events() const;

@@ -34,6 +34,16 @@ TRACEHANDLE session_handle(uint32_t flags, uint8_t level)
     return handle;
 }
 
+// One printf conversion, any length.
+template <typename T>
+std::string printf_text(const std::string& directive, T value)
+{
+    int n = snprintf(nullptr, 0, directive.c_str(), value);
+    std::string out(n > 0 ? n : 0, '\0');
+    snprintf(out.data(), out.size() + 1, directive.c_str(), value);
+    return out;
+}
+
 typedef VOID(NTAPI* ClassicCallback)(LPCGUID, UCHAR, PVOID, PVOID);
 typedef NTSTATUS(NTAPI* WmiCallback)(UCHAR, PVOID, ULONG, PVOID, PVOID, PULONG);
 
@@ -61,6 +71,12 @@ uint32_t Traces::enabled_flags() const
 {
     std::lock_guard lock(mutex_);
     return session_ ? flags_ : 0;
+}
+
+TRACEHANDLE Traces::logger() const
+{
+    std::lock_guard lock(mutex_);
+    return session_ ? session_handle(flags_, level_) : 0;
 }
 
 Traces::Registration Traces::registration() const
@@ -231,35 +247,28 @@ std::string Traces::decode(const Event& e) const
             directive += t[p++];
         }
         bool is64 = t.compare(p, 3, "I64") == 0;
-        p += is64 ? 3 : 0;
-        char buffer[64];
+        if (is64) {
+            p += 3;
+        } else if (p < t.size() && (t[p] == 'l' || t[p] == 'h')) {
+            p++;  // every number goes out as a 32-bit word at least
+        }
         if (t.compare(p, 2, "ws") == 0 || t.compare(p, 2, "wZ") == 0) {
-            out += to_utf8(wtext(e, arg++));
+            out += printf_text(directive + "s", to_utf8(wtext(e, arg++)).c_str());
             p++;
-        } else if (t[p] == 's') {
-            out += text(e, arg++);
-        } else if (t[p] == 'p') {
-            snprintf(buffer, sizeof buffer, "0x%llx", (unsigned long long)u64(e, arg++));
-            out += buffer;
-        } else if (strchr("duxXc", t[p])) {
-            char conversion = t[p];
+        } else if (p < t.size() && t[p] == 's') {
+            out += printf_text(directive + "s", text(e, arg++).c_str());
+        } else if (p < t.size() && t[p] == 'p') {
+            out += printf_text("0x%llx", (unsigned long long)u64(e, arg++));
+        } else if (p < t.size() && strchr("duxXc", t[p])) {
+            directive += is64 ? "ll" : "";
+            directive += t[p];
             if (is64) {
-                directive += "ll";
-                directive += conversion;
-                if (conversion == 'd') {
-                    snprintf(buffer, sizeof buffer, directive.c_str(), (long long)u64(e, arg++));
-                } else {
-                    snprintf(buffer, sizeof buffer, directive.c_str(), (unsigned long long)u64(e, arg++));
-                }
+                out += t[p] == 'd' ? printf_text(directive, (long long)u64(e, arg++))
+                                   : printf_text(directive, (unsigned long long)u64(e, arg++));
             } else {
-                directive += conversion;
-                if (conversion == 'd') {
-                    snprintf(buffer, sizeof buffer, directive.c_str(), int32_t(u32(e, arg++)));
-                } else {
-                    snprintf(buffer, sizeof buffer, directive.c_str(), u32(e, arg++));
-                }
+                out += t[p] == 'd' ? printf_text(directive, int32_t(u32(e, arg++)))
+                                   : printf_text(directive, u32(e, arg++));
             }
-            out += buffer;
         } else {
             out += t.substr(start, p - start + 1);
         }
@@ -380,9 +389,10 @@ extern "C" NTSTATUS WmiTraceMessage(TRACEHANDLE LoggerHandle, ULONG MessageFlags
     if (MessageGuid == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    uint32_t flags = sys.traces().enabled_flags();
-    // Only the session's own logger (id 1) takes events.
-    if (flags == 0 || (LoggerHandle & 0xFFFF) != 1) {
+    // Only the enabled session's own logger takes events: a stale handle or a
+    // registration handle passed by mistake goes nowhere.
+    TRACEHANDLE session = sys.traces().logger();
+    if (session == 0 || LoggerHandle != session) {
         return STATUS_INVALID_HANDLE;
     }
     Traces::Event e{*MessageGuid, MessageNumber, MessageFlags, {}, sys.clock().now()};

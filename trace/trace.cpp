@@ -44,11 +44,12 @@ static VOID NTAPI TraceClassicCallback(LPCGUID Guid, UCHAR ControlCode, PVOID En
     UNREFERENCED_PARAMETER(Guid);
     UNREFERENCED_PARAMETER(CallbackContext);
 
+    // Other control codes (a capture-state request) leave the session as it is.
     if (ControlCode == EVENT_CONTROL_CODE_ENABLE_PROVIDER && EnableContext != NULL) {
         TRACEHANDLE logger;
         RtlCopyMemory(&logger, EnableContext, sizeof(logger));
         TraceSetSession(TRUE, logger);
-    } else {
+    } else if (ControlCode == EVENT_CONTROL_CODE_DISABLE_PROVIDER) {
         TraceSetSession(FALSE, 0);
     }
 }
@@ -113,8 +114,8 @@ VOID TraceInitialize(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath)
             TraceControl.Registered = TRACE_REGISTERED_CLASSIC;
             if (!NT_SUCCESS(registerClassic(&TraceControlGuid, 0, TraceClassicCallback, &TraceControl,
                                             &TraceControl.RegHandle))) {
-                TraceControl.Registered = 0;
-                TraceControl.Unregister = NULL;
+                // Not registered: no flags may stay behind from a callback.
+                RtlZeroMemory(&TraceControl, sizeof(TraceControl));
             }
             return;
         }
@@ -123,14 +124,14 @@ VOID TraceInitialize(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath)
     TraceControl.Registered = TRACE_REGISTERED_WMI;
     if (!NT_SUCCESS(IoWMIRegistrationControl((PDEVICE_OBJECT)TraceWmiCallback,
                                              WMIREG_ACTION_REGISTER | WMIREG_FLAG_CALLBACK))) {
-        TraceControl.Registered = 0;
+        RtlZeroMemory(&TraceControl, sizeof(TraceControl));
     }
 }
 
 VOID TraceCleanup(PDRIVER_OBJECT DriverObject)
 {
-    UNREFERENCED_PARAMETER(DriverObject);
     PAGED_CODE();
+    UNREFERENCED_PARAMETER(DriverObject);
 
     WriteULongNoFence(&TraceControl.Flags, 0);
     if (TraceControl.Registered == TRACE_REGISTERED_CLASSIC) {
@@ -148,6 +149,9 @@ VOID TraceWrite(LPCGUID MessageGuid, USHORT MessageNumber, TRACE_ARGUMENT* Argum
     const VOID* d[TRACE_MAX_ARGUMENTS];
     SIZE_T n[TRACE_MAX_ARGUMENTS];
 
+    if (MessageGuid == NULL || (Arguments == NULL && Count != 0)) {
+        return;
+    }
     if (Count > TRACE_MAX_ARGUMENTS) {
         Count = TRACE_MAX_ARGUMENTS;
     }
@@ -196,6 +200,7 @@ VOID TraceWrite(LPCGUID MessageGuid, USHORT MessageNumber, TRACE_ARGUMENT* Argum
                         TRACE_PAIR(1), TRACE_PAIR(2), TRACE_PAIR(3), TRACE_PAIR(4), TRACE_PAIR(5), TRACE_PAIR(6),
                         (PVOID)NULL, (SIZE_T)0);
         break;
+    case 8:
     default:
         WmiTraceMessage(logger, TRACE_MESSAGE_OPTIONS, guid, MessageNumber, name, nameLength, TRACE_PAIR(0),
                         TRACE_PAIR(1), TRACE_PAIR(2), TRACE_PAIR(3), TRACE_PAIR(4), TRACE_PAIR(5), TRACE_PAIR(6),
