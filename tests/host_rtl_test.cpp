@@ -5,11 +5,14 @@
 
 #include "host/system.h"
 
+#include <algorithm>
 #include <cstring>
+#include <functional>
 
 namespace korvanel::test {
 namespace {
 
+using host::Pool;
 using host::System;
 
 TEST(HostRtlTest, BoundedCopyKeepsWithinCapacityAndAlwaysTerminates)
@@ -45,22 +48,44 @@ TEST(HostRtlTest, BoundedCopyKeepsWithinCapacityAndAlwaysTerminates)
 TEST(HostRtlTest, WideFormatHalvesTheCapacityAndFormatsTheHubPath)
 {
     System sys;
-    WCHAR path[100];
-    EXPECT_EQ(RtlStringCbPrintfW(path, sizeof path, u"\\DosDevices\\RESOURCE_HUB\\%0*I64x", 16, ULONGLONG(42)),
-              STATUS_SUCCESS);
-    EXPECT_EQ(std::u16string(path), u"\\DosDevices\\RESOURCE_HUB\\000000000000002a");
-    EXPECT_EQ(RtlStringCbPrintfW(path, sizeof path, u"%I64x", ULONGLONG(0xFEDCBA9876543210)), STATUS_SUCCESS);
-    EXPECT_EQ(std::u16string(path), u"fedcba9876543210");
-
-    // 9 bytes hold 4 characters: 3 and the terminator.
-    WCHAR small[8];
-    for (auto& ch : small) {
-        ch = u'x';
+// One formatting call of a table row, with the row's capacity.
+#define PRINTF(...) [](PWSTR d, size_t n) { return RtlStringCbPrintfW(d, n, __VA_ARGS__); }
+    struct Case {
+        const char* what;
+        size_t capacity;  // bytes
+        std::function<NTSTATUS(PWSTR, size_t)> format;
+        NTSTATUS status;
+        const char16_t* result;  // null: the destination is not touched
+    } cases[] = {
+        {"hub path", 200, PRINTF(u"\\DosDevices\\RESOURCE_HUB\\%0*I64x", 16, ULONGLONG(42)), STATUS_SUCCESS,
+         u"\\DosDevices\\RESOURCE_HUB\\000000000000002a"},
+        {"64-bit", 100, PRINTF(u"%I64X", 0xFEDCBA9876543210ULL), STATUS_SUCCESS, u"FEDCBA9876543210"},
+        {"texts", 100, PRINTF(u"%S|%hs|%ws|%ls|%s", "a", "b", u"c", u"d", u"e"), STATUS_SUCCESS, u"a|b|c|d|e"},
+        {"padding", 100, PRINTF(u"[%5d][%-5d][%05d][%*u][%c%%]", -42, -42, -42, -4, 7u, u'z'), STATUS_SUCCESS,
+         u"[  -42][-42  ][-0042][7   ][z%]"},
+        {"exact fit", 8, PRINTF(u"abc"), STATUS_SUCCESS, u"abc"},
+        {"cut", 9, PRINTF(u"%d-%s", 12345, u"ab"), STATUS_BUFFER_OVERFLOW, u"123"},  // 9 bytes: 4 characters
+        {"one character", 3, PRINTF(u"abc"), STATUS_BUFFER_OVERFLOW, u""},
+        {"no character", 1, PRINTF(u"abc"), STATUS_INVALID_PARAMETER, nullptr},
+        {"zero", 0, PRINTF(u"abc"), STATUS_INVALID_PARAMETER, nullptr},
+        {"above the maximum", (size_t(NTSTRSAFE_MAX_CCH) + 1) * sizeof(WCHAR), PRINTF(u"abc"),
+         STATUS_INVALID_PARAMETER, u""},
+    };
+#undef PRINTF
+    for (auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        WCHAR buffer[64];
+        std::fill(std::begin(buffer), std::end(buffer), u'x');
+        EXPECT_EQ(c.format(buffer, c.capacity), c.status);
+        if (c.result == nullptr) {
+            EXPECT_EQ(buffer[0], u'x');
+            continue;
+        }
+        EXPECT_EQ(std::u16string(buffer), c.result);
+        for (size_t i = std::min<size_t>(c.capacity / sizeof(WCHAR), 64); i < 64; i++) {
+            ASSERT_EQ(buffer[i], u'x') << "wrote past the capacity at " << i;
+        }
     }
-    EXPECT_EQ(RtlStringCbPrintfW(small, 9, u"%d-%s", 12345, u"ab"), STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(std::u16string(small), u"123");
-    EXPECT_EQ(small[4], u'x');
-    EXPECT_EQ(RtlStringCbPrintfW(small, 1, u"abc"), STATUS_INVALID_PARAMETER);
 }
 
 TEST(HostRtlTest, StringsConvertCompareAndCopyAsTheKernelDoes)
@@ -78,6 +103,24 @@ TEST(HostRtlTest, StringsConvertCompareAndCopyAsTheKernelDoes)
     EXPECT_EQ(sys.pool().outstanding(), 1u);
     RtlFreeUnicodeString(&wide);
     EXPECT_EQ(sys.pool().outstanding(), 0u);
+    sys.faults().fail("RtlAnsiStringToUnicodeString", STATUS_NO_MEMORY);
+    EXPECT_EQ(RtlAnsiStringToUnicodeString(&wide, &ansi, TRUE), STATUS_NO_MEMORY);
+    EXPECT_EQ(sys.pool().outstanding(), 0u);
+
+    // Into the caller's buffer: the characters need more than their own room.
+    struct {
+        USHORT maximum;
+        NTSTATUS status;
+        bool terminated;
+    } into[] = {{20, STATUS_SUCCESS, true}, {19, STATUS_SUCCESS, false}, {18, STATUS_BUFFER_OVERFLOW, false}};
+    for (auto c : into) {
+        SCOPED_TRACE(c.maximum);
+        WCHAR room[10];
+        std::fill(std::begin(room), std::end(room), u'x');
+        UNICODE_STRING out{0, c.maximum, room};
+        EXPECT_EQ(RtlAnsiStringToUnicodeString(&out, &ansi, FALSE), c.status);
+        EXPECT_EQ(room[9], c.terminated ? u'\0' : u'x');
+    }
 
     // A copy into a shorter destination is cut at its maximum length.
     WCHAR buffer[4];
@@ -102,33 +145,81 @@ TEST(HostRegistryTest, ValuesAreReadAsTheyWereStoredWithWindowsStatuses)
     HANDLE handle;
     ASSERT_EQ(ZwOpenKey(&handle, KEY_READ, &attributes), STATUS_SUCCESS);
 
+    // A cut value still reports its type and full length, so the caller can
+    // ask again with enough room.
     struct Case {
         const char16_t* name;
         ULONG length;
         NTSTATUS status;
         ULONG result_length;
+        ULONG data_length;  // as written in the header; 0: not written
     } cases[] = {
-        {u"mipilanes", 64, STATUS_SUCCESS, 16},
-        {u"Long", 64, STATUS_SUCCESS, 22},
-        {u"Long", 16, STATUS_BUFFER_OVERFLOW, 22},
-        {u"Long", 8, STATUS_BUFFER_TOO_SMALL, 22},
-        {u"Absent", 64, STATUS_OBJECT_NAME_NOT_FOUND, 0},
+        {u"mipilanes", 64, STATUS_SUCCESS, 16, 4},
+        {u"Long", 64, STATUS_SUCCESS, 22, 10},
+        {u"Long", 16, STATUS_BUFFER_OVERFLOW, 22, 10},
+        {u"Long", 8, STATUS_BUFFER_TOO_SMALL, 22, 0},
+        {u"Absent", 64, STATUS_OBJECT_NAME_NOT_FOUND, 0, 0},
     };
     for (auto c : cases) {
         SCOPED_TRACE(host::to_utf8(c.name));
-        alignas(8) uint8_t buffer[64];
+        alignas(8) uint8_t buffer[64] = {};
         UNICODE_STRING name;
         RtlInitUnicodeString(&name, c.name);
         ULONG result = 0;
         EXPECT_EQ(ZwQueryValueKey(handle, &name, KeyValuePartialInformation, buffer, c.length, &result), c.status);
         EXPECT_EQ(result, c.result_length);
+        EXPECT_EQ(reinterpret_cast<PKEY_VALUE_PARTIAL_INFORMATION>(buffer)->DataLength, c.data_length);
     }
     EXPECT_EQ(sys.registry().open_keys(), 1u);
     EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
     EXPECT_EQ(sys.registry().open_keys(), 0u);
 
+    EXPECT_EQ(ZwClose(handle), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(sys.faults().errors().size(), 1u) << "a second close went unnoticed";
+
+    sys.faults().fail("ZwOpenKey", STATUS_ACCESS_DENIED);
+    EXPECT_EQ(ZwOpenKey(&handle, KEY_READ, &attributes), STATUS_ACCESS_DENIED);
+    attributes.Length = 40;
+    EXPECT_EQ(ZwOpenKey(&handle, KEY_READ, &attributes), STATUS_INVALID_PARAMETER);
+    attributes.Length = sizeof attributes;
     sys.registry().set_service_key_present(false);
     EXPECT_EQ(ZwOpenKey(&handle, KEY_READ, &attributes), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(sys.registry().open_keys(), 0u);
+}
+
+TEST(HostPoolTest, FreesAreCheckedAgainstTheAllocationAndItsTag)
+{
+    System sys;
+    sys.faults().fail("ExAllocatePoolWithTag", STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(ExAllocatePoolWithTag(PagedPool, 16, 0x3732564F), nullptr);
+
+    // A wrong tag or memory the pool never handed out is a misuse the unload
+    // report lists; the memory is released either way.
+    int not_pool = 0;
+    struct Case {
+        const char* what;
+        bool from_pool;
+        ULONG tag;
+        size_t errors;
+    } cases[] = {
+        {"own tag", true, 0x3732564F, 0},
+        {"tag 0", true, 0, 0},
+        {"other tag", true, 0x67727453, 1},
+        {"not from the pool", false, 0x3732564F, 1},
+    };
+    for (auto c : cases) {
+        SCOPED_TRACE(c.what);
+        size_t before = sys.faults().errors().size();
+        auto* p = static_cast<uint8_t*>(ExAllocatePoolWithTag(NonPagedPoolNx, 16, 0x3732564F));
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(std::count(p, p + 16, Pool::kFill), 16);
+        ExFreePoolWithTag(c.from_pool ? p : static_cast<void*>(&not_pool), c.tag);
+        EXPECT_EQ(sys.faults().errors().size() - before, c.errors);
+        if (!c.from_pool) {
+            ExFreePool(p);
+        }
+        EXPECT_EQ(sys.pool().outstanding(), 0u);
+    }
 }
 
 }  // namespace

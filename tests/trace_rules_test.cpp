@@ -26,6 +26,16 @@ void EmitNumbers(UCHAR byte, USHORT word, LONG64 wide, PVOID pointer)
     TraceEvents(TRACE_ERROR, "numbers %u %u %I64d %p", byte, word, wide, pointer);
 }
 
+// One call site per line of the decoder's specifiers.
+void EmitFormats(LONG negative, ULONG small, LONG64 wide_negative, ULONG64 wide, const char* text,
+                 const WCHAR* wide_text, const UNICODE_STRING& counted)
+{
+    TraceEvents(TRACE_INFO, "%d %u %x %X %#x %08x", negative, small, small, small, small, small);
+    TraceEvents(TRACE_INFO, "%I64d %I64u %I64x", wide_negative, wide, wide);
+    TraceEvents(TRACE_INFO, "[%s] [%-4s] [%ws] [%wZ]", text, text, wide_text, counted);
+    TraceEvents(TRACE_ERROR, "%!STATUS! %!STATUS! 100%%", STATUS_DEVICE_BUSY, (NTSTATUS)0xC0001234);
+}
+
 TEST(TraceTest, RegistrationFollowsTheSystemVersionAndTheRoutinesFound)
 {
     struct Case {
@@ -57,6 +67,12 @@ TEST(TraceTest, RegistrationFollowsTheSystemVersionAndTheRoutinesFound)
             EXPECT_EQ(e.args[0], std::vector<uint8_t>({'K', 'O', 'R', 'V', 'A', 'N', 'E', 'L', 0}));
             EXPECT_NE(sys.traces().format(e), nullptr) << "an event without a message text";
         }
+        // The consumer's disable reaches the driver by either path.
+        sys.traces().disable();
+        sys.traces().clear();
+        EXPECT_EQ(TraceControl.Flags, 0u);
+        sys.add_device();
+        EXPECT_TRUE(sys.traces().events().empty());
         EXPECT_TRUE(sys.unload_driver().clean());
         EXPECT_EQ(sys.traces().registration(), Traces::Registration::None);
         EXPECT_EQ(TraceControl.Flags, 0u);
@@ -162,6 +178,81 @@ TEST(TraceTest, ArgumentsCarryTheirTerminatorsAndWidths)
     EXPECT_EQ(numbers.args[4].size(), 8u);
     EXPECT_EQ(Traces::u64(numbers, 4), uint64_t(uintptr_t(&field)));
     EXPECT_EQ(sys.traces().decode(numbers).substr(0, 23), "trace_rules_test: numbe");
+    EXPECT_TRUE(sys.unload_driver().clean());
+}
+
+TEST(TraceTest, NothingGoesOutWhenTheDriverObjectIsNotCreated)
+{
+    System sys;
+    sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+    sys.faults().fail("WdfDriverCreate", STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(sys.load_driver(), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(sys.traces().registration(), Traces::Registration::None);
+    EXPECT_EQ(TraceControl.Flags, 0u);
+    EXPECT_TRUE(sys.traces().events().empty());
+}
+
+TEST(TraceTest, OnlyTheEnabledSessionsLoggerTakesEvents)
+{
+    System sys;
+    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    sys.traces().enable(TRACE_INFO, 4);
+    TRACEHANDLE earlier = TraceControl.Logger;
+    sys.traces().enable(TRACE_INFO | TRACE_ERROR, 4);
+    TRACE_ENABLE_CONTEXT context;
+    memcpy(&context, &TraceControl.Logger, sizeof context);
+    EXPECT_EQ(context.LoggerId, 1);
+    EXPECT_EQ(context.Level, 4);
+    EXPECT_EQ(context.EnableFlags, ULONG(TRACE_INFO | TRACE_ERROR));
+    EXPECT_EQ(TraceControl.Flags, ULONG(TRACE_INFO | TRACE_ERROR));
+
+    GUID guid = TestTraceGuid;
+    struct Case {
+        const char* what;
+        TRACEHANDLE logger;
+        NTSTATUS status;
+    } cases[] = {
+        {"session", TraceControl.Logger, STATUS_SUCCESS},
+        {"earlier session", earlier, STATUS_INVALID_HANDLE},
+        {"registration handle", TraceControl.RegHandle, STATUS_INVALID_HANDLE},
+        {"none", 0, STATUS_INVALID_HANDLE},
+    };
+    for (auto c : cases) {
+        SCOPED_TRACE(c.what);
+        sys.traces().clear();
+        EXPECT_EQ(WmiTraceMessage(c.logger, 0, &guid, 99, "KORVANEL", SIZE_T(9), nullptr, SIZE_T(0)), c.status);
+        EXPECT_EQ(sys.traces().events().size(), c.status == STATUS_SUCCESS ? 1u : 0u);
+    }
+    // An event the driver has no text for decodes as its raw arguments.
+    ASSERT_EQ(WmiTraceMessage(TraceControl.Logger, 0, &guid, 99, "KORVANEL", SIZE_T(9), "\x01\xFF", SIZE_T(2),
+                              nullptr, SIZE_T(0)),
+              STATUS_SUCCESS);
+    EXPECT_EQ(sys.traces().lines().back(), "{0E2A7C6B-3F15-4B8D-A1E9-7C40D5B2F863} #99: 01ff");
+
+    TRACEHANDLE last = TraceControl.Logger;
+    sys.traces().disable();
+    EXPECT_EQ(TraceControl.Flags, 0u);
+    EXPECT_EQ(WmiTraceMessage(last, 0, &guid, 99, "KORVANEL", SIZE_T(9), nullptr, SIZE_T(0)), STATUS_INVALID_HANDLE);
+    EXPECT_TRUE(sys.unload_driver().clean());
+}
+
+TEST(TraceTest, DecodedLinesFormatEachSpecifier)
+{
+    System sys;
+    sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    sys.traces().clear();
+
+    // The counted string has no terminator; the decoder stops at its length.
+    WCHAR characters[] = WIDE("countedXX");
+    UNICODE_STRING counted{14, sizeof characters, characters};
+    EmitFormats(-42, 0xAB, -5, 0x123456789AULL, "cam", WIDE("wide"), counted);
+    EXPECT_EQ(sys.traces().lines(), std::vector<std::string>({
+                                        "trace_rules_test: -42 171 ab AB 0xab 000000ab",
+                                        "trace_rules_test: -5 78187493530 123456789a",
+                                        "trace_rules_test: [cam] [cam ] [wide] [counted]",
+                                        "trace_rules_test: STATUS_DEVICE_BUSY 0xC0001234 100%",
+                                    }));
     EXPECT_TRUE(sys.unload_driver().clean());
 }
 
