@@ -2,6 +2,7 @@
 // attached to a connection, with wire time on the clock, injected faults,
 // the request's time-out and a transcript of everything that went over.
 #include "bus.h"
+#include "rules.h"
 #include "system.h"
 
 #include <algorithm>
@@ -96,21 +97,9 @@ std::optional<BusFault> Bus::take_fault(const BusTransfer& transfer)
         indexed_faults_.erase(it);
         return fault;
     }
-    for (auto it = rules_.begin(); it != rules_.end(); ++it) {
-        if (!it->match.matches(transfer)) {
-            continue;
-        }
-        if (it->skip > 0) {
-            it->skip--;
-            continue;
-        }
-        BusFault fault = it->fault;
-        if (it->times == 1) {
-            rules_.erase(it);
-        } else if (it->times > 1) {
-            it->times--;
-        }
-        return fault;
+    auto rule = take_due_rule(rules_, [&transfer](const Rule& r) { return r.match.matches(transfer); });
+    if (rule) {
+        return rule->fault;
     }
     return std::nullopt;
 }

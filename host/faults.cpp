@@ -1,6 +1,7 @@
 // faults.cpp - fault injection consulted by every platform routine that can
 // fail, and the list of platform misuse found along the way.
 #include "system.h"
+#include "rules.h"
 
 namespace korvanel::host {
 
@@ -20,23 +21,8 @@ NTSTATUS Faults::check(const char* routine)
 {
     std::lock_guard lock(mutex_);
     calls_[routine]++;
-    for (auto it = rules_.begin(); it != rules_.end(); ++it) {
-        if (it->routine != routine) {
-            continue;
-        }
-        if (it->skip > 0) {
-            it->skip--;
-            continue;
-        }
-        NTSTATUS status = it->status;
-        if (it->times == 1) {
-            rules_.erase(it);
-        } else if (it->times > 1) {
-            it->times--;
-        }
-        return status;
-    }
-    return STATUS_SUCCESS;
+    auto rule = take_due_rule(rules_, [routine](const Rule& r) { return r.routine == routine; });
+    return rule ? rule->status : STATUS_SUCCESS;
 }
 
 unsigned Faults::calls(const std::string& routine) const
