@@ -14,6 +14,14 @@
 #endif
 #define WIDE(s) WIDE_(s)
 
+/* C linkage for the routines a Windows build places in code sections: the
+ * Microsoft compiler accepts #pragma alloc_text only for such routines. The
+ * WDK defines the pair; mingw's DDK and the host do not. */
+#ifndef EXTERN_C_START
+#define EXTERN_C_START extern "C" {
+#define EXTERN_C_END }
+#endif
+
 #ifndef WMIREG_FLAG_CALLBACK
 #define WMIREG_FLAG_CALLBACK 0x80000000
 #endif
