@@ -8,6 +8,7 @@
 //   korvanel-sim --reg MipiLanes=4 --reg MipiMBps=1500
 //   korvanel-sim --select 2:1920:1080:0 --trace --json
 //   korvanel-sim --real-time                       waits take real time
+#include "bus_report.h"
 #include "host/system.h"
 #include "sensor/sensor_interface.h"
 #include "trace/trace.h"
@@ -45,13 +46,7 @@ const void* slot(const SENSOR_INTERFACE& si, int k)
 
 std::string hex_bytes(const void* data, size_t n)
 {
-    std::string out;
-    char b[4];
-    for (size_t i = 0; i < n; i++) {
-        snprintf(b, sizeof b, "%s%02X", i ? " " : "", static_cast<const uint8_t*>(data)[i]);
-        out += b;
-    }
-    return out;
+    return korvanel::tool::hex_bytes(static_cast<const uint8_t*>(data), n);
 }
 
 std::string text_field(const char* field, size_t size) { return std::string(field, strnlen(field, size)); }

@@ -1,0 +1,72 @@
+// bus_report.cpp - the decoded bus transcript.
+#include "bus_report.h"
+
+#include "host/system.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+
+namespace korvanel::tool {
+
+std::string hex_bytes(const uint8_t* data, size_t n)
+{
+    std::string out;
+    char b[4];
+    for (size_t i = 0; i < n; i++) {
+        snprintf(b, sizeof b, "%s%02X", i ? " " : "", data[i]);
+        out += b;
+    }
+    return out;
+}
+
+namespace {
+
+std::string milliseconds(int64_t units)
+{
+    char text[32];
+    snprintf(text, sizeof text, "%s%" PRId64 ".%04" PRId64, units < 0 ? "-" : "", int64_t(std::llabs(units) / 10000),
+             int64_t(std::llabs(units) % 10000));
+    return text;
+}
+
+}  // namespace
+
+std::string transfer_line(const host::BusTransfer& t, int64_t origin)
+{
+    char head[96];
+    snprintf(head, sizeof head, "%10s ms  conn 0x%" PRIx64 "  %s %3u:", milliseconds(t.time - origin).c_str(),
+             t.connection, t.direction == host::Direction::Write ? "W" : "R", t.length);
+    std::string line = head;
+    if (!t.bytes.empty()) {
+        line += " " + hex_bytes(t.bytes.data(), t.bytes.size());
+    }
+    line += "  " + host::status_name(t.status);
+    return line;
+}
+
+std::vector<std::string> transcript_lines(const std::vector<host::BusTransfer>& transcript, int64_t origin)
+{
+    std::vector<std::string> lines;
+    lines.reserve(transcript.size());
+    for (auto& t : transcript) {
+        lines.push_back(transfer_line(t, origin));
+    }
+    return lines;
+}
+
+nlohmann::ordered_json transcript_json(const std::vector<host::BusTransfer>& transcript, int64_t origin)
+{
+    auto out = nlohmann::ordered_json::array();
+    for (auto& t : transcript) {
+        out.push_back({{"time_ms", double(t.time - origin) / 10000.0},
+                       {"connection", t.connection},
+                       {"direction", t.direction == host::Direction::Write ? "write" : "read"},
+                       {"length", t.length},
+                       {"bytes", hex_bytes(t.bytes.data(), t.bytes.size())},
+                       {"status", host::status_name(t.status)}});
+    }
+    return out;
+}
+
+}  // namespace korvanel::tool

@@ -1,0 +1,24 @@
+// bus_report.h - the bus transcript as a camera engineer reads it: one line
+// per transfer with its time, connection, direction, bytes and status, and
+// the same fields for machine-readable output.
+#pragma once
+
+#include "host/bus.h"
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <vector>
+
+namespace korvanel::tool {
+
+// Times are printed relative to `origin` (clock units of 100 ns), in
+// milliseconds with microsecond digits.
+std::string transfer_line(const host::BusTransfer& transfer, int64_t origin);
+std::vector<std::string> transcript_lines(const std::vector<host::BusTransfer>& transcript, int64_t origin);
+nlohmann::ordered_json transcript_json(const std::vector<host::BusTransfer>& transcript, int64_t origin);
+
+// "03 80 1F", upper-case hex bytes separated by blanks.
+std::string hex_bytes(const uint8_t* data, size_t n);
+
+}  // namespace korvanel::tool
