@@ -6,11 +6,6 @@
  * sleeps instead.
  */
 #include "delay.h"
-#include "../trace/trace.h"
-
-// {326D4799-D09F-4982-8601-979F59F01C13}
-static const GUID DelayTraceGuid = {0x326d4799, 0xd09f, 0x4982, {0x86, 0x01, 0x97, 0x9f, 0x59, 0xf0, 0x1c, 0x13}};
-TRACE_MODULE(DelayTraceGuid);
 
 // The kernel wait needs passive level anyway.
 #ifdef ALLOC_PRAGMA

@@ -15,7 +15,9 @@
 static const GUID I2cTraceGuid = {0x2f7b1240, 0xbb82, 0x4ca7, {0xb3, 0x63, 0x1d, 0x3e, 0x21, 0xd5, 0xf6, 0x41}};
 TRACE_MODULE(I2cTraceGuid);
 
+EXTERN_C_START
 static NTSTATUS GetI2cSlot(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, PI2C_CONNECTION* Connection);
+EXTERN_C_END
 
 // Creating, opening and closing a target need passive level, so none of this
 // is ever on a path that runs higher.

@@ -28,7 +28,10 @@ typedef struct _I2C_CONNECTION {
 
 static_assert(sizeof(I2C_CONNECTION) == 24, "I2C_CONNECTION layout");
 
+/* Pageable: C linkage for the Windows build's section pragmas. */
+EXTERN_C_START
 NTSTATUS InitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
 VOID DeinitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
 NTSTATUS OpenI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, WDFDEVICE Device);
 NTSTATUS CloseI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
+EXTERN_C_END

@@ -8,7 +8,11 @@
 #include "../wdk/wdk.h"
 #include "../sensor/device_context.h"
 
-extern "C" DRIVER_INITIALIZE DriverEntry;
+/* C linkage: a Windows build places most of these in code sections, and the
+ * compiler accepts #pragma alloc_text only for routines with C linkage. */
+EXTERN_C_START
+
+DRIVER_INITIALIZE DriverEntry;
 
 EVT_WDF_DRIVER_DEVICE_ADD SensorEvtDeviceAdd;
 EVT_WDF_DRIVER_UNLOAD SensorEvtDriverUnload;
@@ -26,3 +30,5 @@ VOID SensorInterfaceDereference(PVOID Context);
 /* Asks the bus driver for the hardware identifiers and gives the context the
  * identity of the variant the first one names. */
 NTSTATUS IdentifySensorVariant(PDEVICE_CONTEXT DeviceContext);
+
+EXTERN_C_END

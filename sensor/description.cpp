@@ -3,11 +3,6 @@
  * camera driver byte for byte as they stand here.
  */
 #include "description.h"
-#include "../trace/trace.h"
-
-// {BE56D844-EEF1-4A9B-9940-5698DD2888D7}
-static const GUID DescriptionTraceGuid = {0xbe56d844, 0xeef1, 0x4a9b, {0x99, 0x40, 0x56, 0x98, 0xdd, 0x28, 0x88, 0xd7}};
-TRACE_MODULE(DescriptionTraceGuid);
 
 // Word 8 holds the capability mode 5 in bits 3-5 beside bits 0, 6, 10 and 11.
 const SENSOR_CAPS SensorCapsTemplate = {0x82, 0, 0x00000C69, 3, 0xFFFFFFFF};

@@ -51,8 +51,11 @@ typedef struct _DEVICE_CONTEXT {
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(DEVICE_CONTEXT, GetDeviceContext)
 
-/* Gives every member its starting value during device add. */
+/* Gives every member its starting value during device add; pageable, so C
+ * linkage for the Windows build's section pragma. */
+EXTERN_C_START
 VOID InitSensorContext(PDEVICE_CONTEXT DeviceContext);
+EXTERN_C_END
 
 /* Identity of a sensor that no hardware identifier names. */
 extern const GUID DefaultSensorGuid;

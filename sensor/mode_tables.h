@@ -68,6 +68,9 @@ extern const PDAF_MODE PdafModes[PDAF_MODE_CAPACITY];
  * MODE_TABLE_ROW_LIMIT; 0 for a missing table. */
 ULONG CountModeRows(const SENSOR_MODE* Table);
 
-/* Publish the four mode lists and the PDAF list; run during device add. */
+/* Publish the four mode lists and the PDAF list; run during device add, from
+ * pageable code (C linkage for the Windows build's section pragmas). */
+EXTERN_C_START
 NTSTATUS BuildModeLists(PDEVICE_CONTEXT DeviceContext);
 NTSTATUS BuildPdafList(PDEVICE_CONTEXT DeviceContext);
+EXTERN_C_END

@@ -11,9 +11,14 @@
 /* The saved copy of the service key path, from driver entry to unload. */
 extern UNICODE_STRING DriverRegistryPath;
 
+/* C linkage: placed in code sections by a Windows build. */
+EXTERN_C_START
+
 NTSTATUS SaveRegistryPath(PCUNICODE_STRING RegistryPath);
 VOID FreeRegistryPath(VOID);
 
 NTSTATUS ReadRegistryValue(PCUNICODE_STRING KeyPath, PCSTR ValueName, ULONG ExpectedType, PVOID Buffer,
                            PULONG Length);
 VOID ReadRegistryConfiguration(PDEVICE_CONTEXT DeviceContext);
+
+EXTERN_C_END

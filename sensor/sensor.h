@@ -9,7 +9,9 @@
 
 /* Fills the operation slots, then identifies the sensor variant; returns the
  * identification status. */
+EXTERN_C_START
 NTSTATUS InitSensorInterface(PDEVICE_CONTEXT DeviceContext);
+EXTERN_C_END
 
 /* Mode selection and mode information */
 NTSTATUS GetModeTables(PDEVICE_CONTEXT DeviceContext, const MODE_LIST** Still, const MODE_LIST** Video,

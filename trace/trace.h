@@ -40,8 +40,10 @@ extern TRACE_CONTROL_BLOCK TraceControl;
 extern const GUID TraceControlGuid;
 
 /* Registration at driver entry, removal at driver-object cleanup. */
+EXTERN_C_START
 VOID TraceInitialize(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath);
 VOID TraceCleanup(PDRIVER_OBJECT DriverObject);
+EXTERN_C_END
 
 /* ---- Event arguments ---- */
 

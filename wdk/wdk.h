@@ -11,12 +11,16 @@
 
 #if defined(KORVANEL_WDK)
 
+/* wdm.h declares WmiTraceMessage only for trace-message builds; this driver
+ * sends its own messages. */
+#define RUN_WPP
 #include <ntddk.h>
 #include <wdf.h>
 #include <ntstrsafe.h>
 #include <spb.h>
 #include <reshub.h>
 #include <wmistr.h>
+#include <evntrace.h> /* TRACE_ENABLE_CONTEXT, the trace message flags */
 
 #elif defined(KORVANEL_CROSS_CHECK)
 

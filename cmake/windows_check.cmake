@@ -1,0 +1,53 @@
+# One Windows compile check of one driver source (see windows_checks.cmake).
+# Exit 77 (skipped) when the compiler or the headers of the check are not on
+# this machine; scripts/setup.sh installs both compilers.
+function(skip why)
+  message("skipped: ${why}")
+  cmake_language(EXIT 77)
+endfunction()
+
+function(compile)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${out}${err}")
+  endif()
+endfunction()
+
+set(windows_defines -D__INTRINSIC_DEFINED_InterlockedBitTestAndSet -D__INTRINSIC_DEFINED_InterlockedBitTestAndReset)
+
+if(MODE STREQUAL "mingw")
+  if(NOT MINGW_CXX OR NOT DDK_DIR)
+    skip("x86_64-w64-mingw32-g++ or its DDK headers are not installed (apt-get install g++-mingw-w64-x86-64 mingw-w64-x86-64-dev)")
+  endif()
+  compile(${MINGW_CXX} -std=c++20 -fsyntax-only -fno-exceptions -fno-rtti -Wall -Wextra -Werror
+          -DKORVANEL_CROSS_CHECK -I${DDK_DIR} -I${SOURCE_DIR} ${SOURCE})
+elseif(MODE STREQUAL "wdk")
+  if(NOT MS_CLANG)
+    skip("clang++-19 is not installed (apt-get install clang-19)")
+  endif()
+  if(NOT EXISTS ${KMDF_DIR}/wdf.h)
+    skip("no KMDF 1.15 headers at ${KMDF_DIR}; point the KMDF_INCLUDE_DIR cache variable at a WDK's kmdf/1.15 folder")
+  endif()
+  if(NOT DDK_DIR OR NOT WDK_READY)
+    skip("mingw-w64's DDK headers are not installed (apt-get install mingw-w64-x86-64-dev)")
+  endif()
+  # The WDK's KMDF project defines the framework version; the two intrinsic
+  # markers keep mingw's wdm.h compiling as C++; mingw's intrin.h pulls in a
+  # clang header that warns of its own deprecation unless told not to.
+  compile(${MS_CLANG} --target=x86_64-w64-mingw32 -std=c++20 -fms-extensions -fsyntax-only
+          -fno-exceptions -fno-rtti -Wall -Wextra -Werror
+          -DKORVANEL_WDK -DALLOC_PRAGMA -DKMDF_VERSION_MAJOR=1 -DKMDF_VERSION_MINOR=15 ${windows_defines}
+          -D_CLANG_DISABLE_CRT_DEPRECATION_WARNINGS
+          -isystem ${WDK_HEADERS}/ddk -isystem ${DDK_DIR} -isystem ${WDK_HEADERS}/kmdf
+          -I${SOURCE_DIR} ${SOURCE})
+elseif(MODE STREQUAL "interface_as_c")
+  if(NOT MINGW_CC OR NOT DDK_DIR)
+    skip("x86_64-w64-mingw32-gcc or its DDK headers are not installed")
+  endif()
+  file(WRITE ${WORK_DIR}/interface_as_c.c
+       "#include <ntddk.h>\n#include \"sensor/sensor_interface.h\"\nint korvanel_interface_size = sizeof(SENSOR_INTERFACE);\n")
+  compile(${MINGW_CC} -std=c11 -fsyntax-only -Wall -Wextra -Werror -I${DDK_DIR} -I${SOURCE_DIR}
+          ${WORK_DIR}/interface_as_c.c)
+else()
+  message(FATAL_ERROR "unknown check ${MODE}")
+endif()
