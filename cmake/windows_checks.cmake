@@ -167,3 +167,11 @@ add_test(NAME windows_mingw.interface_as_c
          COMMAND ${CMAKE_COMMAND} ${check_args} -DMODE=interface_as_c -DWORK_DIR=${CMAKE_CURRENT_BINARY_DIR}
                  -DMINGW_CC=${KORVANEL_MINGW_CC} -P ${CMAKE_CURRENT_SOURCE_DIR}/cmake/windows_check.cmake)
 set_tests_properties(windows_mingw.interface_as_c PROPERTIES SKIP_RETURN_CODE 77 LABELS windows_mingw)
+
+# The Windows project file cannot fall behind the sources.
+add_test(NAME windows_project_lists_every_source
+         COMMAND ${CMAKE_COMMAND} -DSOURCE_DIR=${CMAKE_CURRENT_SOURCE_DIR}
+                 -DPROJECT_FILE=${CMAKE_CURRENT_SOURCE_DIR}/windows/korvanel.vcxproj
+                 "-DSOURCES=${KORVANEL_DRIVER_SOURCES}"
+                 -P ${CMAKE_CURRENT_SOURCE_DIR}/cmake/windows_project_check.cmake)
+set_tests_properties(windows_project_lists_every_source PROPERTIES LABELS windows_project)

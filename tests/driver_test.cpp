@@ -4,8 +4,10 @@
 
 #include "driver/driver.h"
 #include "sensor/registry.h"
+#include "sensor/sensor.h"
 
 #include <cstring>
+#include <map>
 
 namespace korvanel::test {
 namespace {
@@ -13,17 +15,45 @@ namespace {
 using host::DeviceConfig;
 using host::System;
 
-TEST_F(DriverTest, PublishesTheInterfaceRecordWithItsHeader)
+// The record as the camera driver reads it: bytes at fixed offsets. Every one
+// of the 43 slots is bound here to the routine it must hold, or to null.
+TEST_F(DriverTest, PublishesEveryByteOfTheInterfaceRecordWhereTheCameraDriverReadsIt)
 {
     auto& dev = sys.add_device();
     ASSERT_EQ(dev.add_status(), STATUS_SUCCESS);
     SENSOR_INTERFACE si = take_interface(dev);
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&si);
+    auto pointer_at = [bytes](size_t offset) {
+        const void* p;
+        std::memcpy(&p, bytes + offset, sizeof p);
+        return p;
+    };
+    auto routine = [](auto* fn) { return reinterpret_cast<const void*>(fn); };
 
-    EXPECT_EQ(si.InterfaceHeader.Size, 376);
-    EXPECT_EQ(si.InterfaceHeader.Version, 18);
-    EXPECT_EQ(si.InterfaceHeader.Context, dev.context());
-    EXPECT_EQ(si.InterfaceHeader.InterfaceReference, &SensorInterfaceReference);
-    EXPECT_EQ(si.InterfaceHeader.InterfaceDereference, &SensorInterfaceDereference);
+    uint16_t size, version;
+    std::memcpy(&size, bytes + 0, 2);
+    std::memcpy(&version, bytes + 2, 2);
+    EXPECT_EQ(size, 376);
+    EXPECT_EQ(version, 18);
+    EXPECT_EQ(pointer_at(8), dev.context());
+    EXPECT_EQ(pointer_at(16), routine(&SensorInterfaceReference));
+    EXPECT_EQ(pointer_at(24), routine(&SensorInterfaceDereference));
+
+    const std::map<int, const void*> provided = {
+        {0, routine(&AcceptRecord)},      {1, routine(&GetSensorCaps)},    {2, routine(&GetMipiConfig)},
+        {3, routine(&GetSensorParameters)}, {4, routine(&GetModeTables)},  {5, routine(&GetPdafTable)},
+        {6, routine(&SelectMode)},        {7, routine(&AcceptEntry)},      {8, routine(&AcceptPointer)},
+        {9, routine(&AcceptValue)},       {10, routine(&AcceptPair)},      {11, routine(&AcceptNotice)},
+        {17, routine(&GetModeInfo)},      {18, routine(&PowerUp)},         {19, routine(&PowerDown)},
+        {24, routine(&GetAuxFlag)},       {25, routine(&GetParameterWord)}, {26, routine(&GetModuleInfo)},
+        {30, routine(&QueryProperty)},    {37, routine(&GetPdafInfo)},     {41, routine(&AcceptEntryList)},
+    };
+    ASSERT_EQ(provided.size(), 21u);
+    for (int k = 0; k < SENSOR_INTERFACE_SLOTS; k++) {
+        auto it = provided.find(k);
+        EXPECT_EQ(pointer_at(32 + 8 * size_t(k)), it == provided.end() ? nullptr : it->second) << "slot " << k;
+    }
+
     // The published record is the context's own member.
     auto* ctx = static_cast<PDEVICE_CONTEXT>(dev.context());
     EXPECT_EQ(dev.query_interface_config()->Interface, (PINTERFACE)&ctx->SensorInterface);
