@@ -16,8 +16,13 @@
 # non-Microsoft compiler is arranged in the build tree here, never in the
 # driver sources and never in the headers' own folder.
 
-set(KMDF_INCLUDE_DIR "${CMAKE_CURRENT_SOURCE_DIR}/../shared/kmdf-1.15/include" CACHE PATH
-    "KMDF 1.15 include folder (a WDK's Include/wdf/kmdf/1.15) for the WDK-build check")
+# The published headers sit in the shared folder beside the checkout (or the
+# workplace's one, for a checkout made elsewhere); -DKMDF_INCLUDE_DIR=<a WDK's
+# Include/wdf/kmdf/1.15> points the check at another copy.
+find_path(KMDF_INCLUDE_DIR wdf.h
+          PATHS ${CMAKE_CURRENT_SOURCE_DIR}/../shared/kmdf-1.15/include /work/shared/kmdf-1.15/include
+          DOC "KMDF 1.15 include folder (a WDK's Include/wdf/kmdf/1.15) for the WDK-build check"
+          NO_DEFAULT_PATH)
 get_filename_component(KMDF_INCLUDE_DIR_REAL "${KMDF_INCLUDE_DIR}" ABSOLUTE)
 
 find_program(KORVANEL_MINGW_CXX x86_64-w64-mingw32-g++)
