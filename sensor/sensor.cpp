@@ -184,18 +184,27 @@ NTSTATUS GetSensorCaps(PDEVICE_CONTEXT DeviceContext, PSENSOR_CAPS Caps)
     }
 
     // RGB-IR, once either the caller or the device has it, survives the
-    // refresh from the template.
-    BOOLEAN rgbIr = GetCapsMode(Caps) == SENSOR_CAPS_MODE_RGBIR ||
-                    GetCapsMode(&DeviceContext->SensorCaps) == SENSOR_CAPS_MODE_RGBIR;
-
-    *Caps = SensorCapsTemplate;
-    DeviceContext->SensorCaps = SensorCapsTemplate;
-    if (rgbIr) {
-        SetCapsMode(Caps, SENSOR_CAPS_MODE_RGBIR);
-        SetCapsMode(&DeviceContext->SensorCaps, SENSOR_CAPS_MODE_RGBIR);
+    // refresh from the template. The answer is decided from both copies
+    // before either is written: other threads read the device's copy while
+    // this one refreshes it, and must never find the template's mode in it
+    // on a device that has RGB-IR.
+    ULONG volatile* deviceWords = (ULONG volatile*)&DeviceContext->SensorCaps;
+    SENSOR_CAPS deviceCaps = {};
+    deviceCaps.ModeFlags = ReadULongNoFence(&deviceWords[FIELD_OFFSET(SENSOR_CAPS, ModeFlags) / sizeof(ULONG)]);
+    SENSOR_CAPS caps = SensorCapsTemplate;
+    if (GetCapsMode(Caps) == SENSOR_CAPS_MODE_RGBIR || GetCapsMode(&deviceCaps) == SENSOR_CAPS_MODE_RGBIR) {
+        SetCapsMode(&caps, SENSOR_CAPS_MODE_RGBIR);
     }
 
-    TraceEvents(TRACE_INFO, "GetSensorCaps mode %u", GetCapsMode(&DeviceContext->SensorCaps));
+    // The final record goes to both places, the device's copy one word at a
+    // time, so a concurrent reader sees each word whole.
+    *Caps = caps;
+    const ULONG* words = (const ULONG*)&caps;
+    for (ULONG i = 0; i < sizeof(SENSOR_CAPS) / sizeof(ULONG); i++) {
+        WriteULongNoFence(&deviceWords[i], words[i]);
+    }
+
+    TraceEvents(TRACE_INFO, "GetSensorCaps mode %u", GetCapsMode(&caps));
     return STATUS_SUCCESS;
 }
 
