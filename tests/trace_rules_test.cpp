@@ -197,10 +197,11 @@ TEST(TraceTest, OnlyTheEnabledSessionsLoggerTakesEvents)
     System sys;
     ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
     sys.traces().enable(TRACE_INFO, 4);
-    TRACEHANDLE earlier = TraceControl.Logger;
+    TRACEHANDLE earlier = TraceLogger();
     sys.traces().enable(TRACE_INFO | TRACE_ERROR, 4);
     TRACE_ENABLE_CONTEXT context;
-    memcpy(&context, &TraceControl.Logger, sizeof context);
+    TRACEHANDLE logger = TraceLogger();
+    memcpy(&context, &logger, sizeof context);
     EXPECT_EQ(context.LoggerId, 1);
     EXPECT_EQ(context.Level, 4);
     EXPECT_EQ(context.EnableFlags, ULONG(TRACE_INFO | TRACE_ERROR));
@@ -212,7 +213,7 @@ TEST(TraceTest, OnlyTheEnabledSessionsLoggerTakesEvents)
         TRACEHANDLE logger;
         NTSTATUS status;
     } cases[] = {
-        {"session", TraceControl.Logger, STATUS_SUCCESS},
+        {"session", logger, STATUS_SUCCESS},
         {"earlier session", earlier, STATUS_INVALID_HANDLE},
         {"registration handle", TraceControl.RegHandle, STATUS_INVALID_HANDLE},
         {"none", 0, STATUS_INVALID_HANDLE},

@@ -31,11 +31,11 @@ static VOID TraceSetSession(BOOLEAN Enable, TRACEHANDLE Logger)
     if (Enable) {
         TRACE_ENABLE_CONTEXT enableContext;
         RtlCopyMemory(&enableContext, &Logger, sizeof(enableContext));
-        TraceControl.Logger = Logger;
+        WriteNoFence64(&TraceControl.Logger, (LONG64)Logger);
         WriteULongNoFence(&TraceControl.Flags, enableContext.EnableFlags);
     } else {
         WriteULongNoFence(&TraceControl.Flags, 0);
-        TraceControl.Logger = 0;
+        WriteNoFence64(&TraceControl.Logger, 0);
     }
 }
 
@@ -160,7 +160,11 @@ VOID TraceWrite(LPCGUID MessageGuid, USHORT MessageNumber, TRACE_ARGUMENT* Argum
         n[i] = Arguments[i].Length;
     }
 
-    TRACEHANDLE logger = TraceControl.Logger;
+    // The session may have ended since the caller saw its flag.
+    TRACEHANDLE logger = TraceLogger();
+    if (logger == 0) {
+        return;
+    }
     LPGUID guid = (LPGUID)MessageGuid;
     PVOID name = (PVOID)TraceComponentName;
     SIZE_T nameLength = sizeof(TraceComponentName);

@@ -28,7 +28,9 @@ typedef struct _TRACE_CONTROL_BLOCK {
      * and one branch decide an event. */
     volatile ULONG Flags;
     ULONG Registered;           /* 0, or how tracing was registered */
-    TRACEHANDLE Logger;         /* the consumer's session, given when it enables us */
+    /* The consumer's session (a TRACEHANDLE), given when it enables us; 0 when
+     * none. Written by the enable callback while events read it. */
+    volatile LONG64 Logger;
     REGHANDLE RegHandle;        /* classic provider handle */
     PFN_ETW_UNREGISTER Unregister;
 } TRACE_CONTROL_BLOCK;
@@ -38,6 +40,11 @@ typedef struct _TRACE_CONTROL_BLOCK {
 
 extern TRACE_CONTROL_BLOCK TraceControl;
 extern const GUID TraceControlGuid;
+
+/* The enabled flags and the session, as an event on any thread reads them
+ * while a consumer enables or disables us. */
+inline ULONG TraceFlags(VOID) { return ReadULongNoFence(&TraceControl.Flags); }
+inline TRACEHANDLE TraceLogger(VOID) { return (TRACEHANDLE)ReadNoFence64(&TraceControl.Logger); }
 
 /* Registration at driver entry, removal at driver-object cleanup. */
 EXTERN_C_START
@@ -160,7 +167,7 @@ typedef struct _TRACE_FORMAT {
     do {                                                                                               \
         enum { TraceNumber = TRACE_FIRST_MESSAGE_NUMBER + __COUNTER__ - TraceModuleCounterBase - 1 }; \
         TRACE_FORMAT_RECORD(Flag, TraceNumber, Text);                                                  \
-        if (ReadULongNoFence(&TraceControl.Flags) & (Flag)) {                                          \
+        if (TraceFlags() & (Flag)) {                                                                   \
             TraceSend(TraceModuleGuid, (USHORT)TraceNumber __VA_OPT__(, ) __VA_ARGS__);               \
         }                                                                                              \
     } while (0)
