@@ -91,7 +91,15 @@ NTSTATUS IdentifySensorVariant(PDEVICE_CONTEXT DeviceContext)
 
             status = IoCallDriver(physicalDevice, irp);
             if (status == STATUS_PENDING) {
-                (VOID) KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, NULL);
+                // The bus driver completes the request into this frame (the
+                // event and the status block), so the routine must not return
+                // before it has. A kernel-mode wait that is not alertable and
+                // has no time-out returns only once the event is set.
+                NTSTATUS waitStatus;
+                do {
+                    waitStatus = KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, NULL);
+                    NT_ASSERT(waitStatus == STATUS_SUCCESS);
+                } while (waitStatus != STATUS_SUCCESS);
                 status = ioStatus.Status;
             }
         }

@@ -45,3 +45,9 @@ std::vector<std::string> Faults::errors() const
 }
 
 }  // namespace korvanel::host
+
+void KorvanelHostAssertionFailed(const char* Expression, const char* File, int Line)
+{
+    korvanel::host::System::current().faults().note_error(std::string("assertion failed: ") + Expression + " (" +
+                                                           File + ":" + std::to_string(Line) + ")");
+}

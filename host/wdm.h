@@ -30,6 +30,11 @@
 #define UNREFERENCED_PARAMETER(P) ((void)(P))
 #define PAGED_CODE()
 #define PAGED_CODE_LOCKED()
+
+/* A checked Windows build stops at a failed assertion; the bench lists it in
+ * the unload report instead, so a test that reaches one fails. */
+void KorvanelHostAssertionFailed(const char* Expression, const char* File, int Line);
+#define NT_ASSERT(exp) ((!(exp)) ? (KorvanelHostAssertionFailed(#exp, __FILE__, __LINE__), (BOOLEAN)0) : (BOOLEAN)1)
 #ifndef FIELD_OFFSET
 #define FIELD_OFFSET(type, field) ((LONG)offsetof(type, field))
 #endif

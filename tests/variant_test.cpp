@@ -3,6 +3,8 @@
 
 #include "driver/driver.h"
 
+#include <gmock/gmock.h>
+
 #include <functional>
 
 namespace korvanel::test {
@@ -109,6 +111,25 @@ TEST_F(VariantTest, AFailedQueryLeavesTheDefaultIdentityAndReturnsItsStatus)
     memset(bare.SensorName, 'x', sizeof bare.SensorName);
     EXPECT_EQ(IdentifySensorVariant(&bare), STATUS_INVALID_PARAMETER);
     EXPECT_STREQ(bare.SensorName, "HAPS");
+}
+
+// The query completes into the identification routine's own frame; however
+// its wait ends, the routine takes the bus driver's answer.
+TEST(VariantWaitTest, AFailedWaitForAPendingQueryIsReportedAndWaitedOut)
+{
+    host::System sys;
+    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    sys.faults().fail("KeWaitForSingleObject", STATUS_UNSUCCESSFUL);
+    DeviceConfig config;
+    config.hardware_ids = {u"root\\KORVANEL\\rgbir"};
+    config.id_query = DeviceConfig::IdQuery::Pending;
+    auto& dev = sys.add_device(config);
+    ASSERT_EQ(dev.add_status(), STATUS_SUCCESS);
+    EXPECT_STREQ(static_cast<PDEVICE_CONTEXT>(dev.context())->SensorName, "RGBIR");
+
+    auto report = sys.unload_driver();
+    ASSERT_EQ(report.problems.size(), 1u) << report.text();
+    EXPECT_THAT(report.problems[0], ::testing::HasSubstr("assertion failed: waitStatus == STATUS_SUCCESS"));
 }
 
 }  // namespace
