@@ -39,6 +39,7 @@ void KorvanelHostAssertionFailed(const char* Expression, const char* File, int L
 #define FIELD_OFFSET(type, field) ((LONG)offsetof(type, field))
 #endif
 #define RTL_NUMBER_OF(A) (sizeof(A) / sizeof((A)[0]))
+#define MAXUSHORT 0xffff
 #define ARRAYSIZE(A) RTL_NUMBER_OF(A)
 
 /* ---- Basic types ---- */
@@ -116,6 +117,7 @@ inline bool IsEqualGUID(const GUID& a, const GUID& b) { return memcmp(&a, &b, si
 #define STATUS_INVALID_PARAMETER_2     ((NTSTATUS)0xC00000F0L)
 #define STATUS_DEVICE_NOT_CONNECTED    ((NTSTATUS)0xC000009DL)
 #define STATUS_INVALID_DEVICE_STATE    ((NTSTATUS)0xC0000184L)
+#define STATUS_NAME_TOO_LONG           ((NTSTATUS)0xC0000106L)
 #define STATUS_DEVICE_PROTOCOL_ERROR   ((NTSTATUS)0xC0000186L)
 #define STATUS_CANCELLED               ((NTSTATUS)0xC0000120L)
 

@@ -27,7 +27,17 @@ NTSTATUS SaveRegistryPath(PCUNICODE_STRING RegistryPath)
         return STATUS_INVALID_PARAMETER;
     }
 
-    // Room for a terminator as well, so the copy can be used as a C string.
+    // Room for a terminator as well, so the copy can be used as a C string. A
+    // counted string holds at most 65,535 bytes: a path of 32,767 characters
+    // leaves no room for it, and a copy cut short would name another key.
+    if ((ULONG)RegistryPath->Length + sizeof(WCHAR) > MAXUSHORT) {
+        DriverRegistryPath.Length = 0;
+        DriverRegistryPath.MaximumLength = 0;
+        DriverRegistryPath.Buffer = NULL;
+        TraceEvents(TRACE_ERROR, "SaveRegistryPath: a path of %u bytes leaves no room for its terminator %!STATUS!",
+                    (ULONG)RegistryPath->Length, STATUS_NAME_TOO_LONG);
+        return STATUS_NAME_TOO_LONG;
+    }
     USHORT maximumLength = (USHORT)(RegistryPath->Length + sizeof(WCHAR));
     PWCH buffer = (PWCH)ExAllocatePoolWithTag(PagedPool, maximumLength, KORVANEL_POOL_TAG);
     if (buffer == NULL) {

@@ -242,18 +242,49 @@ TEST(DriverEntryTest, SavesTheRegistryPathAndFreesItAtUnload)
     EXPECT_EQ(DriverRegistryPath.Buffer, nullptr);
 }
 
-TEST(DriverEntryTest, AFailedPathCopyDoesNotFailDriverEntry)
+TEST(DriverEntryTest, APathThatCannotBeCopiedLeavesTheDefaultsAndSaysWhy)
 {
-    System sys;
-    sys.faults().fail("ExAllocatePoolWithTag", STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(sys.load_driver(), STATUS_SUCCESS);
-    EXPECT_EQ(DriverRegistryPath.Buffer, nullptr);
-    EXPECT_EQ(DriverRegistryPath.Length, 0);
-    // Every configuration read then fails and the defaults stay.
-    auto& dev = sys.add_device();
-    EXPECT_EQ(dev.add_status(), STATUS_SUCCESS);
-    EXPECT_EQ(static_cast<PDEVICE_CONTEXT>(dev.context())->MipiLaneCount, 2u);
-    EXPECT_TRUE(sys.unload_driver().clean());
+    const std::u16string longest(32766, u'k'), too_long(32767, u'k');
+    struct Case {
+        const char* what;
+        const std::u16string* path;
+        bool allocation_fails;
+        NTSTATUS status;
+    } cases[] = {
+        {"no pool", nullptr, true, STATUS_INSUFFICIENT_RESOURCES},
+        {"32,767 characters", &too_long, false, STATUS_NAME_TOO_LONG},
+        {"32,766 characters", &longest, false, STATUS_SUCCESS},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        System sys;
+        sys.traces().enable(TRACE_ERROR);
+        sys.registry().set_dword("MipiLanes", 4);
+        if (c.allocation_fails) {
+            sys.faults().fail("ExAllocatePoolWithTag", STATUS_INSUFFICIENT_RESOURCES);
+        }
+        EXPECT_EQ(c.path ? sys.load_driver(c.path) : sys.load_driver(), STATUS_SUCCESS);
+        if (c.path != nullptr) {
+            // Again directly, for the status driver entry ignores.
+            FreeRegistryPath();
+            UNICODE_STRING path{USHORT(c.path->size() * 2), USHORT(c.path->size() * 2), (PWCH)c.path->data()};
+            EXPECT_EQ(SaveRegistryPath(&path), c.status);
+        }
+        if (c.status == STATUS_SUCCESS) {
+            EXPECT_EQ(DriverRegistryPath.Length, c.path->size() * 2);
+            EXPECT_EQ(DriverRegistryPath.MaximumLength, 65534);
+            EXPECT_EQ(std::u16string(DriverRegistryPath.Buffer, c.path->size()), *c.path);
+        } else {
+            EXPECT_EQ(DriverRegistryPath.Buffer, nullptr);
+            EXPECT_EQ(DriverRegistryPath.Length, 0);
+            EXPECT_FALSE(sys.traces().events().empty()) << "no error trace says why";
+            // Every configuration read then fails and the defaults stay.
+            auto& dev = sys.add_device();
+            EXPECT_EQ(dev.add_status(), STATUS_SUCCESS);
+            EXPECT_EQ(static_cast<PDEVICE_CONTEXT>(dev.context())->MipiLaneCount, 2u);
+        }
+        EXPECT_TRUE(sys.unload_driver().clean());
+    }
 }
 
 TEST_F(DriverTest, IdlesToD3AfterFifteenSecondsAndWakesOnAPowerReference)
