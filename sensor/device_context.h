@@ -12,10 +12,17 @@
 #define SENSOR_NAME_SIZE 16
 #define NVM_CACHE_SIZE   750
 
+/* A processor cache line. The reference count is written whenever the camera
+ * driver takes or drops the interface; kept a whole line away from every
+ * other member, it does not slow the operations that read them. */
+#define SENSOR_CACHE_LINE 64
+
 typedef struct _DEVICE_CONTEXT {
     WDFDEVICE Device;                 /* the device that owns this context */
     GUID SensorGuid;                  /* identity of the sensor variant, reported by GetModuleInfo */
+    UCHAR RefCountPadBefore[SENSOR_CACHE_LINE];
     volatile LONG InterfaceRefCount;  /* references held on SensorInterface; interlocked only */
+    UCHAR RefCountPadAfter[SENSOR_CACHE_LINE - sizeof(LONG)];
     KEVENT BusLock;                   /* auto-reset; serialises actuator and memory bus sequences */
     ULONG MipiPortNumber;             /* MIPI port reported by GetMipiConfig */
     ULONG MipiLaneCount;              /* MIPI lane count reported by GetMipiConfig */
@@ -48,6 +55,14 @@ typedef struct _DEVICE_CONTEXT {
     I2C_CONNECTION I2cConnections[I2C_CONNECTION_COUNT];
     SENSOR_INTERFACE SensorInterface; /* the record published to the camera driver */
 } DEVICE_CONTEXT, *PDEVICE_CONTEXT;
+
+/* Whatever the context's own alignment, no cache line holds the reference
+ * count together with another member. */
+static_assert(FIELD_OFFSET(DEVICE_CONTEXT, InterfaceRefCount) - (FIELD_OFFSET(DEVICE_CONTEXT, SensorGuid) + sizeof(GUID)) >=
+                  SENSOR_CACHE_LINE,
+              "InterfaceRefCount shares a cache line with SensorGuid");
+static_assert(FIELD_OFFSET(DEVICE_CONTEXT, BusLock) - FIELD_OFFSET(DEVICE_CONTEXT, InterfaceRefCount) >= SENSOR_CACHE_LINE,
+              "InterfaceRefCount shares a cache line with BusLock");
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(DEVICE_CONTEXT, GetDeviceContext)
 

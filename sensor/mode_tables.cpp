@@ -156,7 +156,9 @@ const PDAF_MODE PdafModes[PDAF_MODE_CAPACITY] = {
 
 #define MODE_ENTRY_SCALE 1000
 
-ULONG CountModeRows(const SENSOR_MODE* Table)
+/* Rows in use from row 0 up to the terminating row, at most
+ * MODE_TABLE_ROW_LIMIT; 0 for a missing table. */
+static ULONG CountModeRows(const SENSOR_MODE* Table)
 {
     ULONG count = 0;
     if (Table != NULL) {

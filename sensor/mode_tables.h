@@ -64,10 +64,6 @@ extern MODE_LIST PdafList;
 /* PDAF data sizes; a row with Width 0 ends them. */
 extern const PDAF_MODE PdafModes[PDAF_MODE_CAPACITY];
 
-/* Rows in use from row 0 up to the terminating row, at most
- * MODE_TABLE_ROW_LIMIT; 0 for a missing table. */
-ULONG CountModeRows(const SENSOR_MODE* Table);
-
 /* Publish the four mode lists and the PDAF list; run during device add, from
  * pageable code (C linkage for the Windows build's section pragmas). */
 EXTERN_C_START
