@@ -39,141 +39,335 @@ int64_t real_system_time()
 
 // ---- Clock -----------------------------------------------------------------
 
-Clock::Mode Clock::mode() const
+// One thread's hand on the clock: the time its last delay ended and the
+// records of its delays. Only its own thread writes it, so it needs no lock
+// and no locked instruction; readers load it whole.
+struct Clock::Lane {
+    std::thread::id owner;
+    std::atomic<int64_t> now{INT64_MIN};
+    // A ring of kDelaysKeptPerThread; its pages are touched only as it fills.
+    std::unique_ptr<Delay[]> kept = std::make_unique_for_overwrite<Delay[]>(kDelaysKeptPerThread);
+    std::atomic<uint64_t> written{0};  // delays since the last clear, kept or not
+    std::atomic<uint64_t> sleeps{0};
+};
+
+namespace {
+
+std::atomic<uint64_t> g_clock_generation{1};
+
+// Which lane of which clock this thread uses; a generation tells a clock
+// from an earlier one made at the same address.
+struct LaneCache {
+    uint64_t generation = 0;
+    void* lane = nullptr;
+};
+thread_local LaneCache t_lane;
+
+// A single writer's increment: a load and a store, no locked instruction.
+void bump(std::atomic<uint64_t>& counter)
 {
-    std::lock_guard lock(mutex_);
-    return mode_;
+    counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_release);
 }
+
+}  // namespace
+
+Clock::Clock() : generation_(g_clock_generation.fetch_add(1)), shared_lane_(std::make_unique<Lane>()) {}
+Clock::~Clock() = default;
+
+Clock::Mode Clock::mode() const { return mode_.load(std::memory_order_relaxed); }
 
 void Clock::set_mode(Mode mode)
 {
     std::lock_guard lock(mutex_);
     if (mode == Mode::Real && mode_ != Mode::Real) {
-        real_base_ = real_system_time() - virtual_now_;
+        real_base_ = real_system_time() - now();
     }
-    mode_ = mode;
+    mode_.store(mode);
 }
 
 int64_t Clock::now() const
 {
-    std::lock_guard lock(mutex_);
-    return mode_ == Mode::Real ? real_system_time() - real_base_ : virtual_now_;
+    if (mode() == Mode::Real) {
+        std::lock_guard lock(mutex_);
+        return real_system_time() - real_base_;
+    }
+    return virtual_now();
 }
 
-void Clock::advance(int64_t units)
+// The latest of the base and every thread's hand.
+inline int64_t Clock::virtual_now() const
 {
-    if (units < 0) {
-        units = 0;
+    int64_t t = base_.load(std::memory_order_acquire);
+    size_t n = lane_count_.load(std::memory_order_acquire);
+    for (size_t i = 0; i < n; i++) {
+        t = std::max(t, lanes_[i]->now.load(std::memory_order_acquire));
     }
-    {
-        std::lock_guard lock(mutex_);
-        if (mode_ == Mode::Real) {
-            // Real time cannot be pushed; pretend it passed by moving the base.
-            real_base_ -= units;
+    return std::max(t, shared_lane_->now.load(std::memory_order_acquire));
+}
+
+// The common case stays small enough to inline into every delay.
+inline Clock::Lane& Clock::lane()
+{
+    if (t_lane.generation == generation_) [[likely]] {
+        return *static_cast<Lane*>(t_lane.lane);
+    }
+    return new_lane();
+}
+
+Clock::Lane& Clock::new_lane()
+{
+    std::lock_guard lock(mutex_);
+    auto self = std::this_thread::get_id();
+    size_t n = lane_count_.load(std::memory_order_relaxed);
+    Lane* found = nullptr;
+    for (size_t i = 0; i < n && found == nullptr; i++) {
+        if (lanes_[i]->owner == self) {
+            found = lanes_[i].get();
         }
     }
-    int64_t target = now() + (mode() == Mode::Real ? 0 : units);
-    // Timers fire in due order, each at its own time, outside the lock so
-    // they may call back into the platform.
+    if (found == nullptr && n < kMaxLanes) {
+        lanes_[n] = std::make_unique<Lane>();
+        lanes_[n]->owner = self;
+        found = lanes_[n].get();
+        lane_count_.store(n + 1, std::memory_order_release);
+    }
+    if (found == nullptr) {
+        // More threads than lanes: the rest share one, under the lock.
+        return *shared_lane_;
+    }
+    t_lane = {generation_, found};
+    return *found;
+}
+
+inline void Clock::record(Lane& lane, Delay::Kind kind, int64_t amount, int64_t at)
+{
+    uint64_t n = lane.written.load(std::memory_order_relaxed);
+    lane.kept[n % kDelaysKeptPerThread] = {kind, amount, at};
+    lane.written.store(n + 1, std::memory_order_release);
+    if (kind == Delay::Kind::Sleep) {
+        bump(lane.sleeps);
+    }
+}
+
+void Clock::raise_base(int64_t time)
+{
+    int64_t current = base_.load(std::memory_order_relaxed);
+    while (current < time && !base_.compare_exchange_weak(current, time, std::memory_order_acq_rel)) {
+    }
+}
+
+// With mutex_ held.
+void Clock::update_next_due()
+{
+    int64_t due = INT64_MAX;
+    for (auto& t : timers_) {
+        due = std::min(due, t.due);
+    }
+    next_due_.store(due, std::memory_order_release);
+}
+
+// Fires, in due order and each at its own time, the timers due by `until`;
+// outside the lock, so they may call back into the platform.
+void Clock::fire_timers(int64_t until)
+{
     for (;;) {
         std::function<void()> fn;
         {
             std::lock_guard lock(mutex_);
             auto due = timers_.end();
             for (auto it = timers_.begin(); it != timers_.end(); ++it) {
-                if (it->due <= target && (due == timers_.end() || it->due < due->due)) {
+                if (it->due <= until && (due == timers_.end() || it->due < due->due)) {
                     due = it;
                 }
             }
             if (due == timers_.end()) {
-                if (mode_ == Mode::Virtual && virtual_now_ < target) {
-                    virtual_now_ = target;
-                }
-                break;
+                return;
             }
-            if (mode_ == Mode::Virtual && virtual_now_ < due->due) {
-                virtual_now_ = due->due;
+            if (mode() == Mode::Virtual) {
+                raise_base(due->due);
             }
             fn = std::move(due->fn);
             timers_.erase(due);
+            update_next_due();
         }
         fn();
     }
 }
 
+void Clock::advance(int64_t units)
+{
+    units = std::max<int64_t>(units, 0);
+    if (mode() == Mode::Real) {
+        // Real time cannot be pushed; pretend it passed by moving the base.
+        {
+            std::lock_guard lock(mutex_);
+            real_base_ -= units;
+        }
+        fire_timers(now());
+        return;
+    }
+    int64_t target = now() + units;
+    if (target >= next_due_.load(std::memory_order_acquire)) {
+        fire_timers(target);
+    }
+    raise_base(target);
+}
+
 void Clock::fire_due_timers() { advance(0); }
+
+// A delay on the virtual clock: this thread's hand moves from the clock's
+// present time by `duration`, passing any timer due on the way.
+inline void Clock::pass(Lane& lane, Delay::Kind kind, int64_t amount, int64_t duration)
+{
+    int64_t start = virtual_now();
+    record(lane, kind, amount, start);
+    int64_t end = start + duration;
+    if (end >= next_due_.load(std::memory_order_acquire)) {
+        fire_timers(end);
+    }
+    if (end > lane.now.load(std::memory_order_relaxed)) {
+        lane.now.store(end, std::memory_order_release);
+    }
+}
 
 std::vector<Clock::Delay> Clock::delays() const
 {
     std::lock_guard lock(mutex_);
-    return delays_;
+    std::vector<Delay> out;
+    auto collect = [&out](const Lane& lane) {
+        uint64_t n = lane.written.load(std::memory_order_acquire);
+        uint64_t kept = std::min<uint64_t>(n, kDelaysKeptPerThread);
+        for (uint64_t i = n - kept; i < n; i++) {
+            out.push_back(lane.kept[i % kDelaysKeptPerThread]);
+        }
+    };
+    size_t lanes = lane_count_.load(std::memory_order_acquire);
+    for (size_t i = 0; i < lanes; i++) {
+        collect(*lanes_[i]);
+    }
+    collect(*shared_lane_);
+    // Each lane is in time order already; a stable sort keeps it so.
+    std::stable_sort(out.begin(), out.end(), [](const Delay& a, const Delay& b) { return a.at < b.at; });
+    return out;
 }
 
 void Clock::clear_delays()
 {
     std::lock_guard lock(mutex_);
-    delays_.clear();
+    auto clear = [](Lane& lane) {
+        lane.written.store(0);
+        lane.sleeps.store(0);
+    };
+    size_t lanes = lane_count_.load(std::memory_order_acquire);
+    for (size_t i = 0; i < lanes; i++) {
+        clear(*lanes_[i]);
+    }
+    clear(*shared_lane_);
 }
 
 size_t Clock::stall_count() const
 {
     std::lock_guard lock(mutex_);
-    return std::count_if(delays_.begin(), delays_.end(), [](const Delay& d) { return d.kind == Delay::Kind::Stall; });
+    auto stalls = [](const Lane& lane) { return lane.written.load() - lane.sleeps.load(); };
+    size_t count = stalls(*shared_lane_);
+    for (size_t i = 0; i < lane_count_.load(std::memory_order_acquire); i++) {
+        count += stalls(*lanes_[i]);
+    }
+    return count;
 }
 
-size_t Clock::sleep_count() const { return delays().size() - stall_count(); }
+size_t Clock::sleep_count() const
+{
+    std::lock_guard lock(mutex_);
+    size_t count = shared_lane_->sleeps.load();
+    for (size_t i = 0; i < lane_count_.load(std::memory_order_acquire); i++) {
+        count += lanes_[i]->sleeps.load();
+    }
+    return count;
+}
 
 uint64_t Clock::add_timer(int64_t due, std::function<void()> fn)
 {
     std::lock_guard lock(mutex_);
     uint64_t id = next_timer_++;
     timers_.push_back({id, due, std::move(fn)});
+    update_next_due();
     return id;
+}
+
+bool Clock::move_timer(uint64_t id, int64_t due)
+{
+    std::lock_guard lock(mutex_);
+    for (auto& t : timers_) {
+        if (t.id == id) {
+            t.due = due;
+            update_next_due();
+            return true;
+        }
+    }
+    return false;
 }
 
 void Clock::cancel_timer(uint64_t id)
 {
     std::lock_guard lock(mutex_);
     std::erase_if(timers_, [id](const Timer& t) { return t.id == id; });
+    update_next_due();
 }
 
 void Clock::stall_us(uint32_t us)
 {
-    // The spin's end is fixed first, so the bookkeeping is part of the stall.
-    auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(us);
-    int64_t start = now();
-    {
-        std::lock_guard lock(mutex_);
-        delays_.push_back({Delay::Kind::Stall, us, start});
-    }
     if (mode() == Mode::Real) {
-        // Spin on the monotonic clock: a stall must not give up the processor.
+        // The spin's end is fixed first, so the bookkeeping is part of the
+        // stall; it spins on the monotonic clock and never gives the
+        // processor up.
+        auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(us);
+        Lane& l = lane();
+        std::unique_lock shared(mutex_, std::defer_lock);
+        if (&l == shared_lane_.get()) {
+            shared.lock();
+        }
+        record(l, Delay::Kind::Stall, us, now());
+        if (shared) {
+            shared.unlock();
+        }
         while (std::chrono::steady_clock::now() < until) {
         }
         fire_due_timers();
+        return;
+    }
+    Lane& l = lane();
+    if (&l == shared_lane_.get()) {
+        std::lock_guard lock(mutex_);
+        pass(l, Delay::Kind::Stall, us, int64_t(us) * 10);
     } else {
-        advance(int64_t(us) * 10);
+        pass(l, Delay::Kind::Stall, us, int64_t(us) * 10);
     }
 }
 
 void Clock::sleep(int64_t interval)
 {
-    int64_t start = now();
-    {
-        std::lock_guard lock(mutex_);
-        delays_.push_back({Delay::Kind::Sleep, interval, start});
+    Lane& l = lane();
+    std::unique_lock shared(mutex_, std::defer_lock);
+    if (&l == shared_lane_.get()) {
+        shared.lock();
     }
+    int64_t start = now();
     // Negative: relative, in 100 ns units. Positive: an absolute system time.
     int64_t duration = interval < 0 ? -interval : std::max<int64_t>(0, interval - start);
     if (mode() == Mode::Real) {
+        record(l, Delay::Kind::Sleep, interval, start);
+        if (shared) {
+            shared.unlock();
+        }
         auto until = std::chrono::steady_clock::now() + std::chrono::nanoseconds(duration * 100);
         while (std::chrono::steady_clock::now() < until) {
             std::this_thread::sleep_until(until);
         }
         fire_due_timers();
-    } else {
-        advance(duration);
+        return;
     }
+    pass(l, Delay::Kind::Sleep, interval, duration);
 }
 
 }  // namespace korvanel::host

@@ -147,18 +147,21 @@ void DeviceObject::leave_d0(WDF_POWER_DEVICE_STATE to)
     power = PowerDeviceD3;
 }
 
+// The idle timeout starts again whenever the device becomes idle. A timer
+// still pending from an earlier idle spell is moved rather than made anew,
+// and one that comes due while the device is busy finds it so and lets it be:
+// taking and dropping power references costs no timer of its own.
 void DeviceObject::arm_idle_timer()
 {
-    auto& clock = System::current().clock();
-    if (idle_timer != 0) {
-        clock.cancel_timer(idle_timer);
-        idle_timer = 0;
-    }
     if (!started || power != PowerDeviceD0 || power_references > 0 || !idle_settings ||
         idle_settings->Enabled == WdfFalse) {
         return;
     }
+    auto& clock = System::current().clock();
     int64_t due = clock.now() + int64_t(idle_settings->IdleTimeout) * 10000;
+    if (idle_timer != 0 && clock.move_timer(idle_timer, due)) {
+        return;
+    }
     idle_timer = clock.add_timer(due, [this] {
         std::lock_guard lock(framework_lock());
         idle_timer = 0;

@@ -5,6 +5,7 @@
 #include "host/objects.h"
 #include "host/system.h"
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -40,6 +41,67 @@ TEST(HostClockTest, DelaysAndStallsMoveVirtualTimeAndAreRecorded)
     EXPECT_EQ(now.QuadPart, sys.clock().now());
 }
 
+// A long simulation stalls millions of times: the record keeps the latest
+// stalls of each thread and counts them all; time stays exact.
+TEST(HostClockTest, TheDelayRecordStaysBoundedAndTheCountsExact)
+{
+    System sys;
+    int64_t start = sys.clock().now();
+    const size_t kept = Clock::kDelaysKeptPerThread, total = kept + 1000;
+    for (size_t i = 0; i < total; i++) {
+        KeStallExecutionProcessor(50);
+    }
+    LARGE_INTEGER interval;
+    interval.QuadPart = -60000;
+    KeDelayExecutionThread(KernelMode, FALSE, &interval);
+
+    EXPECT_EQ(sys.clock().now() - start, int64_t(total) * 500 + 60000);
+    EXPECT_EQ(sys.clock().stall_count(), total);
+    EXPECT_EQ(sys.clock().sleep_count(), 1u);
+    auto delays = sys.clock().delays();
+    ASSERT_EQ(delays.size(), kept);
+    EXPECT_EQ(delays.back().kind, Clock::Delay::Kind::Sleep);
+    EXPECT_EQ(delays.front().at, start + int64_t(total - kept + 1) * 500) << "not the latest stalls";
+
+    sys.clock().clear_delays();
+    EXPECT_EQ(sys.clock().stall_count(), 0u);
+    EXPECT_TRUE(sys.clock().delays().empty());
+}
+
+// Threads that stall at the same time advance the clock as real time would
+// pass: by the longest of them, never backwards, each delay recorded.
+TEST(HostClockTest, ConcurrentStallsKeepTimeMonotonicAndRecordEveryDelay)
+{
+    System sys;
+    int64_t start = sys.clock().now();
+    constexpr int kThreads = 4, kStalls = 10000;
+    std::atomic<bool> backwards{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; t++) {
+        threads.emplace_back([&] {
+            int64_t last = sys.clock().now();
+            for (int i = 0; i < kStalls; i++) {
+                KeStallExecutionProcessor(50);
+                int64_t now = sys.clock().now();
+                backwards = backwards || now < last;
+                last = now;
+            }
+        });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    EXPECT_FALSE(backwards);
+    int64_t passed = sys.clock().now() - start;
+    EXPECT_GE(passed, int64_t(kStalls) * 500);
+    EXPECT_LE(passed, int64_t(kThreads) * kStalls * 500);
+    EXPECT_EQ(sys.clock().stall_count(), size_t(kThreads) * kStalls);
+    auto delays = sys.clock().delays();
+    EXPECT_EQ(delays.size(), size_t(kThreads) * kStalls);
+    EXPECT_TRUE(std::is_sorted(delays.begin(), delays.end(),
+                               [](const Clock::Delay& a, const Clock::Delay& b) { return a.at < b.at; }));
+}
+
 TEST(HostClockTest, TimersFireInDueOrderAtTheirOwnTime)
 {
     System sys;
@@ -52,11 +114,21 @@ TEST(HostClockTest, TimersFireInDueOrderAtTheirOwnTime)
 
     sys.clock().advance(99);
     EXPECT_TRUE(fired.empty());
-    sys.clock().advance(1000);
+    // A stall that passes timers' times fires them, each at its own time; a
+    // timer moved ahead fires in its new place.
+    uint64_t moved = sys.clock().add_timer(t0 + 5000, [&] { fired.push_back({4, sys.clock().now()}); });
+    EXPECT_TRUE(sys.clock().move_timer(moved, t0 + 104));
+    KeStallExecutionProcessor(1);
     ASSERT_EQ(fired.size(), 2u);
     EXPECT_EQ(fired[0], std::make_pair(1, t0 + 100));
-    EXPECT_EQ(fired[1], std::make_pair(3, t0 + 300));
+    EXPECT_EQ(fired[1], std::make_pair(4, t0 + 104));
+    EXPECT_EQ(sys.clock().now(), t0 + 109);
+    EXPECT_FALSE(sys.clock().move_timer(moved, t0 + 200)) << "a fired timer moved";
+    sys.clock().advance(990);
+    ASSERT_EQ(fired.size(), 3u);
+    EXPECT_EQ(fired[2], std::make_pair(3, t0 + 300));
     EXPECT_EQ(sys.clock().now(), t0 + 1099);
+    EXPECT_EQ(sys.clock().delays().size(), 1u);
 }
 
 TEST(HostEventTest, SynchronizationEventsWakeOneWaitAndResetThemselves)
