@@ -47,7 +47,22 @@ public:
     uint64_t idle_timer = 0;
     unsigned d0_entries = 0;
     unsigned d0_exits = 0;
-    std::vector<Device::IdleCall> idle_calls;
+    // The latest power-reference calls, as the caller made them (the file is
+    // the caller's constant text): a ring, so a long run keeps only these.
+    struct IdleRecord {
+        bool stop;
+        bool wait_for_d0;
+        void* tag;
+        long line;
+        const char* file;
+    };
+    static constexpr size_t kIdleCallsKept = 64;
+    IdleRecord idle_calls[kIdleCallsKept]{};
+    uint64_t idle_call_count = 0;
+    void note_idle_call(bool stop, bool wait_for_d0, void* tag, long line, const char* file)
+    {
+        idle_calls[idle_call_count++ % kIdleCallsKept] = {stop, wait_for_d0, tag, line, file};
+    }
 
     // Identifier queries completed later from another thread.
     std::vector<std::thread> completions;

@@ -159,11 +159,7 @@ void Clock::raise_base(int64_t time)
 // With mutex_ held.
 void Clock::update_next_due()
 {
-    int64_t due = INT64_MAX;
-    for (auto& t : timers_) {
-        due = std::min(due, t.due);
-    }
-    next_due_.store(due, std::memory_order_release);
+    next_due_.store(due_order_.empty() ? INT64_MAX : due_order_.begin()->first, std::memory_order_release);
 }
 
 // Fires, in due order and each at its own time, the timers due by `until`;
@@ -174,20 +170,17 @@ void Clock::fire_timers(int64_t until)
         std::function<void()> fn;
         {
             std::lock_guard lock(mutex_);
-            auto due = timers_.end();
-            for (auto it = timers_.begin(); it != timers_.end(); ++it) {
-                if (it->due <= until && (due == timers_.end() || it->due < due->due)) {
-                    due = it;
-                }
-            }
-            if (due == timers_.end()) {
+            if (due_order_.empty() || due_order_.begin()->first > until) {
                 return;
             }
+            auto [due, id] = *due_order_.begin();
             if (mode() == Mode::Virtual) {
-                raise_base(due->due);
+                raise_base(due);
             }
-            fn = std::move(due->fn);
-            timers_.erase(due);
+            auto it = timers_.find(id);
+            fn = std::move(it->second.fn);
+            timers_.erase(it);
+            due_order_.erase(due_order_.begin());
             update_next_due();
         }
         fn();
@@ -290,7 +283,8 @@ uint64_t Clock::add_timer(int64_t due, std::function<void()> fn)
 {
     std::lock_guard lock(mutex_);
     uint64_t id = next_timer_++;
-    timers_.push_back({id, due, std::move(fn)});
+    timers_.emplace(id, Timer{due, std::move(fn)});
+    due_order_.insert({due, id});
     update_next_due();
     return id;
 }
@@ -298,21 +292,26 @@ uint64_t Clock::add_timer(int64_t due, std::function<void()> fn)
 bool Clock::move_timer(uint64_t id, int64_t due)
 {
     std::lock_guard lock(mutex_);
-    for (auto& t : timers_) {
-        if (t.id == id) {
-            t.due = due;
-            update_next_due();
-            return true;
-        }
+    auto it = timers_.find(id);
+    if (it == timers_.end()) {
+        return false;
     }
-    return false;
+    due_order_.erase({it->second.due, id});
+    it->second.due = due;
+    due_order_.insert({due, id});
+    update_next_due();
+    return true;
 }
 
 void Clock::cancel_timer(uint64_t id)
 {
     std::lock_guard lock(mutex_);
-    std::erase_if(timers_, [id](const Timer& t) { return t.id == id; });
-    update_next_due();
+    auto it = timers_.find(id);
+    if (it != timers_.end()) {
+        due_order_.erase({it->second.due, id});
+        timers_.erase(it);
+        update_next_due();
+    }
 }
 
 void Clock::stall_us(uint32_t us)

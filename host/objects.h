@@ -5,6 +5,7 @@
 
 #include "system.h"
 
+#include <list>
 #include <memory>
 #include <vector>
 
@@ -19,7 +20,7 @@ public:
 
     Kind kind() const { return kind_; }
     Object* parent() const { return parent_; }
-    const std::vector<Object*>& children() const { return children_; }
+    const std::list<Object*>& children() const { return children_; }
     void* context() const { return context_.get(); }
     const WDF_OBJECT_CONTEXT_TYPE_INFO* context_type() const { return context_type_; }
 
@@ -44,7 +45,10 @@ private:
     Kind kind_;
     Object* parent_ = nullptr;
     bool deleting_ = false;
-    std::vector<Object*> children_;
+    // Newest last; each child knows its place, so deleting one of many
+    // devices or strings does not search the parent's list.
+    std::list<Object*> children_;
+    std::list<Object*>::iterator place_in_parent_;
     PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup_ = nullptr;
     PFN_WDF_OBJECT_CONTEXT_DESTROY destroy_ = nullptr;
     const WDF_OBJECT_CONTEXT_TYPE_INFO* context_type_ = nullptr;

@@ -150,7 +150,18 @@ DEVICE_POWER_STATE Device::power_state() const
 int Device::power_references() const { return object_ ? object_->power_references : 0; }
 std::vector<Device::IdleCall> Device::idle_calls() const
 {
-    return object_ ? object_->idle_calls : std::vector<IdleCall>{};
+    std::vector<IdleCall> out;
+    if (object_ == nullptr) {
+        return out;
+    }
+    std::lock_guard lock(framework_lock());
+    uint64_t n = object_->idle_call_count;
+    uint64_t kept = std::min<uint64_t>(n, DeviceObject::kIdleCallsKept);
+    for (uint64_t i = n - kept; i < n; i++) {
+        auto& r = object_->idle_calls[i % DeviceObject::kIdleCallsKept];
+        out.push_back({r.stop, r.wait_for_d0, r.tag, r.line, r.file ? r.file : ""});
+    }
+    return out;
 }
 unsigned Device::d0_entries() const { return object_ ? object_->d0_entries : 0; }
 unsigned Device::d0_exits() const { return object_ ? object_->d0_exits : 0; }

@@ -25,6 +25,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -114,12 +115,15 @@ private:
 
     mutable std::recursive_mutex mutex_;  // timers, lane creation, the real clock's base
     int64_t real_base_ = 0;
+    // Pending timers by id, and their (due, id) in due order: adding, moving,
+    // cancelling and finding the next are logarithmic however many devices
+    // keep an idle timer.
     struct Timer {
-        uint64_t id;
         int64_t due;
         std::function<void()> fn;
     };
-    std::vector<Timer> timers_;
+    std::map<uint64_t, Timer> timers_;
+    std::set<std::pair<int64_t, uint64_t>> due_order_;
     std::atomic<int64_t> next_due_{INT64_MAX};  // earliest pending timer
     uint64_t next_timer_ = 1;
     void fire_due_timers();
@@ -189,6 +193,10 @@ private:
 // Every platform routine that can fail asks check() first. A rule names the
 // routine, the status to return, how many matching calls to let through first
 // and how many to fail (0 = every one after that).
+//
+// check() is on the path of every platform call, power references included:
+// it counts without a lock or an allocation, and takes the lock only while
+// rules exist.
 class Faults {
 public:
     struct Rule {
@@ -197,6 +205,8 @@ public:
         unsigned skip = 0;
         unsigned times = 1;
     };
+    Faults();
+    ~Faults();
     void fail(const std::string& routine, NTSTATUS status, unsigned skip = 0, unsigned times = 1);
     void clear();
     NTSTATUS check(const char* routine);  // STATUS_SUCCESS, or the injected status
@@ -208,9 +218,20 @@ public:
     std::vector<std::string> errors() const;
 
 private:
+    // Call counts by the routine name's address (each caller passes its own
+    // literal); names at other addresses with the same text add up in calls().
+    struct Counter {
+        std::atomic<const char*> routine{nullptr};
+        std::atomic<unsigned> calls{0};
+    };
+    static constexpr size_t kCounters = 256;
+    std::unique_ptr<Counter[]> counters_;
+    void count(const char* routine);
+
     mutable std::mutex mutex_;
+    std::atomic<size_t> rule_count_{0};
     std::vector<Rule> rules_;
-    std::map<std::string, unsigned> calls_;
+    std::map<std::string, unsigned> overflow_calls_;  // beyond kCounters names, under mutex_
     std::vector<std::string> errors_;
 };
 
@@ -331,7 +352,7 @@ public:
         long line;
         std::string file;
     };
-    std::vector<IdleCall> idle_calls() const;
+    std::vector<IdleCall> idle_calls() const;  // the latest 64, oldest first
     unsigned d0_entries() const;
     unsigned d0_exits() const;
 

@@ -4,7 +4,7 @@
 #include "device.h"
 
 #include <algorithm>
-#include <set>
+#include <unordered_set>
 
 namespace korvanel::host {
 
@@ -15,9 +15,9 @@ std::mutex& live_mutex()
     static std::mutex m;
     return m;
 }
-std::set<Object*>& live_objects()
+std::unordered_set<Object*>& live_objects()
 {
-    static std::set<Object*> s;
+    static std::unordered_set<Object*> s;
     return s;
 }
 
@@ -62,7 +62,7 @@ NTSTATUS Object::attach(const WDF_OBJECT_ATTRIBUTES* attributes, Object* default
     }
     parent_ = parent;
     if (parent_ != nullptr) {
-        parent_->children_.push_back(this);
+        place_in_parent_ = parent_->children_.insert(parent_->children_.end(), this);
     }
     std::lock_guard lock(live_mutex());
     live_objects().insert(this);
@@ -87,7 +87,7 @@ void Object::destroy(Object* object)
         object->cleanup_(object->handle());
     }
     if (object->parent_ != nullptr) {
-        std::erase(object->parent_->children_, object);
+        object->parent_->children_.erase(object->place_in_parent_);
     }
     if (object->destroy_ != nullptr) {
         object->destroy_(object->handle());
@@ -469,7 +469,7 @@ NTSTATUS WdfDeviceStopIdleActual(WDFDEVICE Device, BOOLEAN WaitForD0, PVOID Tag,
         return STATUS_INVALID_PARAMETER;
     }
     std::lock_guard lock(framework_lock());
-    device->idle_calls.push_back({true, WaitForD0 != FALSE, Tag, Line, File ? File : ""});
+    device->note_idle_call(true, WaitForD0 != FALSE, Tag, Line, File);
     NTSTATUS status = System::current().faults().check("WdfDeviceStopIdle");
     if (!NT_SUCCESS(status)) {
         return status;
@@ -492,7 +492,7 @@ VOID WdfDeviceResumeIdleActual(WDFDEVICE Device, PVOID Tag, LONG Line, PCHAR Fil
         return;
     }
     std::lock_guard lock(framework_lock());
-    device->idle_calls.push_back({false, false, Tag, Line, File ? File : ""});
+    device->note_idle_call(false, false, Tag, Line, File);
     if (device->power_references == 0) {
         note("WdfDeviceResumeIdle without a matching WdfDeviceStopIdle");
         return;
