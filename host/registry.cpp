@@ -196,7 +196,9 @@ NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
     info->Type = value.type;
     info->DataLength = ULONG(value.data.size());
     size_t room = Length - header;
-    memcpy(info->Data, value.data.data(), std::min(room, value.data.size()));
+    if (!value.data.empty()) {
+        memcpy(info->Data, value.data.data(), std::min(room, value.data.size()));
+    }
     return room < value.data.size() ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
 }
 

@@ -242,6 +242,11 @@ struct TraceFormatInfo {
     uint32_t flag;
 };
 
+//
+// An event is recorded under one lock with its arguments copied into a slot
+// of a ring (inline when they are short, as they nearly always are), so a
+// traced operation costs no allocation per argument and a long traced run
+// keeps its latest kEventsKept events.
 class Traces {
 public:
     struct Event {
@@ -251,6 +256,8 @@ public:
         std::vector<std::vector<uint8_t>> args;  // args[0] is "KORVANEL\0"
         int64_t time;
     };
+    static constexpr size_t kEventsKept = size_t(1) << 16;
+    static constexpr size_t kMaxArguments = 16;
     enum class Registration { None, Classic, Wmi };
 
     // A consumer session: enable before or after the driver registers.
@@ -260,7 +267,8 @@ public:
     TRACEHANDLE logger() const;  // the enabled session's logger handle, 0 when none
 
     Registration registration() const;
-    std::vector<Event> events() const;
+    std::vector<Event> events() const;  // the kept events, oldest first
+    uint64_t dropped() const;           // events recorded but no longer kept
     void clear();
 
     // Decoding with the call sites' format texts.
@@ -277,13 +285,32 @@ public:
     static std::u16string wtext(const Event& e, size_t i);
 
     // Used by the kernel entry points.
-    void record(Event e);
+    struct Argument {
+        const void* data;
+        size_t length;
+    };
+    void record(const GUID& guid, uint16_t number, uint32_t message_flags, int64_t time, const Argument* args,
+                size_t count);
     void set_registration(Registration r, void* callback, void* context);
     void apply_session();  // calls the driver's enable callback with the session
 
 private:
+    struct Stored {
+        GUID guid;
+        uint16_t number;
+        uint16_t count;
+        uint32_t message_flags;
+        int64_t time;
+        uint32_t lengths[kMaxArguments];
+        uint8_t inline_bytes[96];
+        std::vector<uint8_t> more;  // when the arguments do not fit inline
+    };
+    Event expand(const Stored& s) const;
+
     mutable std::recursive_mutex mutex_;
-    std::vector<Event> events_;
+    std::vector<Stored> ring_;
+    uint64_t recorded_ = 0;
+    std::atomic<TRACEHANDLE> session_handle_{0};  // 0 while no session is enabled
     Registration registration_ = Registration::None;
     void* callback_ = nullptr;
     void* callback_context_ = nullptr;

@@ -57,6 +57,7 @@ void Traces::enable(uint32_t flags, uint8_t level)
     flags_ = flags;
     level_ = level;
     session_ = true;
+    session_handle_.store(session_handle(flags_, level_));
     apply_session();
 }
 
@@ -64,6 +65,7 @@ void Traces::disable()
 {
     std::lock_guard lock(mutex_);
     session_ = false;
+    session_handle_.store(0);
     apply_session();
 }
 
@@ -73,11 +75,7 @@ uint32_t Traces::enabled_flags() const
     return session_ ? flags_ : 0;
 }
 
-TRACEHANDLE Traces::logger() const
-{
-    std::lock_guard lock(mutex_);
-    return session_ ? session_handle(flags_, level_) : 0;
-}
+TRACEHANDLE Traces::logger() const { return session_handle_.load(std::memory_order_acquire); }
 
 Traces::Registration Traces::registration() const
 {
@@ -124,25 +122,79 @@ void Traces::apply_session()
     delivered_ = session_;
 }
 
-void Traces::record(Event e)
+void Traces::record(const GUID& guid, uint16_t number, uint32_t message_flags, int64_t time, const Argument* args,
+                    size_t count)
 {
     std::lock_guard lock(mutex_);
     if (!session_ || registration_ == Registration::None) {
         return;
     }
-    events_.push_back(std::move(e));
+    if (ring_.size() < kEventsKept) {
+        ring_.emplace_back();
+    }
+    // Once full, the oldest slot is reused, with what it allocated.
+    Stored& e = ring_[recorded_++ % kEventsKept];
+    e.guid = guid;
+    e.number = number;
+    e.message_flags = message_flags;
+    e.time = time;
+    e.count = uint16_t(std::min(count, kMaxArguments));
+    size_t total = 0;
+    for (size_t i = 0; i < e.count; i++) {
+        e.lengths[i] = uint32_t(args[i].length);
+        total += args[i].length;
+    }
+    uint8_t* to = e.inline_bytes;
+    if (total > sizeof e.inline_bytes) {
+        e.more.resize(total);
+        to = e.more.data();
+    }
+    for (size_t i = 0; i < e.count; i++) {
+        if (args[i].length > 0) {
+            memcpy(to, args[i].data, args[i].length);
+            to += args[i].length;
+        }
+    }
+}
+
+Traces::Event Traces::expand(const Stored& s) const
+{
+    Event e{s.guid, s.number, s.message_flags, {}, s.time};
+    size_t total = 0;
+    for (size_t i = 0; i < s.count; i++) {
+        total += s.lengths[i];
+    }
+    const uint8_t* from = total > sizeof s.inline_bytes ? s.more.data() : s.inline_bytes;
+    for (size_t i = 0; i < s.count; i++) {
+        e.args.emplace_back(from, from + s.lengths[i]);
+        from += s.lengths[i];
+    }
+    return e;
 }
 
 std::vector<Traces::Event> Traces::events() const
 {
     std::lock_guard lock(mutex_);
-    return events_;
+    std::vector<Event> out;
+    size_t kept = ring_.size();
+    out.reserve(kept);
+    for (uint64_t i = recorded_ - kept; i < recorded_; i++) {
+        out.push_back(expand(ring_[i % kEventsKept]));
+    }
+    return out;
+}
+
+uint64_t Traces::dropped() const
+{
+    std::lock_guard lock(mutex_);
+    return recorded_ - ring_.size();
 }
 
 void Traces::clear()
 {
     std::lock_guard lock(mutex_);
-    events_.clear();
+    ring_.clear();
+    recorded_ = 0;
 }
 
 const TraceFormatInfo* Traces::format(const Event& e) const
@@ -199,7 +251,9 @@ std::u16string Traces::wtext(const Event& e, size_t i)
         return {};
     }
     std::u16string s(e.args[i].size() / 2, u'\0');
-    memcpy(s.data(), e.args[i].data(), s.size() * 2);
+    if (!s.empty()) {
+        memcpy(s.data(), e.args[i].data(), s.size() * 2);
+    }
     return s.substr(0, s.find(u'\0'));
 }
 
@@ -382,8 +436,8 @@ NTSTATUS IoWMIRegistrationControl(PDEVICE_OBJECT DeviceObject, ULONG Action)
     }
 }
 
-extern "C" NTSTATUS WmiTraceMessage(TRACEHANDLE LoggerHandle, ULONG MessageFlags, LPGUID MessageGuid,
-                                    USHORT MessageNumber, ...)
+extern "C" NTSTATUS KorvanelHostWmiTraceMessage(TRACEHANDLE LoggerHandle, ULONG MessageFlags, LPGUID MessageGuid,
+                                                ULONG MessageNumber, ...)
 {
     auto& sys = System::current();
     if (MessageGuid == nullptr) {
@@ -395,7 +449,8 @@ extern "C" NTSTATUS WmiTraceMessage(TRACEHANDLE LoggerHandle, ULONG MessageFlags
     if (session == 0 || LoggerHandle != session) {
         return STATUS_INVALID_HANDLE;
     }
-    Traces::Event e{*MessageGuid, MessageNumber, MessageFlags, {}, sys.clock().now()};
+    Traces::Argument arguments[Traces::kMaxArguments];
+    size_t count = 0;
     va_list args;
     va_start(args, MessageNumber);
     for (;;) {
@@ -404,9 +459,11 @@ extern "C" NTSTATUS WmiTraceMessage(TRACEHANDLE LoggerHandle, ULONG MessageFlags
             break;
         }
         size_t length = va_arg(args, SIZE_T);
-        e.args.emplace_back(data, data + length);
+        if (count < Traces::kMaxArguments) {
+            arguments[count++] = {data, length};
+        }
     }
     va_end(args);
-    sys.traces().record(std::move(e));
+    sys.traces().record(*MessageGuid, uint16_t(MessageNumber), MessageFlags, sys.clock().now(), arguments, count);
     return STATUS_SUCCESS;
 }

@@ -481,5 +481,10 @@ NTSYSAPI NTSTATUS NTAPI ZwClose(HANDLE Handle);
 #define FILE_DEVICE_CONTROLLER 0x00000004
 
 /* ---- Event tracing ---- */
-extern "C" NTKERNELAPI NTSTATUS WmiTraceMessage(TRACEHANDLE LoggerHandle, ULONG MessageFlags, LPGUID MessageGuid,
-                                                USHORT MessageNumber, ...);
+/* The kernel's variadic trace entry ends its named parameters with a USHORT,
+ * which a variadic definition cannot start its argument list after (the type
+ * promotes), so on the host the name leads to an entry that takes the message
+ * number promoted. Callers write WmiTraceMessage as on Windows. */
+extern "C" NTSTATUS KorvanelHostWmiTraceMessage(TRACEHANDLE LoggerHandle, ULONG MessageFlags, LPGUID MessageGuid,
+                                                ULONG MessageNumber, ...);
+#define WmiTraceMessage KorvanelHostWmiTraceMessage

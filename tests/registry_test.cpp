@@ -104,6 +104,7 @@ TEST_F(RegistryTest, FormatFlagsKeepTheLastFormatThatSetThem)
 TEST_F(RegistryTest, TheReaderReturnsOnlyAValueOfTheRightTypeThatFits)
 {
     sys.registry().set("Two", REG_DWORD, {0x34, 0x12});
+    sys.registry().set("Empty", REG_DWORD, {});
     sys.registry().set("Five", REG_DWORD, {1, 2, 3, 4, 5});
     sys.registry().set_string("Text", "4");
     sys.registry().set_dword("Number", 0x11223344);
@@ -117,6 +118,7 @@ TEST_F(RegistryTest, TheReaderReturnsOnlyAValueOfTheRightTypeThatFits)
     } cases[] = {
         {"Number", nullptr, STATUS_SUCCESS, 4, {0x44, 0x33, 0x22, 0x11}},
         {"Two", nullptr, STATUS_SUCCESS, 2, {0x34, 0x12, 0xEE, 0xEE}},
+        {"Empty", nullptr, STATUS_SUCCESS, 0, untouched},
         {"Five", nullptr, STATUS_INVALID_PARAMETER, 4, untouched},
         {"Text", nullptr, STATUS_UNSUCCESSFUL, 4, untouched},
         {"Number", "ExAllocatePoolWithTag", STATUS_INSUFFICIENT_RESOURCES, 4, untouched},

@@ -34,6 +34,8 @@ void EmitFormats(LONG negative, ULONG small, LONG64 wide_negative, ULONG64 wide,
     TraceEvents(TRACE_INFO, "%I64d %I64u %I64x", wide_negative, wide, wide);
     TraceEvents(TRACE_INFO, "[%s] [%-4s] [%ws] [%wZ]", text, text, wide_text, counted);
     TraceEvents(TRACE_ERROR, "%!STATUS! %!STATUS! 100%%", STATUS_DEVICE_BUSY, (NTSTATUS)0xC0001234);
+    UNICODE_STRING empty{0, 0, NULL};
+    TraceEvents(TRACE_INFO, "[%wZ]", empty);
 }
 
 TEST(TraceTest, RegistrationFollowsTheSystemVersionAndTheRoutinesFound)
@@ -237,6 +239,31 @@ TEST(TraceTest, OnlyTheEnabledSessionsLoggerTakesEvents)
     EXPECT_TRUE(sys.unload_driver().clean());
 }
 
+void EmitCount(ULONG i)
+{
+    TraceEvents(TRACE_INFO, "count %u", i);
+}
+
+// A long traced run keeps its latest events and says how many it let go.
+TEST(TraceTest, TheRecordKeepsTheLatestEvents)
+{
+    System sys;
+    sys.traces().enable(TRACE_INFO);
+    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    sys.traces().clear();
+    const ULONG total = ULONG(Traces::kEventsKept) + 10;
+    for (ULONG i = 0; i < total; i++) {
+        EmitCount(i);
+    }
+    auto events = sys.traces().events();
+    ASSERT_EQ(events.size(), Traces::kEventsKept);
+    EXPECT_EQ(sys.traces().dropped(), 10u);
+    EXPECT_EQ(Traces::u32(events.front(), 1), 10u);
+    EXPECT_EQ(Traces::u32(events.back(), 1), total - 1);
+    EXPECT_EQ(Traces::text(events.back(), 0), "KORVANEL");
+    EXPECT_TRUE(sys.unload_driver().clean());
+}
+
 TEST(TraceTest, DecodedLinesFormatEachSpecifier)
 {
     System sys;
@@ -253,6 +280,7 @@ TEST(TraceTest, DecodedLinesFormatEachSpecifier)
                                         "trace_rules_test: -5 78187493530 123456789a",
                                         "trace_rules_test: [cam] [cam ] [wide] [counted]",
                                         "trace_rules_test: STATUS_DEVICE_BUSY 0xC0001234 100%",
+                                        "trace_rules_test: []",
                                     }));
     EXPECT_TRUE(sys.unload_driver().clean());
 }
