@@ -40,28 +40,46 @@ public:
     int stop_remove_blocks = 0;
     unsigned stop_remove_calls[2] = {0, 0};  // [Stoppable]
 
-    // Power.
-    bool started = false;
-    DEVICE_POWER_STATE power = PowerDeviceUnspecified;
-    int power_references = 0;
-    uint64_t idle_timer = 0;
+    // Power. Taking and dropping a power reference is the camera driver's
+    // hot path, so neither takes the framework lock while the device stays in
+    // D0: the reference count, the power state and the time the device last
+    // became idle are read and written atomically, and one idle timer is
+    // pending at a time; when it comes due it looks at the device as it is
+    // then (busy, or idle for less than the timeout: nothing, or later).
+    // Transitions (D0 entry and exit) happen under the framework lock.
+    std::atomic<bool> started{false};
+    std::atomic<DEVICE_POWER_STATE> power{PowerDeviceUnspecified};
+    std::atomic<int> power_references{0};
+    std::atomic<int64_t> idle_since{0};
+    std::atomic<bool> idle_timer_pending{false};
+    std::atomic<bool> powering_down{false};
+    uint64_t idle_timer = 0;  // under the framework lock
     unsigned d0_entries = 0;
     unsigned d0_exits = 0;
     // The latest power-reference calls, as the caller made them (the file is
     // the caller's constant text): a ring, so a long run keeps only these.
+    // Threads calling at the same instant may share a slot; the record is
+    // for looking at calls, and costs no locked instruction.
     struct IdleRecord {
-        bool stop;
-        bool wait_for_d0;
-        void* tag;
-        long line;
-        const char* file;
+        std::atomic<bool> stop{false};
+        std::atomic<bool> wait_for_d0{false};
+        std::atomic<void*> tag{nullptr};
+        std::atomic<long> line{0};
+        std::atomic<const char*> file{nullptr};
     };
     static constexpr size_t kIdleCallsKept = 64;
-    IdleRecord idle_calls[kIdleCallsKept]{};
-    uint64_t idle_call_count = 0;
+    IdleRecord idle_calls[kIdleCallsKept];
+    std::atomic<uint64_t> idle_call_count{0};
     void note_idle_call(bool stop, bool wait_for_d0, void* tag, long line, const char* file)
     {
-        idle_calls[idle_call_count++ % kIdleCallsKept] = {stop, wait_for_d0, tag, line, file};
+        uint64_t n = idle_call_count.load(std::memory_order_relaxed);
+        idle_call_count.store(n + 1, std::memory_order_relaxed);
+        IdleRecord& r = idle_calls[n % kIdleCallsKept];
+        r.stop.store(stop, std::memory_order_relaxed);
+        r.wait_for_d0.store(wait_for_d0, std::memory_order_relaxed);
+        r.tag.store(tag, std::memory_order_relaxed);
+        r.line.store(line, std::memory_order_relaxed);
+        r.file.store(file, std::memory_order_relaxed);
     }
 
     // Identifier queries completed later from another thread.
@@ -69,7 +87,9 @@ public:
 
     void start();
     void stop_and_remove();
-    void arm_idle_timer();
+    void become_idle();           // the last power reference went (or none was ever taken)
+    void ensure_idle_timer();
+    void idle_timeout();          // the pending idle timer came due
     void enter_d0(WDF_POWER_DEVICE_STATE from);
     void leave_d0(WDF_POWER_DEVICE_STATE to);
     std::u16string symbolic_link(const GUID& interface_class) const;

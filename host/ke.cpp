@@ -296,9 +296,11 @@ bool Clock::move_timer(uint64_t id, int64_t due)
     if (it == timers_.end()) {
         return false;
     }
-    due_order_.erase({it->second.due, id});
+    // The same node moves, so rescheduling allocates nothing.
+    auto node = due_order_.extract({it->second.due, id});
+    node.value().first = due;
+    due_order_.insert(std::move(node));
     it->second.due = due;
-    due_order_.insert({due, id});
     update_next_due();
     return true;
 }

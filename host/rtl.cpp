@@ -340,7 +340,20 @@ NTSTATUS RtlStringCbCopyA(PSTR pszDest, SIZE_T cbDest, PCSTR pszSrc)
         }
         return STATUS_INVALID_PARAMETER;
     }
-    return korvanel::host::bounded_store(pszDest, cbDest, std::string(pszSrc ? pszSrc : ""));
+    // Copied in place: the camera driver's module query copies six texts.
+    const char* from = pszSrc ? pszSrc : "";
+    for (SIZE_T i = 0; i < cbDest; i++) {
+        if (from[i] == 0) {
+            pszDest[i] = 0;
+            return STATUS_SUCCESS;
+        }
+        if (i == cbDest - 1) {
+            pszDest[i] = 0;
+            return STATUS_BUFFER_OVERFLOW;
+        }
+        pszDest[i] = from[i];
+    }
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS RtlStringCbPrintfW(PWSTR pszDest, SIZE_T cbDest, PCWSTR pszFormat, ...)

@@ -147,7 +147,7 @@ DEVICE_POWER_STATE Device::power_state() const
     std::lock_guard lock(framework_lock());
     return object_->power;
 }
-int Device::power_references() const { return object_ ? object_->power_references : 0; }
+int Device::power_references() const { return object_ ? object_->power_references.load() : 0; }
 std::vector<Device::IdleCall> Device::idle_calls() const
 {
     std::vector<IdleCall> out;
@@ -159,7 +159,8 @@ std::vector<Device::IdleCall> Device::idle_calls() const
     uint64_t kept = std::min<uint64_t>(n, DeviceObject::kIdleCallsKept);
     for (uint64_t i = n - kept; i < n; i++) {
         auto& r = object_->idle_calls[i % DeviceObject::kIdleCallsKept];
-        out.push_back({r.stop, r.wait_for_d0, r.tag, r.line, r.file ? r.file : ""});
+        const char* file = r.file;
+        out.push_back({r.stop, r.wait_for_d0, r.tag, r.line, file ? file : ""});
     }
     return out;
 }

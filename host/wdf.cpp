@@ -21,6 +21,18 @@ std::unordered_set<Object*>& live_objects()
     return s;
 }
 
+// Deletions so far. A thread remembers the last handle it found alive; the
+// handle is still alive while no object has been deleted since, so a driver
+// calling the framework again and again with its device handle (a power
+// reference, then its release) finds it without the lock.
+std::atomic<uint64_t> g_deletions{0};
+struct LookupCache {
+    WDFOBJECT handle = nullptr;
+    Object* object = nullptr;
+    uint64_t deletions = 0;
+};
+thread_local LookupCache t_lookup;
+
 class StringObject : public Object {
 public:
     StringObject() : Object(Kind::String) {}
@@ -95,6 +107,7 @@ void Object::destroy(Object* object)
     {
         std::lock_guard lock(live_mutex());
         live_objects().erase(object);
+        g_deletions.fetch_add(1);
     }
     delete object;
 }
@@ -108,9 +121,15 @@ size_t Object::live_count()
 Object* lookup(WDFOBJECT handle, Object::Kind kind)
 {
     auto* object = Object::from(handle);
-    std::lock_guard lock(live_mutex());
-    if (handle == nullptr || live_objects().count(object) == 0) {
+    if (handle == nullptr) {
         return nullptr;
+    }
+    if (t_lookup.handle != handle || t_lookup.deletions != g_deletions.load()) {
+        std::lock_guard lock(live_mutex());
+        if (live_objects().count(object) == 0) {
+            return nullptr;
+        }
+        t_lookup = {handle, object, g_deletions.load()};
     }
     return kind == Object::Kind::Other || object->kind() == kind ? object : nullptr;
 }
@@ -147,28 +166,50 @@ void DeviceObject::leave_d0(WDF_POWER_DEVICE_STATE to)
     power = PowerDeviceD3;
 }
 
-// The idle timeout starts again whenever the device becomes idle. A timer
-// still pending from an earlier idle spell is moved rather than made anew,
-// and one that comes due while the device is busy finds it so and lets it be:
-// taking and dropping power references costs no timer of its own.
-void DeviceObject::arm_idle_timer()
+// The idle timeout runs from the moment the last power reference went.
+void DeviceObject::become_idle()
 {
-    if (!started || power != PowerDeviceD0 || power_references > 0 || !idle_settings ||
-        idle_settings->Enabled == WdfFalse) {
+    idle_since.store(System::current().clock().now());
+    ensure_idle_timer();
+}
+
+void DeviceObject::ensure_idle_timer()
+{
+    if (idle_timer_pending.load()) {
+        return;
+    }
+    std::lock_guard lock(framework_lock());
+    if (idle_timer_pending.load() || !started || !idle_settings || idle_settings->Enabled == WdfFalse) {
+        return;
+    }
+    int64_t due = idle_since.load() + int64_t(idle_settings->IdleTimeout) * 10000;
+    idle_timer_pending.store(true);
+    idle_timer = System::current().clock().add_timer(due, [this] { idle_timeout(); });
+}
+
+void DeviceObject::idle_timeout()
+{
+    std::lock_guard lock(framework_lock());
+    idle_timer = 0;
+    idle_timer_pending.store(false);
+    // A reference holder re-arms the timer when it lets go.
+    if (!started || power.load() != PowerDeviceD0 || power_references.load() > 0) {
         return;
     }
     auto& clock = System::current().clock();
-    int64_t due = clock.now() + int64_t(idle_settings->IdleTimeout) * 10000;
-    if (idle_timer != 0 && clock.move_timer(idle_timer, due)) {
+    int64_t due = idle_since.load() + int64_t(idle_settings->IdleTimeout) * 10000;
+    if (clock.now() < due) {
+        idle_timer_pending.store(true);
+        idle_timer = clock.add_timer(due, [this] { idle_timeout(); });
         return;
     }
-    idle_timer = clock.add_timer(due, [this] {
-        std::lock_guard lock(framework_lock());
-        idle_timer = 0;
-        if (started && power == PowerDeviceD0 && power_references == 0) {
-            leave_d0(WdfPowerDeviceD3);
-        }
-    });
+    // Either this sees a reference taken meanwhile, or the taker sees that
+    // the device is powering down and waits for the lock to power it up.
+    powering_down.store(true);
+    if (power_references.load() == 0) {
+        leave_d0(WdfPowerDeviceD3);
+    }
+    powering_down.store(false);
 }
 
 void DeviceObject::start()
@@ -179,7 +220,7 @@ void DeviceObject::start()
     }
     started = true;
     enter_d0(WdfPowerDeviceD3Final);
-    arm_idle_timer();
+    become_idle();
 }
 
 void DeviceObject::stop_and_remove()
@@ -194,7 +235,6 @@ void DeviceObject::stop_and_remove()
         }
         started = false;
     }
-    arm_idle_timer();  // cancels
 }
 
 void DeviceObject::on_delete()
@@ -439,9 +479,13 @@ NTSTATUS WdfDeviceAssignS0IdleSettings(WDFDEVICE Device, PWDF_DEVICE_POWER_POLIC
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    std::lock_guard lock(framework_lock());
-    device->idle_settings = *Settings;
-    device->arm_idle_timer();
+    {
+        std::lock_guard lock(framework_lock());
+        device->idle_settings = *Settings;
+    }
+    if (device->power_references.load() == 0) {
+        device->become_idle();
+    }
     return STATUS_SUCCESS;
 }
 
@@ -468,15 +512,19 @@ NTSTATUS WdfDeviceStopIdleActual(WDFDEVICE Device, BOOLEAN WaitForD0, PVOID Tag,
         note("WdfDeviceStopIdle on an invalid handle");
         return STATUS_INVALID_PARAMETER;
     }
-    std::lock_guard lock(framework_lock());
     device->note_idle_call(true, WaitForD0 != FALSE, Tag, Line, File);
     NTSTATUS status = System::current().faults().check("WdfDeviceStopIdle");
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    device->power_references++;
-    bool was_idle = device->power != PowerDeviceD0;
-    device->arm_idle_timer();  // cancels: a reference is held now
+    device->power_references.fetch_add(1);
+    // In D0 and not on the way out: the reference is all there is to it.
+    // (Powering-down first: the timer sets it before it looks at the count.)
+    if (!device->powering_down.load() && device->power.load() == PowerDeviceD0) {
+        return STATUS_SUCCESS;
+    }
+    std::lock_guard lock(framework_lock());
+    bool was_idle = device->power.load() != PowerDeviceD0;
     if (was_idle && device->started) {
         device->enter_d0(WdfPowerDeviceD3);
     }
@@ -491,12 +539,21 @@ VOID WdfDeviceResumeIdleActual(WDFDEVICE Device, PVOID Tag, LONG Line, PCHAR Fil
         note("WdfDeviceResumeIdle on an invalid handle");
         return;
     }
-    std::lock_guard lock(framework_lock());
     device->note_idle_call(false, false, Tag, Line, File);
-    if (device->power_references == 0) {
-        note("WdfDeviceResumeIdle without a matching WdfDeviceStopIdle");
-        return;
+    // The idle time is set before the count drops, so a timer that finds no
+    // reference also finds when the last one went.
+    int64_t now = System::current().clock().now();
+    int references = device->power_references.load();
+    do {
+        if (references <= 0) {
+            note("WdfDeviceResumeIdle without a matching WdfDeviceStopIdle");
+            return;
+        }
+        if (references == 1) {
+            device->idle_since.store(now, std::memory_order_relaxed);  // published by the exchange below
+        }
+    } while (!device->power_references.compare_exchange_weak(references, references - 1));
+    if (references == 1) {
+        device->ensure_idle_timer();
     }
-    device->power_references--;
-    device->arm_idle_timer();
 }
