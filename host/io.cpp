@@ -4,7 +4,6 @@
 // (synchronously, pending then completed from another thread, or failing).
 #include "device.h"
 
-#include <chrono>
 
 using namespace korvanel::host;
 
@@ -107,10 +106,9 @@ NTSTATUS IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
         return config.id_status;
 
     case DeviceConfig::IdQuery::Pending: {
-        // Completed a moment later by the bus driver's own thread, so the
-        // sender really waits.
+        // Completed by the bus driver's own thread, while the sender goes on
+        // to wait for it (or finds it done); no real time passes.
         device->completions.emplace_back([request, config] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
             ULONG_PTR list = 0;
             if (NT_SUCCESS(config.id_status) && !config.id_list_missing) {
                 list = reinterpret_cast<ULONG_PTR>(build_id_list(config));

@@ -1,0 +1,61 @@
+// fuzz_input.h - reads a fuzzer's bytes as the choices of one run: numbers
+// of a given width, a pick among n, a run of bytes. An exhausted input reads
+// as zeros, so every input is a complete run.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace korvanel::fuzz {
+
+class Input {
+public:
+    Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+
+    bool empty() const { return at_ >= size_; }
+
+    template <typename T>
+    T number()
+    {
+        T v{};
+        size_t n = std::min(sizeof(T), size_ - std::min(at_, size_));
+        if (n > 0) {
+            memcpy(&v, data_ + at_, n);
+        }
+        at_ += sizeof(T);
+        return v;
+    }
+    uint8_t byte() { return number<uint8_t>(); }
+    bool flag() { return byte() & 1; }
+    // 0 .. n-1.
+    unsigned pick(unsigned n) { return n == 0 ? 0 : number<uint16_t>() % n; }
+
+    std::vector<uint8_t> bytes(size_t n)
+    {
+        std::vector<uint8_t> out(n);
+        for (auto& b : out) {
+            b = byte();
+        }
+        return out;
+    }
+
+private:
+    const uint8_t* data_;
+    size_t size_;
+    size_t at_ = 0;
+};
+
+// A broken invariant is a finding: say which, and stop the run.
+#define FUZZ_CHECK(condition)                                                                   \
+    do {                                                                                        \
+        if (!(condition)) {                                                                     \
+            fprintf(stderr, "%s:%d: invariant broken: %s\n", __FILE__, __LINE__, #condition); \
+            abort();                                                                            \
+        }                                                                                       \
+    } while (0)
+
+}  // namespace korvanel::fuzz
