@@ -43,12 +43,39 @@ int64_t real_system_time()
 // records of its delays. Only its own thread writes it, so it needs no lock
 // and no locked instruction; readers load it whole.
 struct Clock::Lane {
+    // The kept records, a ring made of chunks that come into being as it
+    // fills: a thread that never waits costs nothing.
+    static constexpr size_t kChunk = 1024;
+    static constexpr size_t kChunks = kDelaysKeptPerThread / kChunk;
+    static_assert(kDelaysKeptPerThread % kChunk == 0);
+
     std::thread::id owner;
     std::atomic<int64_t> now{INT64_MIN};
-    // A ring of kDelaysKeptPerThread; its pages are touched only as it fills.
-    std::unique_ptr<Delay[]> kept = std::make_unique_for_overwrite<Delay[]>(kDelaysKeptPerThread);
+    std::atomic<Delay*> chunks[kChunks] = {};
     std::atomic<uint64_t> written{0};  // delays since the last clear, kept or not
     std::atomic<uint64_t> sleeps{0};
+
+    Delay& slot(uint64_t n)  // the owner's; makes the chunk
+    {
+        size_t at = n % kDelaysKeptPerThread;
+        Delay* chunk = chunks[at / kChunk].load(std::memory_order_relaxed);
+        if (chunk == nullptr) [[unlikely]] {
+            chunk = new Delay[kChunk];
+            chunks[at / kChunk].store(chunk, std::memory_order_release);
+        }
+        return chunk[at % kChunk];
+    }
+    const Delay& kept(uint64_t n) const  // a reader's; the record exists
+    {
+        size_t at = n % kDelaysKeptPerThread;
+        return chunks[at / kChunk].load(std::memory_order_acquire)[at % kChunk];
+    }
+    ~Lane()
+    {
+        for (auto& c : chunks) {
+            delete[] c.load();
+        }
+    }
 };
 
 namespace {
@@ -142,7 +169,7 @@ Clock::Lane& Clock::new_lane()
 inline void Clock::record(Lane& lane, Delay::Kind kind, int64_t amount, int64_t at)
 {
     uint64_t n = lane.written.load(std::memory_order_relaxed);
-    lane.kept[n % kDelaysKeptPerThread] = {kind, amount, at};
+    lane.slot(n) = {kind, amount, at};
     lane.written.store(n + 1, std::memory_order_release);
     if (kind == Delay::Kind::Sleep) {
         bump(lane.sleeps);
@@ -231,7 +258,7 @@ std::vector<Clock::Delay> Clock::delays() const
         uint64_t n = lane.written.load(std::memory_order_acquire);
         uint64_t kept = std::min<uint64_t>(n, kDelaysKeptPerThread);
         for (uint64_t i = n - kept; i < n; i++) {
-            out.push_back(lane.kept[i % kDelaysKeptPerThread]);
+            out.push_back(lane.kept(i));
         }
     };
     size_t lanes = lane_count_.load(std::memory_order_acquire);
