@@ -134,17 +134,25 @@ NTSTATUS Eeprom::take_write(size_t block, std::span<const uint8_t> bytes)
         return STATUS_SUCCESS;  // an address phase: only the pointer moves
     }
 
-    // Data past the end of the physical write page wraps to its start and
-    // overwrites what came first, as the part's page buffer does.
+    // The data goes into the part's page buffer: past the end of the
+    // physical write page it wraps to the page's start and overwrites what
+    // came first. At the stop condition the buffer's loaded cells are
+    // programmed.
     size_t page = geometry_.write_page;
     size_t base = pointer_ & ~(page - 1);
     size_t offset = pointer_ - base;
+    std::vector<std::optional<uint8_t>> buffer(page);
     for (uint8_t value : data) {
-        uint8_t& cell = cells_[base + offset];
-        // Flash cells of the DW9806B memory only program ones to zeros;
-        // the erase sets them back to 0xFF.
-        cell = geometry_.kind == Kind::Paged ? uint8_t(cell & value) : value;
+        buffer[offset] = value;
         offset = (offset + 1) % page;
+    }
+    for (size_t i = 0; i < page; i++) {
+        if (buffer[i]) {
+            // Flash cells of the DW9806B memory only program ones to zeros;
+            // the erase sets them back to 0xFF.
+            uint8_t& cell = cells_[base + i];
+            cell = geometry_.kind == Kind::Paged ? uint8_t(cell & *buffer[i]) : *buffer[i];
+        }
     }
     pointer_ = base + offset;
     start_cycle(bytes.size(), kWriteCycle);
