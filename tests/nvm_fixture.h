@@ -8,6 +8,7 @@
 #include "host/bus.h"
 #include "nvm/nvm.h"
 #include "sim/eeprom.h"
+#include "tools/bus_report.h"
 #include "tools/memory_cli.h"
 
 #include <cstdio>
@@ -74,7 +75,7 @@ protected:
     }
 
     // The memory's text traces, in order; `type` checks the NvmType they carry.
-    std::vector<NvmText> texts() const
+    std::vector<NvmText> texts()
     {
         std::vector<NvmText> out;
         for (auto& e : sys.traces().find("NvmType %u: %s 0x%x 0x%x")) {
@@ -87,7 +88,7 @@ protected:
     // Transfers ("w50 00 3C 11 18" with the connection's low byte, "r50 4"
     // with the length read; a failure's status appended) and the waits
     // between them ("sleep 20", "spin 5", in ms), in clock order.
-    std::vector<std::string> timeline() const
+    std::vector<std::string> timeline()
     {
         auto transfers = sys.bus().transcript();
         auto delays = sys.clock().delays();
