@@ -72,6 +72,9 @@ TEST_F(NvmCommandTest, LinearWritesAreCutAtPageBoundaries)
         begin();
         EXPECT_EQ(row->Write(ctx, c.address, d.data(), c.length), STATUS_SUCCESS);
         EXPECT_EQ(timeline(), c.wire);
+        for (auto& t : sys.bus().transcript()) {
+            EXPECT_EQ(t.timeout, -500000) << "50 ms for every write";
+        }
         expect_time_accounted();
         expect_clean_exit();
 
@@ -83,7 +86,7 @@ TEST_F(NvmCommandTest, LinearWritesAreCutAtPageBoundaries)
         expected.push_back({exit + " addr data:", c.address, d[0]});
         expected.push_back({exit + " len status:", uint32_t(c.length), 0});
         EXPECT_EQ(texts(), expected);
-        EXPECT_EQ(text_types(), std::set<uint32_t>{c.type});
+        EXPECT_EQ(host::Traces::u32(sys.traces().find(kTextFormat).at(0), 1), c.type) << "the NvmType they carry";
 
         std::vector<uint8_t> written(d.begin(), d.begin() + c.length);
         EXPECT_EQ(part->bytes(c.address, size_t(c.length)), written);
@@ -100,9 +103,12 @@ TEST_F(NvmCommandTest, LinearReadsAreOneAddressAndOneDataPhase)
     part->set_contents(4000, pattern(96));
     std::vector<uint8_t> buffer(96);
     begin();
-    EXPECT_EQ(CmdRead(ctx, 4000, buffer.data(), 96), STATUS_SUCCESS);
+    EXPECT_EQ(CmdRead(ctx, 4000, buffer.data(), 96), STATUS_SUCCESS);  // to the last byte
     EXPECT_EQ(buffer, pattern(96));
     EXPECT_EQ(timeline(), (std::vector<std::string>{"w50 0F A0", "r50 96"}));
+    for (auto& t : sys.bus().transcript()) {
+        EXPECT_EQ(t.timeout, -80000000) << "8 s for both phases of a read";
+    }
     EXPECT_EQ(texts(), (std::vector<NvmText>{{"CmdRead addr data:", 4000, 0x10}, {"CmdRead len status:", 96, 0}}));
     expect_time_accounted();
 }
@@ -121,20 +127,6 @@ TEST_F(NvmCommandTest, LinearBadInputEndsWithItsStatusLockFreeAndDataInTheCache)
     } cases[] = {
         {"page size 0", 5, [](auto c) { c->NvmPageSize = 0; }, [](auto c, auto p) { return CmdWrite(c, 4, p, 8); },
          STATUS_UNSUCCESSFUL, {{"CmdWrite addr data:", 4, 0x10}, {"CmdWrite len status:", 8, 0xC0000001}}, true},
-        {"page size 65", 5, [](auto c) { c->NvmPageSize = 65; }, [](auto c, auto p) { return CmdWrite(c, 4, p, 8); },
-         STATUS_UNSUCCESSFUL, {{"CmdWrite addr data:", 4, 0x10}, {"CmdWrite len status:", 8, 0xC0000001}}, true},
-        {"size 64", 7, [](auto c) { c->NvmSize = 64; },
-         [](auto c, auto) {
-             UCHAR b[8] = {0xFF};
-             return CmdRead(c, 0, b, 8);
-         },
-         STATUS_UNSUCCESSFUL, {{"CmdRead addr data:", 0, 0xFF}, {"CmdRead len status:", 8, 0xC0000001}}, false},
-        {"read to the end", 7, nullptr,
-         [](auto c, auto) {
-             UCHAR b[8] = {};
-             return CmdRead(c, 120, b, 8);
-         },
-         STATUS_SUCCESS, {{"CmdRead addr data:", 120, 0xFF}, {"CmdRead len status:", 8, 0}}, false},
         {"read one past the end", 7, nullptr,
          [](auto c, auto) {
              UCHAR b[9] = {0x77};
@@ -156,12 +148,6 @@ TEST_F(NvmCommandTest, LinearBadInputEndsWithItsStatusLockFreeAndDataInTheCache)
           {"Cmd_m24c64Write addr data:", 4, 0x10},
           {"Cmd_m24c64Write len status:", 8, 0xC00000BB}},
          true},
-        {"M24c64 write past the end", 10, nullptr, [](auto c, auto p) { return Cmd_M24c64Write(c, 8190, p, 3); },
-         STATUS_INVALID_PARAMETER,
-         {{"Cmd_M24c64Write address is out of  range!!", kNoNumber, kNoNumber},
-          {"Cmd_m24c64Write addr data:", 8190, 0x10},
-          {"Cmd_m24c64Write len status:", 3, 0xC000000D}},
-         false},
         {"M24c64 read past the end, before the lock", 10, nullptr,
          [](auto c, auto) {
              UCHAR b[3];
@@ -172,8 +158,6 @@ TEST_F(NvmCommandTest, LinearBadInputEndsWithItsStatusLockFreeAndDataInTheCache)
          {}, false},
         {"null M24c64 buffer", 10, nullptr, [](auto c, auto) { return Cmd_M24c64Read(c, 0, nullptr, 8); },
          STATUS_INVALID_PARAMETER, {{"CmdRead read buffer pointer is NULL!!", kNoNumber, kNoNumber}}, false},
-        {"null M24c64 data", 10, nullptr, [](auto c, auto) { return Cmd_M24c64Write(c, 0, nullptr, 8); },
-         STATUS_INVALID_PARAMETER, {{"write buffer pointer is NULL!!!", kNoNumber, kNoNumber}}, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -187,8 +171,7 @@ TEST_F(NvmCommandTest, LinearBadInputEndsWithItsStatusLockFreeAndDataInTheCache)
         EXPECT_EQ(c.call(ctx, d.data()), c.status);
         EXPECT_EQ(texts(), c.texts);
         expect_clean_exit();
-        bool any_transfer = !sys.bus().transcript().empty();
-        EXPECT_EQ(any_transfer, c.status == STATUS_SUCCESS);
+        EXPECT_TRUE(sys.bus().transcript().empty());
         bool locked = !c.texts.empty() && c.texts.back().text.find(" len status:") != std::string::npos;
         EXPECT_EQ(sys.faults().calls("KeWaitForSingleObject") - waits, locked ? 1u : 0u);
         EXPECT_EQ(std::vector<uint8_t>(ctx->NvmCache + 4, ctx->NvmCache + 12), c.cached ? d : std::vector<uint8_t>(8));
@@ -236,10 +219,6 @@ TEST_F(NvmCommandTest, BlockWritesArePlannedPerBlockAndChunkedFromThePiecesStart
     expected.push_back({"Cmd_Brca016Write len status:", 20, 0});
     EXPECT_EQ(texts(), expected);
 
-    begin();
-    EXPECT_EQ(Cmd_Brca016Write(ctx, 5, d.data(), 40), STATUS_SUCCESS);
-    EXPECT_EQ(timeline(), (std::vector<std::string>{w("w50 05", d, 0, 16), "spin 5", w("w50 15", d, 16, 16), "spin 5",
-                                                   w("w50 25", d, 32, 8), "spin 5"}));
 
     // A range ending on a block boundary takes the whole last block.
     select(12);
@@ -292,27 +271,6 @@ TEST_F(NvmCommandTest, TheDW9806BMemoryIsErasedBeforeEveryWriteAndReadPageByPage
     expect_clean_exit();
 }
 
-TEST_F(NvmCommandTest, WrittenDataReadsBackThroughTheDriverOnEveryType)
-{
-    const struct {
-        unsigned type;
-        USHORT address;
-        LONG length;
-    } cases[] = {{5, 1000, 100}, {7, 6, 20},    {8, 30, 40},   {10, 30, 40},
-                 {6, 240, 48},   {9, 512, 32}, {12, 2032, 16}, {11, 2048, 64}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.type);
-        select(c.type);
-        auto d = pattern(size_t(c.length), uint8_t(c.type));
-        ASSERT_EQ(row->Write(ctx, c.address, d.data(), c.length), STATUS_SUCCESS);
-        EXPECT_EQ(part->bytes(c.address, d.size()), d);
-        std::vector<uint8_t> back(d.size());
-        ASSERT_EQ(row->Read(ctx, c.address, back.data(), c.length), STATUS_SUCCESS);
-        EXPECT_EQ(back, d);
-        expect_clean_exit();
-    }
-}
-
 // The 256-byte families write 16-byte chunks from the caller's offset; the
 // part's write page is 16 bytes, so a chunk that does not start on a page
 // boundary wraps inside its page. The cache keeps the data as written.
@@ -320,7 +278,10 @@ TEST_F(NvmCommandTest, UnalignedChunksWrapInsideThePartsWritePage)
 {
     auto d = pattern(40);
     select(6);
+    forget();
     ASSERT_EQ(Cmd_Brca016Write(ctx, 5, d.data(), 40), STATUS_SUCCESS);
+    EXPECT_EQ(timeline(), (std::vector<std::string>{w("w50 05", d, 0, 16), "spin 5", w("w50 15", d, 16, 16), "spin 5",
+                                                   w("w50 25", d, 32, 8), "spin 5"}));
     std::vector<uint8_t> stored(48, 0xFF);
     for (size_t i = 0; i < 16; i++) {
         stored[(5 + i) % 16] = d[i];                // chunk at 5: 5..15, then 0..4

@@ -12,7 +12,6 @@
 #include "tools/memory_cli.h"
 
 #include <cstdio>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -85,16 +84,6 @@ protected:
         }
         return out;
     }
-    // The NvmType values the text traces carried.
-    std::set<uint32_t> text_types()
-    {
-        std::set<uint32_t> out;
-        for (auto& e : sys.traces().find(kTextFormat)) {
-            out.insert(host::Traces::u32(e, 1));
-        }
-        return out;
-    }
-
     // Transfers ("w50 00 3C 11 18" with the connection's low byte, "r50 4"
     // with the length read; a failure's status appended) and the waits
     // between them ("sleep 20", "spin 5", in ms), in clock order.
