@@ -69,9 +69,9 @@ void BM_Memory(benchmark::State& state, Work work)
             for (auto& t : sys.bus().transcript()) {
                 wire += Bus::wire_time(BusSpeed::Fast, t.length);
             }
-            waits = work == Work::Load ? 0
-                                       : (family.erase_ms + (row.Size + family.chunk - 1) / family.chunk * family.wait_ms) *
-                                             10000;
+            // A load waits for nothing; a write once per chunk, and for its erase.
+            int64_t chunks = (row.Size + family.chunk - 1) / family.chunk;
+            waits = work == Work::Load ? 0 : (family.erase_ms + chunks * family.wait_ms) * 10000;
             sys.unload_driver();
         }
         state.ResumeTiming();

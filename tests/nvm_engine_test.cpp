@@ -129,8 +129,9 @@ TEST_F(NvmEngineTest, PageErase3SendsItsCommandAndAlwaysWaits)
     EXPECT_EQ(PageErase3(ctx, 0, 1), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(timeline(), (std::vector<std::string>{"w50 83 EE", "sleep 10", "w50 81 EE", "sleep 50", "sleep 10",
                                                    "w50 81 EE STATUS_IO_TIMEOUT", "sleep 50"}));
-    EXPECT_EQ(texts(), (std::vector<NvmText>{{"PageErase3 page length invalid error!!", 8, kNoNumber},
-                                             {"nvmWrite0 Failed to erase !!", uint32_t(STATUS_IO_TIMEOUT), kNoNumber}}));
+    EXPECT_EQ(texts(), (std::vector<NvmText>{
+                           {"PageErase3 page length invalid error!!", 8, kNoNumber},
+                           {"nvmWrite0 Failed to erase !!", uint32_t(STATUS_IO_TIMEOUT), kNoNumber}}));
 }
 
 }  // namespace

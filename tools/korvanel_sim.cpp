@@ -385,7 +385,8 @@ int main(int argc, char** argv)
     }
     ordered_json description = describe(si, select);
     if (memory.requested()) {
-        description["memory"] = korvanel::tool::run_memory_options(sys, static_cast<_DEVICE_CONTEXT*>(dev.context()), memory);
+        auto* context = static_cast<_DEVICE_CONTEXT*>(dev.context());
+        description["memory"] = korvanel::tool::run_memory_options(sys, context, memory);
     }
     si.InterfaceHeader.InterfaceDereference(si.InterfaceHeader.Context);
 
