@@ -23,15 +23,16 @@ typedef struct _NVM_BLOCK_PIECE {
     BOOLEAN Active; /* the block takes part */
 } NVM_BLOCK_PIECE;
 
+/* How one member differs from the others; what a record leaves out is zero. */
 typedef struct _NVM_BLOCK_MEMBER {
     const NVM_ENGINE* ReadEngine = NULL;
     const NVM_ENGINE* WriteEngine = NULL;
     USHORT BlockSize = 0;
     UCHAR BlockCount = 0;
-    UCHAR ChunkSize = 0;          /* write chunks, not aligned to anything but the piece's start */
-    BOOLEAN SlotPerBlock = 0;     /* slot 2 + b around each block; else slot 2 once for the command */
-    BOOLEAN EraseBeforeWrite = 0; /* a macro erase starts every write */
-    BOOLEAN TraceEveryBlock = 0;  /* write: " write page" and the plan for every block, not only active ones */
+    UCHAR ChunkSize = 0;            /* write chunks, not aligned to anything but the piece's start */
+    BOOLEAN SlotPerBlock = 0;       /* slot 2 + b around each block; else slot 2 once for the command */
+    BOOLEAN EraseBeforeWrite = 0;   /* a macro erase starts every write */
+    BOOLEAN TraceEveryBlock = 0;    /* write: " write page" and the plan for every block, not only active ones */
     const CHAR* ReadNullText = NULL;
     const CHAR* WriteNullText = NULL;
     const CHAR* WriteRangeText = NULL;
@@ -39,6 +40,10 @@ typedef struct _NVM_BLOCK_MEMBER {
     const CHAR* ReadExitTexts[2] = {};
     const CHAR* WriteExitTexts[2] = {};
 } NVM_BLOCK_MEMBER;
+
+#if defined(__x86_64__) || defined(_M_AMD64) || defined(__aarch64__)
+static_assert(sizeof(NVM_BLOCK_MEMBER) == 96, "NVM_BLOCK_MEMBER layout");
+#endif
 
 EXTERN_C_START
 static VOID NvmBlockPlan(const NVM_BLOCK_MEMBER* Member, USHORT Address, LONG Length, NVM_BLOCK_PIECE* Plan);

@@ -20,14 +20,14 @@ typedef struct _NVM_ENGINE {
     const CHAR* LengthText = NULL;   /* length refused */
     const CHAR* FailText = NULL;     /* write: the request failed; read: the address phase failed */
     const CHAR* DataFailText = NULL; /* read: the data phase failed */
-    LONGLONG Timeout = 0;         /* each request's relative time-out, 100 ns units */
-    LONG LengthLimit = 0;         /* write: fixed limit, compared unsigned; 0: NvmPageSize, compared signed */
-    LONG DelayMs = 0;             /* write: wait after the call */
-    UCHAR Addressing = 0;         /* NVM_ADDRESSING */
-    UCHAR BlockCount = 0;         /* in-block engines: blocks 0.. on slots 2.. */
-    UCHAR DelayAlways = 0;        /* write: also wait after a refused length or a failed request */
-    UCHAR CleanupIsFailure = 0;   /* read: an address phase completing with STATUS_NOTIFY_CLEANUP fails */
-    UCHAR LengthTextHasLength = 0;/* read: the length text reports the length */
+    LONGLONG Timeout = 0;            /* each request's relative time-out, 100 ns units */
+    LONG LengthLimit = 0;            /* write: fixed limit, compared unsigned; 0: NvmPageSize, compared signed */
+    LONG DelayMs = 0;                /* write: wait after the call */
+    UCHAR Addressing = 0;            /* NVM_ADDRESSING */
+    UCHAR BlockCount = 0;            /* in-block engines: blocks 0.. on slots 2.. */
+    UCHAR DelayAlways = 0;           /* write: also wait after a refused length or a failed request */
+    UCHAR CleanupIsFailure = 0;      /* read: an address phase completing with STATUS_NOTIFY_CLEANUP fails */
+    UCHAR LengthTextHasLength = 0;   /* read: the length text reports the length */
 } NVM_ENGINE;
 
 #if defined(__x86_64__) || defined(_M_AMD64) || defined(__aarch64__)

@@ -17,13 +17,14 @@
 static const GUID NvmLinearTraceGuid = {0xd3a85f17, 0x0c2e, 0x4b61, {0xa7, 0xe4, 0x5b, 0x90, 0xc2, 0x8f, 0x1d, 0x6e}};
 TRACE_MODULE(NvmLinearTraceGuid);
 
+/* How one member differs from the other; what a record leaves out is zero. */
 typedef struct _NVM_LINEAR_MEMBER {
     const NVM_ENGINE* ReadEngine = NULL;
     const NVM_ENGINE* WriteEngine = NULL;
-    LONG FixedSize = 0;          /* memory size; 0: NvmSize, after the geometry check */
-    LONG ChunkSize = 0;          /* whole write chunks; 0: NvmPageSize */
-    BOOLEAN RangeBeforeLock = 0; /* read: a range violation returns before the lock */
-    BOOLEAN WaitChecked = 0;     /* a failed wait for BusLock returns its status at once */
+    LONG FixedSize = 0;                 /* memory size; 0: NvmSize, after the geometry check */
+    LONG ChunkSize = 0;                 /* whole write chunks; 0: NvmPageSize */
+    BOOLEAN RangeBeforeLock = 0;        /* read: a range violation returns before the lock */
+    BOOLEAN WaitChecked = 0;            /* a failed wait for BusLock returns its status at once */
     const CHAR* ReadNullText = NULL;
     const CHAR* WriteNullText = NULL;
     const CHAR* ReadWaitText = NULL;
@@ -37,6 +38,10 @@ typedef struct _NVM_LINEAR_MEMBER {
     const CHAR* ReadExitTexts[2] = {};
     const CHAR* WriteExitTexts[2] = {};
 } NVM_LINEAR_MEMBER;
+
+#if defined(__x86_64__) || defined(_M_AMD64) || defined(__aarch64__)
+static_assert(sizeof(NVM_LINEAR_MEMBER) == 160, "NVM_LINEAR_MEMBER layout");
+#endif
 
 EXTERN_C_START
 static BOOLEAN NvmLinearInRange(LONG Size, USHORT Address, LONG Length);
