@@ -182,6 +182,9 @@ static NTSTATUS NvmBlockTransfer(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT
 {
     PAGED_CODE();
 
+    if (Member == NULL || DeviceContext == NULL || Buffer == NULL) {
+        return STATUS_INVALID_PARAMETER;
+    }
     LONG limit = (LONG)Member->BlockCount * Member->BlockSize;
     if (Length < 1 || (LONGLONG)Address + Length > limit) {
         NvmTrace(DeviceContext, TRUE, Write ? Member->WriteRangeText : NvmReadRangeText, NVM_TRACE_NO_NUMBER,

@@ -125,6 +125,9 @@ static NTSTATUS NvmLinearPrepare(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEX
 {
     PAGED_CODE();
 
+    if (Member == NULL || DeviceContext == NULL) {
+        return STATUS_INVALID_PARAMETER;
+    }
     LONG size = Member->FixedSize;
     if (size == 0) {
         if (DeviceContext->NvmPageSize < 1 || DeviceContext->NvmPageSize > NVM_MAX_PAGE_SIZE ||
@@ -149,7 +152,7 @@ static NTSTATUS NvmLinearRead(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT D
 {
     PAGED_CODE();
 
-    if (DeviceContext == NULL) {
+    if (Member == NULL || DeviceContext == NULL) {
         return STATUS_INVALID_PARAMETER;
     }
     if (Buffer == NULL) {
@@ -193,6 +196,9 @@ static NTSTATUS NvmLinearWritePages(const NVM_LINEAR_MEMBER* Member, PDEVICE_CON
 {
     PAGED_CODE();
 
+    if (Member == NULL || DeviceContext == NULL || Data == NULL) {
+        return STATUS_INVALID_PARAMETER;
+    }
     // The M24c64 write takes its position in the page from NvmPageSize; with
     // no page size there it falls back to the part's own 32-byte page.
     LONG page = DeviceContext->NvmPageSize > 0 ? DeviceContext->NvmPageSize : M24C64_PAGE;
@@ -243,7 +249,7 @@ static NTSTATUS NvmLinearWrite(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT 
 {
     PAGED_CODE();
 
-    if (DeviceContext == NULL) {
+    if (Member == NULL || DeviceContext == NULL) {
         return STATUS_INVALID_PARAMETER;
     }
     if (Data == NULL) {

@@ -59,6 +59,12 @@ TEST_F(NvmEngineTest, ReadLengthsAndFailedPhases)
                            {"nvmRead0 temp WA for MFT0 data abort: treat STATUS_NOTIFY_CLEANUP as fail!", 0x10B,
                             kNoNumber},
                        }));
+
+    // No texts for a type past the table.
+    ctx->NvmType = NVM_TYPE_COUNT;
+    forget();
+    EXPECT_EQ(nvmRead0(ctx, 0, buffer, -1), STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(texts().empty());
 }
 
 TEST_F(NvmEngineTest, WritesSendAddressAndDataInOneRequestAndWaitAfterwards)
