@@ -20,6 +20,20 @@ std::string hex_bytes(const uint8_t* data, size_t n)
     return out;
 }
 
+std::optional<host::BusSpeed> parse_bus_speed(const std::string& text)
+{
+    if (text == "100k") {
+        return host::BusSpeed::Standard;
+    }
+    if (text == "400k") {
+        return host::BusSpeed::Fast;
+    }
+    if (text == "1m") {
+        return host::BusSpeed::FastPlus;
+    }
+    return std::nullopt;
+}
+
 namespace {
 
 std::string milliseconds(int64_t units)

@@ -8,7 +8,10 @@
 //   korvanel-sim --reg MipiLanes=4 --reg MipiMBps=1500
 //   korvanel-sim --select 2:1920:1080:0 --trace --json
 //   korvanel-sim --real-time                       waits take real time
+//   korvanel-sim --nvm 10 --nvm-ops load,load --bus-speed 400k   a module memory
 #include "bus_report.h"
+#include "memory_cli.h"
+#include "host/bus.h"
 #include "host/system.h"
 #include "sensor/sensor_interface.h"
 #include "trace/trace.h"
@@ -302,6 +305,10 @@ int main(int argc, char** argv)
     app.add_flag("--trace", show_trace, "print the driver's decoded trace");
     app.add_flag("--json", json, "print machine-readable JSON");
     app.add_flag("--real-time", real_time, "run on the real clock: waits sleep and stalls spin");
+    std::string bus_speed;
+    app.add_option("--bus-speed", bus_speed, "I2C clock for wire time: 100k, 400k or 1m (default: no wire time)");
+    korvanel::tool::MemoryOptions memory;
+    korvanel::tool::add_memory_options(app, memory);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -309,6 +316,13 @@ int main(int argc, char** argv)
         return 0;
     } catch (const CLI::ParseError& e) {
         std::cerr << "korvanel-sim: " << e.what() << "\n\n" << app.help();
+        return 2;
+    }
+
+    auto speed = korvanel::tool::parse_bus_speed(bus_speed);
+    auto memory_error = korvanel::tool::prepare_memory(memory);
+    if ((!bus_speed.empty() && !speed) || memory_error) {
+        std::cerr << "korvanel-sim: " << (memory_error ? *memory_error : "--bus-speed takes 100k, 400k or 1m") << "\n";
         return 2;
     }
 
@@ -333,6 +347,9 @@ int main(int argc, char** argv)
     System sys;
     if (real_time) {
         sys.clock().set_mode(korvanel::host::Clock::Mode::Real);
+    }
+    if (speed) {
+        sys.bus().set_speed(*speed);
     }
     for (auto& assignment : registry_values) {
         std::string name;
@@ -367,6 +384,10 @@ int main(int argc, char** argv)
         return 1;
     }
     ordered_json description = describe(si, select);
+    if (memory.requested()) {
+        auto* context = static_cast<_DEVICE_CONTEXT*>(dev.context());
+        description["memory"] = korvanel::tool::run_memory_options(sys, context, memory);
+    }
     si.InterfaceHeader.InterfaceDereference(si.InterfaceHeader.Context);
 
     auto report = sys.unload_driver();
@@ -379,6 +400,9 @@ int main(int argc, char** argv)
         std::cout << description.dump(2) << "\n";
     } else {
         print_text(description, hwid);
+        if (memory.requested()) {
+            korvanel::tool::print_memory(description["memory"]);
+        }
         if (show_trace) {
             printf("Trace:\n");
             for (auto& line : sys.traces().lines()) {

@@ -1,0 +1,151 @@
+// The memory models as parts: one contract every model keeps (erased start,
+// address pointer, sequential read with roll-over, page writes wrapping in
+// the physical page, no acknowledge during the write cycle, contents files),
+// then what only the DW9806B memory does (erase commands, flash cells).
+#include <gtest/gtest.h>
+
+#include "host/bus.h"
+#include "host/system.h"
+#include "sim/eeprom.h"
+
+#include <cstdio>
+#include <fstream>
+
+namespace korvanel::test {
+namespace {
+
+using sim::Eeprom;
+
+class EepromContract : public ::testing::TestWithParam<unsigned> {
+protected:
+    host::System sys;
+    std::shared_ptr<Eeprom> part = Eeprom::for_type(GetParam());
+    std::vector<std::shared_ptr<sim::Peripheral>> conns = part->connections();
+
+    // The address bytes that put the pointer on `address`, and the
+    // connection that takes them.
+    std::vector<uint8_t> at(size_t address, sim::Peripheral** conn)
+    {
+        if (part->geometry().kind == Eeprom::Kind::Blocks) {
+            *conn = conns.at(address / Eeprom::kBlockSize).get();
+            return {uint8_t(address)};
+        }
+        *conn = conns.at(0).get();
+        return {uint8_t(address >> 8), uint8_t(address)};
+    }
+    NTSTATUS write(size_t address, std::vector<uint8_t> data)
+    {
+        sim::Peripheral* conn;
+        auto bytes = at(address, &conn);
+        bytes.insert(bytes.end(), data.begin(), data.end());
+        return conn->write(bytes);
+    }
+    std::vector<uint8_t> read(size_t address, size_t n)
+    {
+        sim::Peripheral* conn;
+        auto bytes = at(address, &conn);
+        EXPECT_EQ(conn->write(bytes), STATUS_SUCCESS);
+        std::vector<uint8_t> out(n);
+        EXPECT_EQ(conns.back()->read(out), STATUS_SUCCESS);  // a bare read goes on from the pointer
+        return out;
+    }
+};
+
+TEST_P(EepromContract, SequentialReadRollsOverAtTheEndOfTheArray)
+{
+    part->set_contents(0, {0xA0, 0xA1});
+    part->set_contents(part->size() - 2, {0xB0, 0xB1});
+    EXPECT_EQ(read(part->size() - 2, 4), (std::vector<uint8_t>{0xB0, 0xB1, 0xA0, 0xA1}));
+    EXPECT_EQ(part->pointer(), 2u);
+}
+
+TEST_P(EepromContract, APageWriteWrapsWithinItsPhysicalPage)
+{
+    EXPECT_EQ(part->contents(), std::vector<uint8_t>(part->size(), 0xFF)) << "a part starts erased";
+    size_t page = part->geometry().write_page;
+    size_t base = part->size() - page;  // the last page
+    std::vector<uint8_t> data(page + 2);
+    for (size_t i = 0; i < data.size(); i++) {
+        data[i] = uint8_t(i + 1);
+    }
+    ASSERT_EQ(write(base + 1, data), STATUS_SUCCESS);
+    // Byte page-1 lands on the page's first cell, the last two overwrite
+    // cells 1 and 2; the next page (the array's start) is untouched.
+    auto stored = part->bytes(base, page);
+    EXPECT_EQ(stored[0], page);
+    EXPECT_EQ(stored[1], page + 1);
+    EXPECT_EQ(stored[2], page + 2);
+    EXPECT_EQ(stored[3], 3);
+    EXPECT_EQ(part->bytes(0, 1), std::vector<uint8_t>{0xFF});
+}
+
+TEST_P(EepromContract, DoesNotAcknowledgeForFiveMillisecondsAfterTheStopCondition)
+{
+    sys.bus().set_speed(host::BusSpeed::Fast);
+    int64_t start = sys.clock().now();
+    std::vector<uint8_t> data = {1, 2, 3, 4};
+    ASSERT_EQ(write(64, data), STATUS_SUCCESS);
+    size_t on_wire = data.size() + (part->geometry().kind == Eeprom::Kind::Blocks ? 1 : 2);
+    int64_t ready = start + host::Bus::wire_time(host::BusSpeed::Fast, on_wire) + Eeprom::kWriteCycle;
+
+    sys.clock().advance(ready - 1 - sys.clock().now());
+    std::vector<uint8_t> one(1);
+    EXPECT_EQ(conns[0]->read(one), sim::kNack);
+    EXPECT_EQ(write(0, {9}), sim::kNack);
+    EXPECT_TRUE(part->busy());
+    EXPECT_EQ(part->bytes(0, 1), std::vector<uint8_t>{0xFF}) << "a refused write stored data";
+
+    sys.clock().advance(1);
+    EXPECT_FALSE(part->busy());
+    EXPECT_EQ(read(64, 4), data);
+    EXPECT_EQ(part->write_cycles(), 1u) << "address phases start no write cycle";
+}
+
+TEST_P(EepromContract, ContentsLoadFromAndSaveToAFile)
+{
+    std::string path = ::testing::TempDir() + "eeprom_contract_" + std::to_string(GetParam()) + ".bin";
+    part->set_contents(3, {0xC3, 0xC4});
+    ASSERT_FALSE(part->save_file(path));
+    auto copy = Eeprom::for_type(GetParam());
+    ASSERT_FALSE(copy->load_file(path));
+    EXPECT_EQ(copy->contents(), part->contents());
+
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << std::string(part->size() + 1, 'x');
+    EXPECT_TRUE(copy->load_file(path).has_value()) << "a file larger than the memory";
+    EXPECT_TRUE(copy->load_file(path + ".missing").has_value());
+    EXPECT_EQ(copy->contents(), part->contents()) << "a refused file changed the contents";
+    std::remove(path.c_str());
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryMemoryType, EepromContract, ::testing::Values(5u, 6u, 7u, 8u, 9u, 10u, 11u, 12u),
+                         [](const auto& info) { return "type" + std::to_string(info.param); });
+
+TEST(EepromPaged, ErasesByCommandAndProgramsOnlyOnesToZeros)
+{
+    host::System sys;
+    auto part = Eeprom::for_type(11);
+    auto conn = part->connections().at(0);
+    auto settle = [&] { sys.clock().advance_ms(10); };
+    part->set_contents(0, std::vector<uint8_t>(8192, 0x00));
+
+    // Page erase: 0x82 + page; the page's cells only.
+    ASSERT_EQ(conn->write(std::vector<uint8_t>{0x83, 0xEE}), STATUS_SUCCESS);
+    EXPECT_TRUE(part->busy());
+    settle();
+    EXPECT_EQ(part->bytes(1023, 3), (std::vector<uint8_t>{0x00, 0xFF, 0xFF}));
+    EXPECT_EQ(part->bytes(2047, 2), (std::vector<uint8_t>{0xFF, 0x00}));
+
+    // Programming clears bits and never sets them.
+    ASSERT_EQ(conn->write(std::vector<uint8_t>{0x04, 0x00, 0xF0, 0x0F}), STATUS_SUCCESS);
+    settle();
+    ASSERT_EQ(conn->write(std::vector<uint8_t>{0x04, 0x00, 0x3C, 0xFF}), STATUS_SUCCESS);
+    settle();
+    EXPECT_EQ(part->bytes(1024, 2), (std::vector<uint8_t>{0x30, 0x0F}));
+
+    // An unknown command is not acknowledged.
+    EXPECT_EQ(conn->write(std::vector<uint8_t>{0x81, 0x00}), sim::kNack);
+    EXPECT_EQ(conn->write(std::vector<uint8_t>{0x8A, 0xEE}), sim::kNack);
+}
+
+}  // namespace
+}  // namespace korvanel::test

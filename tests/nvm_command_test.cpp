@@ -1,0 +1,339 @@
+// The memory commands end to end on the models: the exact bytes on the wire
+// and the waits after each engine call, how writes are cut at pages and
+// blocks, the texts, what the part stores and what reads back, and the
+// answers to bad input.
+#include "nvm_fixture.h"
+
+namespace korvanel::test {
+namespace {
+
+// "w50 00 3C " followed by data[from, from + n).
+std::string w(const char* head, const std::vector<uint8_t>& data, size_t from, size_t n)
+{
+    return std::string(head) + " " + tool::hex_bytes(data.data() + from, n);
+}
+
+class NvmCommandTest : public NvmTest {
+protected:
+    int64_t started = 0;
+
+    void begin()
+    {
+        forget();
+        started = sys.clock().now();
+    }
+    // The clock moved by the transfers' wire time and the recorded waits,
+    // nothing else.
+    void expect_time_accounted()
+    {
+        int64_t expected = 0;
+        for (auto& t : sys.bus().transcript()) {
+            expected += t.duration;
+        }
+        for (auto& d : sys.clock().delays()) {
+            expected += d.kind == host::Clock::Delay::Kind::Stall ? d.amount * 10 : -d.amount;
+        }
+        EXPECT_EQ(sys.clock().now() - started, expected);
+    }
+    void expect_clean_exit()
+    {
+        EXPECT_TRUE(lock_free());
+        EXPECT_TRUE(slots_closed());
+    }
+};
+
+TEST_F(NvmCommandTest, LinearWritesAreCutAtPageBoundaries)
+{
+    auto d = pattern(130);
+    const struct {
+        unsigned type;
+        USHORT address;
+        LONG length;
+        std::vector<std::string> wire;
+        bool done;  // the completion text
+    } cases[] = {
+        {5, 60, 10, {w("w50 00 3C", d, 0, 4), "sleep 20", w("w50 00 40", d, 4, 6), "sleep 20"}, false},
+        {5, 0, 130,
+         {w("w50 00 00", d, 0, 64), "sleep 20", w("w50 00 40", d, 64, 64), "sleep 20", w("w50 00 80", d, 128, 2),
+          "sleep 20"},
+         false},
+        {5, 64, 64, {w("w50 00 40", d, 0, 64), "sleep 20"}, true},
+        {7, 6, 20,
+         {w("w50 00 06", d, 0, 2), "sleep 20", w("w50 00 08", d, 2, 8), "sleep 20", w("w50 00 10", d, 10, 8),
+          "sleep 20", w("w50 00 18", d, 18, 2), "sleep 20"},
+         false},
+        {10, 30, 5, {w("w50 00 1E", d, 0, 2), "spin 5", w("w50 00 20", d, 2, 3), "spin 5"}, false},
+        {10, 0, 5, {w("w50 00 00", d, 0, 5), "spin 5"}, true},
+        {10, 0x1FC0, 64, {w("w50 1F C0", d, 0, 32), "spin 5", w("w50 1F E0", d, 32, 32), "spin 5"}, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "type " << c.type << ", " << c.length << " at " << c.address);
+        select(c.type);
+        begin();
+        EXPECT_EQ(row->Write(ctx, c.address, d.data(), c.length), STATUS_SUCCESS);
+        EXPECT_EQ(timeline(), c.wire);
+        for (auto& t : sys.bus().transcript()) {
+            EXPECT_EQ(t.timeout, -500000) << "50 ms for every write";
+        }
+        expect_time_accounted();
+        expect_clean_exit();
+
+        std::string exit = c.type == 10 ? "Cmd_m24c64Write" : "CmdWrite";
+        std::vector<NvmText> expected;
+        if (c.done) {
+            expected.push_back({c.type == 10 ? "Cmd_M24c64Write Done!!" : "CmdWrite Done!!", kNoNumber, kNoNumber});
+        }
+        expected.push_back({exit + " addr data:", c.address, d[0]});
+        expected.push_back({exit + " len status:", uint32_t(c.length), 0});
+        EXPECT_EQ(texts(), expected);
+        EXPECT_EQ(host::Traces::u32(sys.traces().find(kTextFormat).at(0), 1), c.type) << "the NvmType they carry";
+
+        std::vector<uint8_t> written(d.begin(), d.begin() + c.length);
+        EXPECT_EQ(part->bytes(c.address, size_t(c.length)), written);
+        std::vector<uint8_t> back(size_t(c.length));
+        sys.clock().advance_ms(5);
+        EXPECT_EQ(row->Read(ctx, c.address, back.data(), c.length), STATUS_SUCCESS);
+        EXPECT_EQ(back, written);
+    }
+}
+
+TEST_F(NvmCommandTest, LinearReadsAreOneAddressAndOneDataPhase)
+{
+    select(8);
+    part->set_contents(4000, pattern(96));
+    std::vector<uint8_t> buffer(96);
+    begin();
+    EXPECT_EQ(CmdRead(ctx, 4000, buffer.data(), 96), STATUS_SUCCESS);  // to the last byte
+    EXPECT_EQ(buffer, pattern(96));
+    EXPECT_EQ(timeline(), (std::vector<std::string>{"w50 0F A0", "r50 96"}));
+    for (auto& t : sys.bus().transcript()) {
+        EXPECT_EQ(t.timeout, -80000000) << "8 s for both phases of a read";
+    }
+    EXPECT_EQ(texts(), (std::vector<NvmText>{{"CmdRead addr data:", 4000, 0x10}, {"CmdRead len status:", 96, 0}}));
+    expect_time_accounted();
+}
+
+TEST_F(NvmCommandTest, LinearBadInputEndsWithItsStatusLockFreeAndDataInTheCache)
+{
+    auto d = pattern(8);
+    const struct {
+        const char* what;
+        unsigned type;
+        std::function<void(PDEVICE_CONTEXT)> setup;
+        std::function<NTSTATUS(PDEVICE_CONTEXT, const UCHAR*)> call;
+        NTSTATUS status;
+        std::vector<NvmText> texts;
+        bool cached;  // the data reached the cache
+    } cases[] = {
+        {"page size 0", 5, [](auto c) { c->NvmPageSize = 0; }, [](auto c, auto p) { return CmdWrite(c, 4, p, 8); },
+         STATUS_UNSUCCESSFUL, {{"CmdWrite addr data:", 4, 0x10}, {"CmdWrite len status:", 8, 0xC0000001}}, true},
+        {"read one past the end", 7, nullptr,
+         [](auto c, auto) {
+             UCHAR b[9] = {0x77};
+             return CmdRead(c, 120, b, 9);
+         },
+         STATUS_INVALID_PARAMETER,
+         {{"CmdRead address is out of range!", kNoNumber, kNoNumber},
+          {"CmdRead addr data:", 120, 0x77},
+          {"CmdRead len status:", 9, 0xC000000D}},
+         false},
+        {"write nothing", 5, nullptr, [](auto c, auto p) { return CmdWrite(c, 4, p, 0); }, STATUS_INVALID_PARAMETER,
+         {{"CmdWrite address is out of  range!!", kNoNumber, kNoNumber},
+          {"CmdWrite addr data:", 4, kNoNumber},
+          {"CmdWrite len status:", 0, 0xC000000D}},
+         false},
+        {"no connection", 10, [](auto c) { c->I2cConnections[2].Present = 0; },
+         [](auto c, auto p) { return Cmd_M24c64Write(c, 4, p, 8); }, STATUS_NOT_SUPPORTED,
+         {{"InitI2c error!!!", 0xC00000BB, kNoNumber},
+          {"Cmd_m24c64Write addr data:", 4, 0x10},
+          {"Cmd_m24c64Write len status:", 8, 0xC00000BB}},
+         true},
+        {"M24c64 read past the end, before the lock", 10, nullptr,
+         [](auto c, auto) {
+             UCHAR b[3];
+             return Cmd_M24c64Read(c, 8190, b, 3);
+         },
+         STATUS_INVALID_PARAMETER, {{"Cmd_M24c64Read address is out of  range!!", kNoNumber, kNoNumber}}, false},
+        {"null data", 5, nullptr, [](auto c, auto) { return CmdWrite(c, 0, nullptr, 8); }, STATUS_INVALID_PARAMETER,
+         {}, false},
+        {"null M24c64 buffer", 10, nullptr, [](auto c, auto) { return Cmd_M24c64Read(c, 0, nullptr, 8); },
+         STATUS_INVALID_PARAMETER, {{"CmdRead read buffer pointer is NULL!!", kNoNumber, kNoNumber}}, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        select(c.type);
+        if (c.setup) {
+            c.setup(ctx);
+        }
+        std::memset(ctx->NvmCache, 0, sizeof ctx->NvmCache);
+        unsigned waits = sys.faults().calls("KeWaitForSingleObject");
+        begin();
+        EXPECT_EQ(c.call(ctx, d.data()), c.status);
+        EXPECT_EQ(texts(), c.texts);
+        expect_clean_exit();
+        EXPECT_TRUE(sys.bus().transcript().empty());
+        bool locked = !c.texts.empty() && c.texts.back().text.find(" len status:") != std::string::npos;
+        EXPECT_EQ(sys.faults().calls("KeWaitForSingleObject") - waits, locked ? 1u : 0u);
+        EXPECT_EQ(std::vector<uint8_t>(ctx->NvmCache + 4, ctx->NvmCache + 12), c.cached ? d : std::vector<uint8_t>(8));
+    }
+}
+
+TEST_F(NvmCommandTest, AFailedWaitEndsTheM24c64CommandsButNotCmdReadAndCmdWrite)
+{
+    auto d = pattern(4);
+    select(10);
+    sys.faults().fail("KeWaitForSingleObject", STATUS_UNSUCCESSFUL, 0, 2);
+    UCHAR buffer[4];
+    EXPECT_EQ(Cmd_M24c64Read(ctx, 0, buffer, 4), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Cmd_M24c64Write(ctx, 0, d.data(), 4), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(texts(), (std::vector<NvmText>{{"KeWaitForSingleObject!", 0xC0000001, kNoNumber},
+                                             {"KeWaitForSingleObject !!", 0xC0000001, kNoNumber}}));
+    EXPECT_TRUE(sys.bus().transcript().empty());
+    EXPECT_EQ(ctx->NvmCache[0], 0) << "no cache copy without the lock";
+
+    select(5);
+    sys.faults().fail("KeWaitForSingleObject", STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(CmdWrite(ctx, 0, d.data(), 4), STATUS_SUCCESS);
+    EXPECT_EQ(part->bytes(0, 4), d);
+    expect_clean_exit();
+}
+
+TEST_F(NvmCommandTest, BlockWritesArePlannedPerBlockAndChunkedFromThePiecesStart)
+{
+    auto d = pattern(512);
+    select(6);
+    begin();
+    EXPECT_EQ(Cmd_Brca016Write(ctx, 250, d.data(), 20), STATUS_SUCCESS);
+    EXPECT_EQ(timeline(), (std::vector<std::string>{w("w50 FA", d, 0, 6), "spin 5", w("w51 00", d, 6, 14), "spin 5"}));
+    expect_time_accounted();
+    std::vector<NvmText> expected;
+    for (uint32_t b = 0; b < 8; b++) {
+        expected.push_back({" write page", b, kNoNumber});
+        expected.push_back({" __________", b == 0 ? 250u : 0u, b == 0 ? 6u : b == 1 ? 14u : 256u});
+        if (b < 2) {
+            expected.push_back({"RomWrite1 addr data:", b == 0 ? 250u : 0u, d[b == 0 ? 0 : 6]});
+            expected.push_back({"RomWrite1 page status:", b, 0});
+        }
+    }
+    expected.push_back({"Cmd_Brca016Write addr data:", 250, d[0]});
+    expected.push_back({"Cmd_Brca016Write len status:", 20, 0});
+    EXPECT_EQ(texts(), expected);
+
+
+    // A range ending on a block boundary takes the whole last block.
+    select(12);
+    begin();
+    EXPECT_EQ(Cmd_Cat24c16Write(ctx, 0, d.data(), 512), STATUS_SUCCESS);
+    auto wire = timeline();
+    ASSERT_EQ(wire.size(), 64u);
+    EXPECT_EQ(wire[30], w("w50 F0", d, 240, 16));
+    EXPECT_EQ(wire[62], w("w51 F0", d, 496, 16));
+    auto t = texts();
+    EXPECT_EQ(t[1], (NvmText{" __________", 0, 256}));
+    EXPECT_EQ(t[5], (NvmText{" __________", 0, 256}));
+    EXPECT_EQ(part->bytes(0, 512), d);
+    expect_clean_exit();
+}
+
+TEST_F(NvmCommandTest, TheDW9806BMemoryIsErasedBeforeEveryWriteAndReadPageByPage)
+{
+    auto d = pattern(2048);
+    select(11);
+    part->set_contents(0, pattern(8192, 0x33));
+    begin();
+    EXPECT_EQ(Cmd_DW9806BWrite(ctx, 0x1FFF, d.data(), 1), STATUS_SUCCESS);
+    EXPECT_EQ(timeline(), (std::vector<std::string>{"w50 81 EE", "sleep 50", w("w50 1F FF", d, 0, 1), "spin 5"}));
+    EXPECT_EQ(texts(), (std::vector<NvmText>{{" erase macro", 8, kNoNumber},
+                                             {" write page", 7, 1},
+                                             {"RomWrite3 addr data:", 0x3FF, d[0]},
+                                             {"RomWrite3 page status:", 7, 0},
+                                             {"Cmd_DW9806BWrite addr data:", 0x1FFF, d[0]},
+                                             {"Cmd_DW9806BWrite len status:", 1, 0}}));
+    expect_time_accounted();
+    // The erase took everything the write did not put back.
+    auto expected = std::vector<uint8_t>(8192, 0xFF);
+    expected[0x1FFF] = d[0];
+    EXPECT_EQ(part->contents(), expected);
+
+    begin();
+    EXPECT_EQ(Cmd_DW9806BWrite(ctx, 1016, d.data(), 40), STATUS_SUCCESS);
+    EXPECT_EQ(timeline(), (std::vector<std::string>{"w50 81 EE", "sleep 50", w("w50 03 F8", d, 0, 8), "spin 5",
+                                                   w("w50 04 00", d, 8, 32), "spin 5"}));
+    EXPECT_EQ(texts().front(), (NvmText{" erase macro", 2, kNoNumber}));
+
+    part->set_contents(0, pattern(8192));
+    std::vector<uint8_t> buffer(2048);
+    begin();
+    EXPECT_EQ(Cmd_DW9806BRead(ctx, 1000, buffer.data(), 2048), STATUS_SUCCESS);
+    EXPECT_EQ(timeline(),
+              (std::vector<std::string>{"w50 03 E8", "r50 24", "w50 04 00", "r50 1024", "w50 08 00", "r50 1000"}));
+    EXPECT_EQ(buffer, part->bytes(1000, 2048));
+    expect_clean_exit();
+}
+
+// The 256-byte families write 16-byte chunks from the caller's offset; the
+// part's write page is 16 bytes, so a chunk that does not start on a page
+// boundary wraps inside its page. The cache keeps the data as written.
+TEST_F(NvmCommandTest, UnalignedChunksWrapInsideThePartsWritePage)
+{
+    auto d = pattern(40);
+    select(6);
+    forget();
+    ASSERT_EQ(Cmd_Brca016Write(ctx, 5, d.data(), 40), STATUS_SUCCESS);
+    EXPECT_EQ(timeline(), (std::vector<std::string>{w("w50 05", d, 0, 16), "spin 5", w("w50 15", d, 16, 16), "spin 5",
+                                                   w("w50 25", d, 32, 8), "spin 5"}));
+    std::vector<uint8_t> stored(48, 0xFF);
+    for (size_t i = 0; i < 16; i++) {
+        stored[(5 + i) % 16] = d[i];                // chunk at 5: 5..15, then 0..4
+        stored[16 + (5 + i) % 16] = d[16 + i];      // chunk at 21: 21..31, then 16..20
+    }
+    std::copy(d.begin() + 32, d.end(), stored.begin() + 37);  // 37..44 fit in their page
+    EXPECT_EQ(part->bytes(0, 48), stored);
+
+    std::vector<uint8_t> back(40);
+    ASSERT_EQ(Cmd_Brca016Read(ctx, 5, back.data(), 40), STATUS_SUCCESS);
+    EXPECT_EQ(back, std::vector<uint8_t>(stored.begin() + 5, stored.begin() + 45));
+    EXPECT_EQ(std::vector<uint8_t>(ctx->NvmCache + 5, ctx->NvmCache + 45), d);
+}
+
+TEST_F(NvmCommandTest, BlockBadInputEndsWithItsStatusLockFreeAndSlotsClosed)
+{
+    auto d = pattern(1024);
+    select(9);
+    UCHAR buffer[8];
+    EXPECT_EQ(Cmd_Cat24cRead(ctx, 1020, buffer, 5), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Cmd_Cat24cWrite(ctx, 0, nullptr, 5), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Cmd_Cat24cRead(ctx, 0, nullptr, 5), STATUS_INVALID_PARAMETER);
+    select(6);
+    EXPECT_EQ(Cmd_Brca016Read(ctx, 0, nullptr, 5), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Cmd_Brca016Write(ctx, 2040, d.data(), 9), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(texts(), (std::vector<NvmText>{{"CmdRead address is out of range!", kNoNumber, kNoNumber},
+                                             {"Cmd_Cat24cRead addr data:", 1020, buffer[0]},
+                                             {"Cmd_Cat24cRead len status:", 5, 0xC000000D},
+                                             {"write buffer pointer is NULL!!!", kNoNumber, kNoNumber},
+                                             {"CmdRead read buffer pointer is NULL!!", kNoNumber, kNoNumber},
+                                             {"Cmd_Brca016Write address is out of  range!!", kNoNumber, kNoNumber},
+                                             {"Cmd_Brca016Write addr data:", 2040, d[0]},
+                                             {"Cmd_Brca016Write len status:", 9, 0xC000000D}}));
+    EXPECT_EQ(std::vector<uint8_t>(ctx->NvmCache + 0, ctx->NvmCache + 5), std::vector<uint8_t>(5, 0))
+        << "a null write copies nothing";
+    EXPECT_TRUE(sys.bus().transcript().empty());
+    expect_clean_exit();
+
+    // Block 3's connection cannot be opened: blocks 0 to 2 are written,
+    // nothing after.
+    select(12);
+    forget();
+    sys.faults().fail("WdfIoTargetOpen", STATUS_ACCESS_DENIED, 3);
+    EXPECT_EQ(Cmd_Cat24c16Write(ctx, 0, d.data(), 1024), STATUS_ACCESS_DENIED);
+    auto transfers = sys.bus().transcript();
+    EXPECT_EQ(transfers.size(), 48u);
+    EXPECT_EQ(transfers.back().connection, kNvmConnection + 2);
+    EXPECT_EQ(part->bytes(0, 768), std::vector<uint8_t>(d.begin(), d.begin() + 768));
+    EXPECT_EQ(std::vector<uint8_t>(ctx->NvmCache, ctx->NvmCache + NVM_CACHE_SIZE),
+              std::vector<uint8_t>(d.begin(), d.begin() + NVM_CACHE_SIZE));
+    expect_clean_exit();
+}
+
+}  // namespace
+}  // namespace korvanel::test

@@ -1,0 +1,85 @@
+// memory_cli.h - korvanel-sim's module-memory work: select a memory type for
+// the device as a platform would (NvmType, geometry, cache length, the
+// connection slots and their ids), attach the part's model, run a list of
+// loads, reads and writes through the NVM_DRIVER row, and report statuses,
+// the decoded bus transcript and the resulting contents.
+//
+//   korvanel-sim --nvm 5 --nvm-ops load,load,write:0x10:a1b2c3,read:0x10:3 --bus-speed 400k
+//
+// The runner is a library: a scenario runner calls parse_memory_ops() and
+// run_memory() with its own System and device.
+#pragma once
+
+#include "host/system.h"
+#include "sim/eeprom.h"
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct _DEVICE_CONTEXT;
+
+namespace korvanel::tool {
+
+struct MemoryOp {
+    enum class Kind { Load, Read, Write } kind;
+    uint32_t address = 0;
+    uint32_t length = 0;        // read: bytes to read
+    std::vector<uint8_t> data;  // write: bytes to write
+};
+
+// A memory as the platform selects it.
+struct MemorySelection {
+    unsigned type = 0;
+    uint64_t first_connection = 0x50;  // slot 2's id; a block part's block b is on first + b
+    uint32_t cache_length = 0;         // NvmCacheLength
+};
+
+// The part and its connections attached, the context set as a platform that
+// selects this memory sets it. The model starts erased.
+std::shared_ptr<sim::Eeprom> attach_memory(host::System& sys, _DEVICE_CONTEXT* context,
+                                           const MemorySelection& selection);
+
+// "load", "read:ADDR:LEN", "write:ADDR:HEXBYTES", "writefile:ADDR:FILE",
+// comma-separated; addresses and lengths decimal or 0x hex. Every range must
+// lie within `size`. An error message, or nothing.
+std::optional<std::string> parse_memory_ops(const std::string& text, size_t size, std::vector<MemoryOp>& ops);
+
+// Runs the operations on the selected memory: statuses and data, the
+// transcript of the run, and the contents afterwards.
+nlohmann::ordered_json run_memory(host::System& sys, _DEVICE_CONTEXT* context, const sim::Eeprom& model,
+                                  const std::vector<MemoryOp>& ops);
+
+// 16 bytes a line with the address; runs of equal lines are shown as "*".
+std::vector<std::string> hex_dump(const std::vector<uint8_t>& bytes);
+
+// ---- The command-line face ---------------------------------------------------
+struct MemoryOptions {
+    std::string type;       // --nvm
+    std::string connection = "0x50";
+    std::string file;       // --nvm-file
+    std::string cache_length;
+    std::string ops;
+    std::string save;
+
+    // Filled by prepare().
+    MemorySelection selection;
+    std::vector<uint8_t> initial;
+    std::vector<MemoryOp> parsed;
+    bool requested() const { return !type.empty(); }
+};
+
+void add_memory_options(CLI::App& app, MemoryOptions& options);
+// Checks the options and reads the files they name: an error message for
+// the user (exit status 2), or nothing.
+std::optional<std::string> prepare_memory(MemoryOptions& options);
+// Attaches, fills, runs and saves; the report for --json and print_memory().
+nlohmann::ordered_json run_memory_options(host::System& sys, _DEVICE_CONTEXT* context, const MemoryOptions& options);
+void print_memory(const nlohmann::ordered_json& report);
+
+}  // namespace korvanel::tool
