@@ -12,6 +12,8 @@
 
 #include <cstdio>
 #include <cstring>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -45,6 +47,60 @@ inline std::string wire_text(const host::BusTransfer& t)
         s += b;
     }
     return s;
+}
+
+// Expected wire lines: W({0x04, 0xF6}) is "W 04 F6", R(0xF4) is "R F4".
+inline std::string W(std::initializer_list<int> bytes)
+{
+    std::string s = "W";
+    char b[4];
+    for (int v : bytes) {
+        snprintf(b, sizeof b, " %02X", v);
+        s += b;
+    }
+    return s;
+}
+
+inline std::string R(int byte)
+{
+    char b[8];
+    snprintf(b, sizeof b, "R %02X", byte);
+    return b;
+}
+
+inline std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string>& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// What a part needs to see for one position, per chip; `high` is what the
+// chip's code-MSB register holds before (the merging chips read it back).
+using PositionWire = std::function<std::vector<std::string>(int code, int& high)>;
+
+inline std::vector<std::string> merged(int high_reg, int low_reg, int code, int& high)
+{
+    int before = high;
+    high = (before & ~3) | (code >> 8);
+    return {W({high_reg}), R(before), W({high_reg, high}), W({low_reg, code & 0xFF})};
+}
+
+inline const std::map<std::string, PositionWire>& position_wire()
+{
+    static const std::map<std::string, PositionWire> wires = {
+        {"AD5823", [](int c, int& h) { return merged(0x04, 0x05, c, h); }},
+        {"DW9719", [](int c, int& h) { return merged(0x03, 0x04, c, h); }},
+        {"DW9806B", [](int c, int& h) { return merged(0x03, 0x04, c, h); }},
+        {"AD5816", [](int c, int&) { return std::vector<std::string>{W({0x03, c >> 8}), W({0x04, c & 0xFF})}; }},
+        {"DW9718", [](int c, int&) { return std::vector<std::string>{W({0x02, c >> 8}), W({0x03, c & 0xFF})}; }},
+        {"WV517S", [](int c, int&) { return std::vector<std::string>{W({0x41, c >> 8}), W({0x42, c & 0xFF})}; }},
+        {"DW9714", [](int c, int&) { return std::vector<std::string>{W({c >> 4, (c << 4) & 0xFF})}; }},
+        {"LC898122XA",
+         [](int c, int&) {
+             return std::vector<std::string>{W({0x03, 0x80, c >> 3}), W({0x03, 0x81, (c & 7) << 5})};
+         }},
+    };
+    return wires;
 }
 
 class VcmTest : public DriverTest {
