@@ -8,6 +8,8 @@
 //   korvanel-sim --reg MipiLanes=4 --reg MipiMBps=1500
 //   korvanel-sim --select 2:1920:1080:0 --trace --json
 //   korvanel-sim --real-time                       waits take real time
+//   korvanel-sim --vcm DW9719 --vcm-ops init,setpos:300,resetpos --svg lens.svg
+#include "actuator_cli.h"
 #include "bus_report.h"
 #include "host/system.h"
 #include "sensor/sensor_interface.h"
@@ -302,6 +304,10 @@ int main(int argc, char** argv)
     app.add_flag("--trace", show_trace, "print the driver's decoded trace");
     app.add_flag("--json", json, "print machine-readable JSON");
     app.add_flag("--real-time", real_time, "run on the real clock: waits sleep and stalls spin");
+    std::string bus_speed;
+    app.add_option("--bus-speed", bus_speed, "I2C clock for wire time: 100k, 400k or 1m (default: no wire time)");
+    korvanel::tool::ActuatorOptions actuator;
+    korvanel::tool::add_actuator_options(app, actuator);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -330,7 +336,16 @@ int main(int argc, char** argv)
         }
     }
 
+    std::string error;
+    auto vcm_ops = korvanel::tool::check_actuator_options(actuator, error);
+    auto speed = bus_speed.empty() ? korvanel::host::BusSpeed::Instant : korvanel::tool::parse_bus_speed(bus_speed);
+    if (!vcm_ops || !speed) {
+        std::cerr << "korvanel-sim: " << (speed ? error : "--bus-speed takes 100k, 400k or 1m") << "\n";
+        return 2;
+    }
+
     System sys;
+    sys.bus().set_speed(*speed);
     if (real_time) {
         sys.clock().set_mode(korvanel::host::Clock::Mode::Real);
     }
@@ -367,6 +382,11 @@ int main(int argc, char** argv)
         return 1;
     }
     ordered_json description = describe(si, select);
+    if (!actuator.chip.empty() && !korvanel::tool::run_actuator_options(sys, static_cast<PDEVICE_CONTEXT>(dev.context()),
+                                                                        actuator, *vcm_ops, description["actuator"], error)) {
+        std::cerr << "korvanel-sim: " << error << "\n";
+        return 1;
+    }
     si.InterfaceHeader.InterfaceDereference(si.InterfaceHeader.Context);
 
     auto report = sys.unload_driver();
@@ -379,6 +399,9 @@ int main(int argc, char** argv)
         std::cout << description.dump(2) << "\n";
     } else {
         print_text(description, hwid);
+        if (description.contains("actuator")) {
+            korvanel::tool::print_actuator(description["actuator"]);
+        }
         if (show_trace) {
             printf("Trace:\n");
             for (auto& line : sys.traces().lines()) {
