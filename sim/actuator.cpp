@@ -128,12 +128,6 @@ void ActuatorModel::poke(uint16_t reg, uint8_t value)
     registers_[reg % registers_.size()] = value;
 }
 
-uint16_t ActuatorModel::word() const
-{
-    std::lock_guard lock(mutex_);
-    return word_;
-}
-
 void ActuatorModel::power_on()
 {
     std::lock_guard lock(mutex_);

@@ -81,7 +81,6 @@ public:
     int64_t busy_until() const;             // clock time the last move settles
     uint8_t peek(uint16_t reg) const;       // a register as the part holds it
     void poke(uint16_t reg, uint8_t value); // set a register behind the bus's back
-    uint16_t word() const;                  // DW9714: the position word
     void power_on();                        // starts the power-up time
 
     // ---- Bus face ---------------------------------------------------------

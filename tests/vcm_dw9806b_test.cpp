@@ -16,11 +16,13 @@ protected:
         select("DW9806B");
     }
 
-    std::vector<std::string> moves(const std::vector<int>& codes)
+    // Each position, with the pause that goes with it before or after.
+    Wire moves(std::vector<int> codes, const std::string& before = "", const std::string& after = "")
     {
-        std::vector<std::string> wire;
+        Wire wire;
         for (int code : codes) {
-            wire = wire + position_wire().at("DW9806B")(code, high);
+            wire = wire + (before.empty() ? Wire{} : Wire{before}) + position_wire("DW9806B", code, high) +
+                   (after.empty() ? Wire{} : Wire{after});
         }
         return wire;
     }
@@ -33,30 +35,26 @@ protected:
         }
         return out;
     }
-
-    std::vector<std::string> init_wire()
-    {
-        return {W({0x00}), R(0xD1), W({0x02, 0x01}), W({0x02, 0x00}), "delay 1 ms", W({0x02, 0x02}),
-                W({0x06, 0x61}), W({0x07, 0x3D})};
-    }
 };
 
 TEST_F(Dw9806bTest, WarmStartWalksTheLensUpToTheModulesLowPosition)
 {
+    const Wire init = {W({0x00}), R(0xD1), W({0x02, 0x01}), W({0x02, 0}), "delay 1 ms", W({0x02, 0x02}),
+                       W({0x06, 0x61}), W({0x07, 0x3D})};
+    const Wire ring_off = {W({0x02, 0x00})}, ring_on = {W({0x02, 0x02})};
     const struct {
         const char* module;
         USHORT low;
-        SHORT start;  // what Init records before the walk
-        std::vector<int> steps;
-        bool ring_control;  // the walk runs with register 0x02 at 0x00, then 0x02
-        const char* pause;  // after every step
+        std::vector<int> steps;  // the first is what Init records
+        bool ring_control;       // the walk runs with register 0x02 at 0x00, then 0x02
+        const char* pause;       // after every step
         SHORT recorded;
     } cases[] = {
-        {"START2REAR", 500, 300, range(300, 500, 8), true, nullptr, 500},
-        {"START2REAR", 100, 120, {}, true, nullptr, 112},  // 120 is already above: no step, 8 below is recorded
-        {"start2rear", 320, 120, range(120, 320, 8), true, nullptr, 320},
-        {"CM500RF05SW700", 500, 450, {450, 482, 514, 546}, false, "delay 10 ms", 546},
-        {"HAPS", 500, 0, {}, false, nullptr, 0},
+        {"START2REAR", 500, range(300, 500, 8), true, "", 500},
+        {"START2REAR", 100, {}, true, "", 112},  // Init records 120, above L: no step, 8 below is recorded
+        {"start2rear", 320, range(120, 320, 8), true, "", 320},
+        {"CM500RF05SW700", 500, {450, 482, 514, 546}, false, "delay 10 ms", 546},
+        {"HAPS", 500, {}, false, "", 0},
     };
     for (auto& c : cases) {
         SCOPED_TRACE(std::string(c.module) + " low " + std::to_string(c.low));
@@ -67,95 +65,57 @@ TEST_F(Dw9806bTest, WarmStartWalksTheLensUpToTheModulesLowPosition)
         ctx->VcmPosition = 0;
         clear();
         EXPECT_EQ(DW9806B_Init(ctx), STATUS_SUCCESS);
-
-        std::vector<std::string> wire = init_wire();
-        if (c.ring_control) {
-            wire.push_back(W({0x02, 0x00}));
-        }
-        for (int code : c.steps) {
-            wire = wire + moves({code});
-            if (c.pause) {
-                wire.push_back(c.pause);
-            }
-        }
-        if (c.ring_control) {
-            wire.push_back(W({0x02, 0x02}));
-        }
-        EXPECT_EQ(timeline(), wire);
+        Wire walk = moves(c.steps, "", c.pause);
+        EXPECT_EQ(timeline(), c.ring_control ? init + ring_off + walk + ring_on : init + walk);
         EXPECT_EQ(ctx->VcmPosition, c.recorded);
-        EXPECT_EQ(marked("DW9806B_WarmStart +").size(), 1u);
         EXPECT_EQ(marked("DW9806B_WarmStart -").size(), 1u);
-        if (!c.steps.empty()) {
-            EXPECT_EQ(numbers(marked("DW9806B_SetPos").at(0)), (std::vector<uint32_t>{uint32_t(c.start), 0}));
-        }
     }
 }
 
-TEST_F(Dw9806bTest, Start2RearRampSlowsDownNearTheLowPosition)
+TEST_F(Dw9806bTest, ModuleRampsSlowDownNearTheLowPosition)
 {
+    // START2REAR from above its high position: down to it first, then with
+    // the ring control off 8-code steps to the low position, 2-code steps to
+    // 120, 32-code steps below, no pauses; rest is code 1.
     set_module("START2REAR");
     ctx->VcmLowPosition = 400;
     ctx->VcmHighPosition = 600;
     ctx->VcmPosition = 700;
     EXPECT_EQ(DW9806B_ResetPos(ctx), STATUS_SUCCESS);
-
-    // Down to the high position first, then 8-code steps to the low one,
-    // 2-code steps to 120, 32-code steps below; rest is code 1.
-    std::vector<std::string> wire = moves({600});
-    wire.push_back("delay 10 ms");
-    wire.push_back(W({0x02, 0x00}));
+    Wire wire = moves({600}, "", "delay 10 ms") + Wire{W({0x02, 0x00})};
     wire = wire + moves(range(592, 400, -8));
     wire = wire + moves(range(398, 120, -2));
-    wire = wire + moves({88, 56, 24, 1});
-    EXPECT_EQ(timeline(), wire);
-
-    // The rest position is recorded as 0 with no move, so the lens counts as
-    // settled as soon as any time has passed.
+    EXPECT_EQ(timeline(), wire + moves({88, 56, 24, 1}));
+    // Rest is recorded as 0 with no distance: settled as soon as any time passed.
     EXPECT_EQ(ctx->VcmPosition, 0);
     EXPECT_EQ(ctx->VcmLastMoveDistance, 0);
     sys.clock().advance(1);
     ULONG settled = 0;
     EXPECT_EQ(DW9806B_GetHPStatus(ctx, &settled), STATUS_SUCCESS);
     EXPECT_EQ(settled, 1u);
-    EXPECT_EQ(part->code(), 1);
-}
 
-TEST_F(Dw9806bTest, Cm500RampPausesLongerNearTheLowPosition)
-{
+    // CM500RF05SW700: 1 ms before each step down to L + 90, 10 ms before each
+    // 8-code step down past L - 45, no pause below.
     set_module("CM500RF05SW700");
     ctx->VcmLowPosition = 300;
-    ctx->VcmHighPosition = 600;
     ctx->VcmPosition = 500;
+    clear();
     EXPECT_EQ(DW9806B_ResetPos(ctx), STATUS_SUCCESS);
-
-    // 1 ms before each step down to L + 90, 10 ms before each 8-code step
-    // down past L - 45, no pause below.
-    std::vector<std::string> wire;
-    for (int p : {468, 436, 404, 390}) {
-        wire.push_back("delay 1 ms");
-        wire = wire + moves({p});
-    }
-    for (int p : range(382, 254, -8)) {
-        wire.push_back("delay 10 ms");
-        wire = wire + moves({p});
-    }
-    wire = wire + moves({222, 190, 158, 126, 94, 62, 30, 1});
-    EXPECT_EQ(timeline(), wire);
+    wire = moves({468, 436, 404, 390}, "delay 1 ms");
+    wire = wire + moves(range(382, 254, -8), "delay 10 ms");
+    EXPECT_EQ(timeline(), wire + moves({222, 190, 158, 126, 94, 62, 30, 1}));
     EXPECT_EQ(ctx->VcmPosition, 0);
 }
 
 TEST_F(Dw9806bTest, OtherModulesAndOutOfRangePositionsGoStraightToRest)
 {
-    const struct {
-        const char* module;
-        SHORT from;
-    } cases[] = {{"HAPS", 500}, {"", 100}, {"CM500RF05SW700", 2000}, {"CM500RF05SW700", -40}};
-    for (auto& c : cases) {
-        SCOPED_TRACE(std::string(c.module) + " from " + std::to_string(c.from));
-        set_module(c.module);
+    for (auto [module, from] : {std::pair<const char*, SHORT>{"HAPS", 500}, {"", 100}, {"CM500RF05SW700", 2000},
+                                {"CM500RF05SW700", -40}}) {
+        SCOPED_TRACE(std::string(module) + " from " + std::to_string(from));
+        set_module(module);
         ctx->VcmLowPosition = 300;
         ctx->VcmHighPosition = 600;
-        ctx->VcmPosition = c.from;
+        ctx->VcmPosition = from;
         clear();
         high = part->peek(0x03);
         EXPECT_EQ(DW9806B_ResetPos(ctx), STATUS_SUCCESS);
