@@ -51,38 +51,10 @@ static const VCM_REG_CHIP Lc898122xaChip = {
     .InitStepCount = 0,
 };
 
-NTSTATUS LC898122XA_Init(PDEVICE_CONTEXT DeviceContext)
-{
-    PAGED_CODE();
-    return VcmRegInit(DeviceContext, &Lc898122xaChip);
-}
-
-NTSTATUS LC898122XA_ResetPos(PDEVICE_CONTEXT DeviceContext)
-{
-    PAGED_CODE();
-    return VcmResetPos(DeviceContext, &Lc898122xaChip.Chip);
-}
-
-NTSTATUS LC898122XA_SetPos(PDEVICE_CONTEXT DeviceContext, SHORT Position)
-{
-    PAGED_CODE();
-    return VcmRegSetPos(DeviceContext, &Lc898122xaChip, Position);
-}
-
-NTSTATUS LC898122XA_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)
-{
-    PAGED_CODE();
-    return VcmRegGetPos(DeviceContext, &Lc898122xaChip, Position);
-}
+VCM_REG_CHIP_ROUTINES(LC898122XA, Lc898122xaChip)
 
 NTSTATUS LC898122XA_GetStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
 {
     PAGED_CODE();
     return VcmRegGetStatus(DeviceContext, &Lc898122xaChip, Status);
-}
-
-NTSTATUS LC898122XA_SetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config)
-{
-    PAGED_CODE();
-    return VcmSetConfig(DeviceContext, Config, &Lc898122xaChip.Chip);
 }

@@ -3,9 +3,9 @@
  * DW9718, WV517S) and the two-register scheme that DW9806B and LC898122XA
  * share with them.
  *
- * The position code is split over a high and a low register; the chip latches
- * a new position when the low register is written, so the high register
- * always goes first. The chips differ only in data: register numbers, how the
+ * The position code is split over a high and a low register, and the high
+ * register always goes first, so that the code is whole when its low byte
+ * arrives. The chips differ only in data: register numbers, how the
  * high register is written (whole, or merged with the other bits it holds),
  * the code range, what is recorded as the new position, whether a failed high
  * write counts, the start-up sequence and the reset ramp. One body per
@@ -68,7 +68,7 @@ static NTSTATUS VcmRegRead(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Ch
     PAGED_CODE();
 
     return (Chip->Flags & VCM_WIDE_REGISTERS) ? VcmReadReg16(DeviceContext, Register, Value)
-                               : VcmReadReg8(DeviceContext, (UCHAR)Register, Value);
+                                              : VcmReadReg8(DeviceContext, (UCHAR)Register, Value);
 }
 
 static NTSTATUS VcmRegWrite(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, USHORT Register, UCHAR Value)
@@ -76,7 +76,7 @@ static NTSTATUS VcmRegWrite(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* C
     PAGED_CODE();
 
     return (Chip->Flags & VCM_WIDE_REGISTERS) ? VcmWriteReg16(DeviceContext, Register, Value)
-                               : VcmWriteReg8(DeviceContext, (UCHAR)Register, Value);
+                                              : VcmWriteReg8(DeviceContext, (UCHAR)Register, Value);
 }
 
 NTSTATUS VcmRegProgram(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PUCHAR Id)
@@ -361,39 +361,11 @@ static const VCM_REG_CHIP Wv517sChip = {
     .InitStepCount = 0,
 };
 
-/* One body per operation; the named routines pass their chip. */
-#define VCM_PAIR_ROUTINES(Name, Record)                                                                      \
-    NTSTATUS Name##_Init(PDEVICE_CONTEXT DeviceContext)                                                      \
-    {                                                                                                        \
-        PAGED_CODE();                                                                                        \
-        return VcmRegInit(DeviceContext, &Record);                                                           \
-    }                                                                                                        \
-    NTSTATUS Name##_ResetPos(PDEVICE_CONTEXT DeviceContext)                                                  \
-    {                                                                                                        \
-        PAGED_CODE();                                                                                        \
-        return VcmResetPos(DeviceContext, &Record.Chip);                                                     \
-    }                                                                                                        \
-    NTSTATUS Name##_SetPos(PDEVICE_CONTEXT DeviceContext, SHORT Position)                                    \
-    {                                                                                                        \
-        PAGED_CODE();                                                                                        \
-        return VcmRegSetPos(DeviceContext, &Record, Position);                                               \
-    }                                                                                                        \
-    NTSTATUS Name##_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)                                  \
-    {                                                                                                        \
-        PAGED_CODE();                                                                                        \
-        return VcmRegGetPos(DeviceContext, &Record, Position);                                               \
-    }                                                                                                        \
-    NTSTATUS Name##_SetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config)                            \
-    {                                                                                                        \
-        PAGED_CODE();                                                                                        \
-        return VcmSetConfig(DeviceContext, Config, &Record.Chip);                                            \
-    }
-
-VCM_PAIR_ROUTINES(AD5823, Ad5823Chip)
-VCM_PAIR_ROUTINES(AD5816, Ad5816Chip)
-VCM_PAIR_ROUTINES(DW9719, Dw9719Chip)
-VCM_PAIR_ROUTINES(DW9718, Dw9718Chip)
-VCM_PAIR_ROUTINES(WV517S, Wv517sChip)
+VCM_REG_CHIP_ROUTINES(AD5823, Ad5823Chip)
+VCM_REG_CHIP_ROUTINES(AD5816, Ad5816Chip)
+VCM_REG_CHIP_ROUTINES(DW9719, Dw9719Chip)
+VCM_REG_CHIP_ROUTINES(DW9718, Dw9718Chip)
+VCM_REG_CHIP_ROUTINES(WV517S, Wv517sChip)
 
 NTSTATUS AD5823_GetHPStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
 {

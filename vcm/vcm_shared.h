@@ -154,6 +154,35 @@ inline LONG VcmClampPosition(SHORT Position, BOOLEAN Signed, LONG MinCode, LONG 
     return code;
 }
 
+/* The named Init, ResetPos, SetPos, GetPos and SetConfig of a two-register
+ * chip: one body per operation, given the chip's record. */
+#define VCM_REG_CHIP_ROUTINES(Name, Record)                                                          \
+    NTSTATUS Name##_Init(PDEVICE_CONTEXT DeviceContext)                                              \
+    {                                                                                                \
+        PAGED_CODE();                                                                                \
+        return VcmRegInit(DeviceContext, &Record);                                                   \
+    }                                                                                                \
+    NTSTATUS Name##_ResetPos(PDEVICE_CONTEXT DeviceContext)                                          \
+    {                                                                                                \
+        PAGED_CODE();                                                                                \
+        return VcmResetPos(DeviceContext, &Record.Chip);                                             \
+    }                                                                                                \
+    NTSTATUS Name##_SetPos(PDEVICE_CONTEXT DeviceContext, SHORT Position)                            \
+    {                                                                                                \
+        PAGED_CODE();                                                                                \
+        return VcmRegSetPos(DeviceContext, &Record, Position);                                       \
+    }                                                                                                \
+    NTSTATUS Name##_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)                          \
+    {                                                                                                \
+        PAGED_CODE();                                                                                \
+        return VcmRegGetPos(DeviceContext, &Record, Position);                                       \
+    }                                                                                                \
+    NTSTATUS Name##_SetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config)                    \
+    {                                                                                                \
+        PAGED_CODE();                                                                                \
+        return VcmSetConfig(DeviceContext, Config, &Record.Chip);                                    \
+    }
+
 EXTERN_C_START
 
 /* ---- Shared rules (vcm_table.cpp) ---- */
