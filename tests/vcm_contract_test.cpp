@@ -46,18 +46,14 @@ TEST_P(VcmContractTest, AMoveLandsTheLensOnTheCodeAndReadsBack)
 
 TEST_P(VcmContractTest, TheBusyStateClearsAfterASettleTimeThatGrowsWithTheDistance)
 {
-    ASSERT_EQ(row().SetPos(ctx, 100), STATUS_SUCCESS);
-    int64_t previous = 0;
+    EXPECT_LT(vcm->chip().settle_time(10), vcm->chip().settle_time(290));
     int from = 100;
+    ASSERT_EQ(row().SetPos(ctx, SHORT(from)), STATUS_SUCCESS);
     for (int to : {110, 400}) {
         sys.clock().advance(vcm->busy_until() - sys.clock().now() + 1);
         ASSERT_EQ(row().SetPos(ctx, SHORT(to)), STATUS_SUCCESS);
-        int64_t settle = vcm->busy_until() - vcm->trajectory().back().time;
-        EXPECT_EQ(settle, vcm->chip().settle_time(unsigned(to - from)));
-        EXPECT_GT(settle, previous);
-        previous = settle;
+        EXPECT_EQ(vcm->busy_until() - vcm->trajectory().back().time, vcm->chip().settle_time(unsigned(to - from)));
         from = to;
-
         // The chips with a busy flag say so through GetStatus: bit 0 of
         // their status register.
         for (uint8_t busy : {1, 0}) {
@@ -68,8 +64,8 @@ TEST_P(VcmContractTest, TheBusyStateClearsAfterASettleTimeThatGrowsWithTheDistan
                 ULONG status = 7;
                 ASSERT_EQ(row().GetStatus(ctx, &status), STATUS_SUCCESS);
                 EXPECT_EQ(status, busy);
-                Wire address = {*reg > 0xFF ? W({uint8_t(*reg >> 8), uint8_t(*reg)}) : W({uint8_t(*reg)})};
-                EXPECT_EQ(timeline(), address + Wire{R(busy)});
+                std::string address = *reg > 0xFF ? W({uint8_t(*reg >> 8), uint8_t(*reg)}) : W({uint8_t(*reg)});
+                EXPECT_EQ(timeline(), (Wire{address, R(busy)}));
                 EXPECT_EQ(numbers(marked(vcm->chip().name + "_GetStatus").at(0)), (std::vector<uint32_t>{busy, 0}));
             }
         }

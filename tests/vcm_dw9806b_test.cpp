@@ -37,7 +37,7 @@ protected:
     }
 };
 
-TEST_F(Dw9806bTest, WarmStartWalksTheLensUpToTheModulesLowPosition)
+TEST_F(Dw9806bTest, WarmStartWalksTheLensUpToTheModulesLowPositionOtherModulesGoStraightToRest)
 {
     const Wire init = {W({0x00}), R(0xD1), W({0x02, 0x01}), W({0x02, 0}), "delay 1 ms", W({0x02, 0x02}),
                        W({0x06, 0x61}), W({0x07, 0x3D})};
@@ -70,6 +70,14 @@ TEST_F(Dw9806bTest, WarmStartWalksTheLensUpToTheModulesLowPosition)
         EXPECT_EQ(ctx->VcmPosition, c.recorded);
         EXPECT_EQ(marked("DW9806B_WarmStart -").size(), 1u);
     }
+
+    // Any other module goes straight to rest.
+    ctx->VcmPosition = 500;
+    high = part->peek(0x03);
+    clear();
+    EXPECT_EQ(DW9806B_ResetPos(ctx), STATUS_SUCCESS);
+    EXPECT_EQ(timeline(), moves({1}));
+    EXPECT_EQ(ctx->VcmPosition, 0);
 }
 
 TEST_F(Dw9806bTest, ModuleRampsSlowDownNearTheLowPosition)
@@ -105,23 +113,6 @@ TEST_F(Dw9806bTest, ModuleRampsSlowDownNearTheLowPosition)
     wire = wire + moves(range(382, 254, -8), "delay 10 ms");
     EXPECT_EQ(timeline(), wire + moves({222, 190, 158, 126, 94, 62, 30, 1}));
     EXPECT_EQ(ctx->VcmPosition, 0);
-}
-
-TEST_F(Dw9806bTest, OtherModulesAndOutOfRangePositionsGoStraightToRest)
-{
-    for (auto [module, from] : {std::pair<const char*, SHORT>{"HAPS", 500}, {"", 100}, {"CM500RF05SW700", 2000},
-                                {"CM500RF05SW700", -40}}) {
-        SCOPED_TRACE(std::string(module) + " from " + std::to_string(from));
-        set_module(module);
-        ctx->VcmLowPosition = 300;
-        ctx->VcmHighPosition = 600;
-        ctx->VcmPosition = from;
-        clear();
-        high = part->peek(0x03);
-        EXPECT_EQ(DW9806B_ResetPos(ctx), STATUS_SUCCESS);
-        EXPECT_EQ(timeline(), moves({1}));
-        EXPECT_EQ(ctx->VcmPosition, 0);
-    }
 }
 
 }  // namespace

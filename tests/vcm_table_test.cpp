@@ -31,8 +31,6 @@ TEST_F(VcmTableTest, SetConfigAcceptsOnlyTheChipsCountAndRegisters)
          0, "incorrect count"},
         {"AD5823, second Reg 4 instead of 3", VCM_TYPE_AD5823, config({2, 1, 4, 0x60, 4, 4, 5, 0, 6, 0, 7, 0xA0}), 2,
          "incorrect reg - data"},
-        {"AD5823, all six", VCM_TYPE_AD5823, config({2, 0x21, 3, 0x22, 4, 0x23, 5, 0x24, 6, 0x25, 7, 0x26}), 6,
-         nullptr},
         {"DW9714, entry 4's Reg is free", VCM_TYPE_DW9714,
          config({0xEC, 0xA3, 0xA1, 0x0E, 0xF2, 0xC0, 0xDC, 0x51, 0x77, 0x0F}), 4, nullptr},
         {"DW9718, sixth Reg wrong", VCM_TYPE_DW9718, config({0, 0, 1, 0x39, 2, 0, 3, 0, 4, 0, 6, 0x62, 0x10, 1}), 6,
