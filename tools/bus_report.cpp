@@ -3,6 +3,8 @@
 
 #include "host/system.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -20,20 +22,6 @@ std::string hex_bytes(const uint8_t* data, size_t n)
     return out;
 }
 
-std::optional<host::BusSpeed> parse_bus_speed(const std::string& text)
-{
-    if (text == "100k") {
-        return host::BusSpeed::Standard;
-    }
-    if (text == "400k") {
-        return host::BusSpeed::Fast;
-    }
-    if (text == "1m") {
-        return host::BusSpeed::FastPlus;
-    }
-    return std::nullopt;
-}
-
 namespace {
 
 std::string milliseconds(int64_t units)
@@ -45,6 +33,31 @@ std::string milliseconds(int64_t units)
 }
 
 }  // namespace
+
+std::optional<host::BusSpeed> parse_bus_speed(const std::string& text)
+{
+    std::string t = text;
+    std::transform(t.begin(), t.end(), t.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    if (t == "100k") {
+        return host::BusSpeed::Standard;
+    }
+    if (t == "400k") {
+        return host::BusSpeed::Fast;
+    }
+    if (t == "1m") {
+        return host::BusSpeed::FastPlus;
+    }
+    return std::nullopt;
+}
+
+std::string bus_speed_text(host::BusSpeed speed)
+{
+    auto hz = static_cast<uint32_t>(speed);
+    if (hz == 0) {
+        return "instant";
+    }
+    return hz >= 1000000 ? std::to_string(hz / 1000000) + " MHz" : std::to_string(hz / 1000) + " kHz";
+}
 
 std::string transfer_line(const host::BusTransfer& t, int64_t origin)
 {

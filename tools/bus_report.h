@@ -19,8 +19,10 @@ std::string transfer_line(const host::BusTransfer& transfer, int64_t origin);
 std::vector<std::string> transcript_lines(const std::vector<host::BusTransfer>& transcript, int64_t origin);
 nlohmann::ordered_json transcript_json(const std::vector<host::BusTransfer>& transcript, int64_t origin);
 
-// --bus-speed: "100k", "400k" or "1m"; nothing for any other text.
+// --bus-speed: "100k", "400k" or "1m" (any case); nothing for anything else.
 std::optional<host::BusSpeed> parse_bus_speed(const std::string& text);
+// "400 kHz", "instant".
+std::string bus_speed_text(host::BusSpeed speed);
 
 // "03 80 1F", upper-case hex bytes separated by blanks.
 std::string hex_bytes(const uint8_t* data, size_t n);

@@ -9,6 +9,8 @@
 //   korvanel-sim --select 2:1920:1080:0 --trace --json
 //   korvanel-sim --real-time                       waits take real time
 //   korvanel-sim --nvm 10 --nvm-ops load,load --bus-speed 400k   a module memory
+//   korvanel-sim --vcm DW9719 --vcm-ops init,setpos:300,resetpos --svg lens.svg
+#include "actuator_cli.h"
 #include "bus_report.h"
 #include "memory_cli.h"
 #include "host/bus.h"
@@ -309,6 +311,8 @@ int main(int argc, char** argv)
     app.add_option("--bus-speed", bus_speed, "I2C clock for wire time: 100k, 400k or 1m (default: no wire time)");
     korvanel::tool::MemoryOptions memory;
     korvanel::tool::add_memory_options(app, memory);
+    korvanel::tool::ActuatorOptions actuator;
+    korvanel::tool::add_actuator_options(app, actuator);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -316,13 +320,6 @@ int main(int argc, char** argv)
         return 0;
     } catch (const CLI::ParseError& e) {
         std::cerr << "korvanel-sim: " << e.what() << "\n\n" << app.help();
-        return 2;
-    }
-
-    auto speed = korvanel::tool::parse_bus_speed(bus_speed);
-    auto memory_error = korvanel::tool::prepare_memory(memory);
-    if ((!bus_speed.empty() && !speed) || memory_error) {
-        std::cerr << "korvanel-sim: " << (memory_error ? *memory_error : "--bus-speed takes 100k, 400k or 1m") << "\n";
         return 2;
     }
 
@@ -344,12 +341,20 @@ int main(int argc, char** argv)
         }
     }
 
+    std::string error;
+    auto vcm_ops = korvanel::tool::check_actuator_options(actuator, error);
+    auto speed = bus_speed.empty() ? korvanel::host::BusSpeed::Instant : korvanel::tool::parse_bus_speed(bus_speed);
+    auto memory_error = korvanel::tool::prepare_memory(memory);
+    if (!speed || !vcm_ops || memory_error) {
+        std::cerr << "korvanel-sim: "
+                  << (!speed ? "--bus-speed takes 100k, 400k or 1m" : !vcm_ops ? error : *memory_error) << "\n";
+        return 2;
+    }
+
     System sys;
+    sys.bus().set_speed(*speed);
     if (real_time) {
         sys.clock().set_mode(korvanel::host::Clock::Mode::Real);
-    }
-    if (speed) {
-        sys.bus().set_speed(*speed);
     }
     for (auto& assignment : registry_values) {
         std::string name;
@@ -384,9 +389,14 @@ int main(int argc, char** argv)
         return 1;
     }
     ordered_json description = describe(si, select);
+    auto* context = static_cast<PDEVICE_CONTEXT>(dev.context());
     if (memory.requested()) {
-        auto* context = static_cast<_DEVICE_CONTEXT*>(dev.context());
         description["memory"] = korvanel::tool::run_memory_options(sys, context, memory);
+    }
+    if (!actuator.chip.empty() &&
+        !korvanel::tool::run_actuator_options(sys, context, actuator, *vcm_ops, description["actuator"], error)) {
+        std::cerr << "korvanel-sim: " << error << "\n";
+        return 1;
     }
     si.InterfaceHeader.InterfaceDereference(si.InterfaceHeader.Context);
 
@@ -400,8 +410,11 @@ int main(int argc, char** argv)
         std::cout << description.dump(2) << "\n";
     } else {
         print_text(description, hwid);
-        if (memory.requested()) {
+        if (description.contains("memory")) {
             korvanel::tool::print_memory(description["memory"]);
+        }
+        if (description.contains("actuator")) {
+            korvanel::tool::print_actuator(description["actuator"]);
         }
         if (show_trace) {
             printf("Trace:\n");

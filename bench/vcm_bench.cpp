@@ -1,0 +1,106 @@
+// What the actuator sequences cost on a 400 kHz bus: per chip, the virtual
+// time of Init and of a ResetPos from the top of the chip's range, beside
+// the time its bus sequence needs (each transfer's wire time from its
+// length, plus every recorded pause). The two must agree: the driver adds no
+// waits of its own and loses none. The benchmark's own time is the wall time
+// the simulation took for the sequence.
+//
+// DW9806B ramps as in a CM500RF05SW700 module (low 300, high 600), the other
+// chips have no module-dependent ramp; DW9719 ramps to a low position of 0.
+// Run by hand: the wall times depend on the machine.
+#include <benchmark/benchmark.h>
+
+#include "host/bus.h"
+#include "host/system.h"
+#include "sensor/device_context.h"
+#include "sim/actuator.h"
+#include "vcm/vcm.h"
+
+#include <cstdio>
+#include <memory>
+
+namespace {
+
+using korvanel::host::Bus;
+using korvanel::host::BusSpeed;
+using korvanel::host::Clock;
+using korvanel::host::System;
+
+constexpr uint64_t kConnection = 0x1C;
+
+// The wire time of every transfer and every pause, 100 ns units.
+int64_t bus_and_pauses(System& sys)
+{
+    int64_t total = 0;
+    for (auto& t : sys.bus().transcript()) {
+        total += Bus::wire_time(sys.bus().speed(), t.length);
+    }
+    for (auto& d : sys.clock().delays()) {
+        total += d.kind == Clock::Delay::Kind::Stall ? d.amount * 10 : -d.amount;
+    }
+    return total;
+}
+
+void BM_Actuator(benchmark::State& state, const korvanel::sim::ActuatorChip* chip, bool reset)
+{
+    System sys;
+    sys.load_driver();
+    auto* ctx = static_cast<PDEVICE_CONTEXT>(sys.add_device().context());
+    sys.bus().attach(kConnection, std::make_shared<korvanel::sim::ActuatorModel>(*chip));
+    sys.bus().set_speed(BusSpeed::Fast);
+    ctx->I2cConnections[I2C_SLOT_VCM].ConnectionId = kConnection;
+    ctx->I2cConnections[I2C_SLOT_VCM].Present = 1;
+    ctx->VcmType = LONG(chip->vcm_type);
+    if (chip->name == "DW9806B") {
+        snprintf(ctx->SensorName, sizeof ctx->SensorName, "CM500RF05SW700");
+        ctx->VcmLowPosition = 300;
+        ctx->VcmHighPosition = 600;
+    }
+    const VCM_DRIVER& row = VcmDrivers[ctx->VcmType];
+    row.Init(ctx);  // the connection is open from here on, as on a running device
+
+    int64_t virtual_time = 0;
+    int64_t needed = 0;
+    size_t transfers = 0;
+    bool agree = true;
+    for (auto _ : state) {
+        state.PauseTiming();
+        ctx->VcmPosition = SHORT(chip->max_code);
+        sys.bus().clear_transcript();
+        sys.clock().clear_delays();
+        int64_t start = sys.clock().now();
+        state.ResumeTiming();
+
+        NTSTATUS status = reset ? row.ResetPos(ctx) : row.Init(ctx);
+
+        state.PauseTiming();
+        virtual_time = sys.clock().now() - start;
+        needed = bus_and_pauses(sys);
+        transfers = sys.bus().transcript().size();
+        agree = agree && virtual_time == needed && NT_SUCCESS(status);
+        state.ResumeTiming();
+    }
+    state.counters["virtual_ms"] = double(virtual_time) / 10000.0;
+    state.counters["wire_plus_pauses_ms"] = double(needed) / 10000.0;
+    state.counters["agree"] = agree ? 1 : 0;
+    state.counters["transfers"] = double(transfers);
+    sys.unload_driver();
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    for (auto& chip : korvanel::sim::actuator_chips()) {
+        benchmark::RegisterBenchmark((chip.name + "/Init").c_str(), BM_Actuator, &chip, false)
+            ->Unit(benchmark::kMicrosecond)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark((chip.name + "/ResetPosFromTop").c_str(), BM_Actuator, &chip, true)
+            ->Unit(benchmark::kMicrosecond)
+            ->UseRealTime();
+    }
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,119 @@
+// DW9806B in its camera modules: the warm start after Init and the reset
+// ramps of START2REAR and CM500RF05SW700, step by step with their pauses;
+// any other module goes straight to rest.
+#include "vcm_fixture.h"
+
+namespace korvanel::test {
+namespace {
+
+class Dw9806bTest : public VcmTest {
+protected:
+    int high = 0;  // register 0x03 as the part holds it
+
+    void SetUp() override
+    {
+        VcmTest::SetUp();
+        select("DW9806B");
+    }
+
+    // Each position, with the pause that goes with it before or after.
+    Wire moves(std::vector<int> codes, const std::string& before = "", const std::string& after = "")
+    {
+        Wire wire;
+        for (int code : codes) {
+            wire = wire + (before.empty() ? Wire{} : Wire{before}) + position_wire("DW9806B", code, high) +
+                   (after.empty() ? Wire{} : Wire{after});
+        }
+        return wire;
+    }
+
+    static std::vector<int> range(int from, int to, int step)
+    {
+        std::vector<int> out;
+        for (int p = from; step > 0 ? p <= to : p >= to; p += step) {
+            out.push_back(p);
+        }
+        return out;
+    }
+};
+
+TEST_F(Dw9806bTest, WarmStartWalksTheLensUpToTheModulesLowPositionOtherModulesGoStraightToRest)
+{
+    const Wire init = {W({0x00}), R(0xD1), W({0x02, 0x01}), W({0x02, 0}), "delay 1 ms", W({0x02, 0x02}),
+                       W({0x06, 0x61}), W({0x07, 0x3D})};
+    const Wire ring_off = {W({0x02, 0x00})}, ring_on = {W({0x02, 0x02})};
+    const struct {
+        const char* module;
+        USHORT low;
+        std::vector<int> steps;  // the first is what Init records
+        bool ring_control;       // the walk runs with register 0x02 at 0x00, then 0x02
+        const char* pause;       // after every step
+        SHORT recorded;
+    } cases[] = {
+        {"START2REAR", 500, range(300, 500, 8), true, "", 500},
+        {"START2REAR", 100, {}, true, "", 112},  // Init records 120, above L: no step, 8 below is recorded
+        {"start2rear", 320, range(120, 320, 8), true, "", 320},
+        {"CM500RF05SW700", 500, {450, 482, 514, 546}, false, "delay 10 ms", 546},
+        {"HAPS", 500, {}, false, "", 0},
+    };
+    for (auto& c : cases) {
+        SCOPED_TRACE(std::string(c.module) + " low " + std::to_string(c.low));
+        select("DW9806B");
+        high = 0;
+        set_module(c.module);
+        ctx->VcmLowPosition = c.low;
+        ctx->VcmPosition = 0;
+        clear();
+        EXPECT_EQ(DW9806B_Init(ctx), STATUS_SUCCESS);
+        Wire walk = moves(c.steps, "", c.pause);
+        EXPECT_EQ(timeline(), c.ring_control ? init + ring_off + walk + ring_on : init + walk);
+        EXPECT_EQ(ctx->VcmPosition, c.recorded);
+        EXPECT_EQ(marked("DW9806B_WarmStart -").size(), 1u);
+    }
+
+    // Any other module goes straight to rest.
+    ctx->VcmPosition = 500;
+    high = part->peek(0x03);
+    clear();
+    EXPECT_EQ(DW9806B_ResetPos(ctx), STATUS_SUCCESS);
+    EXPECT_EQ(timeline(), moves({1}));
+    EXPECT_EQ(ctx->VcmPosition, 0);
+}
+
+TEST_F(Dw9806bTest, ModuleRampsSlowDownNearTheLowPosition)
+{
+    // START2REAR from above its high position: down to it first, then with
+    // the ring control off 8-code steps to the low position, 2-code steps to
+    // 120, 32-code steps below, no pauses; rest is code 1.
+    set_module("START2REAR");
+    ctx->VcmLowPosition = 400;
+    ctx->VcmHighPosition = 600;
+    ctx->VcmPosition = 700;
+    EXPECT_EQ(DW9806B_ResetPos(ctx), STATUS_SUCCESS);
+    Wire wire = moves({600}, "", "delay 10 ms") + Wire{W({0x02, 0x00})};
+    wire = wire + moves(range(592, 400, -8));
+    wire = wire + moves(range(398, 120, -2));
+    EXPECT_EQ(timeline(), wire + moves({88, 56, 24, 1}));
+    // Rest is recorded as 0 with no distance: settled as soon as any time passed.
+    EXPECT_EQ(ctx->VcmPosition, 0);
+    EXPECT_EQ(ctx->VcmLastMoveDistance, 0);
+    sys.clock().advance(1);
+    ULONG settled = 0;
+    EXPECT_EQ(DW9806B_GetHPStatus(ctx, &settled), STATUS_SUCCESS);
+    EXPECT_EQ(settled, 1u);
+
+    // CM500RF05SW700: 1 ms before each step down to L + 90, 10 ms before each
+    // 8-code step down past L - 45, no pause below.
+    set_module("CM500RF05SW700");
+    ctx->VcmLowPosition = 300;
+    ctx->VcmPosition = 500;
+    clear();
+    EXPECT_EQ(DW9806B_ResetPos(ctx), STATUS_SUCCESS);
+    wire = moves({468, 436, 404, 390}, "delay 1 ms");
+    wire = wire + moves(range(382, 254, -8), "delay 10 ms");
+    EXPECT_EQ(timeline(), wire + moves({222, 190, 158, 126, 94, 62, 30, 1}));
+    EXPECT_EQ(ctx->VcmPosition, 0);
+}
+
+}  // namespace
+}  // namespace korvanel::test

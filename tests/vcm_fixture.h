@@ -1,0 +1,187 @@
+// vcm_fixture.h - a device with a lens actuator on connection slot 1, as a
+// platform that selects one would set it up, and ways to read what happened:
+// the bus and the pauses as one timeline ("W 04 F6", "R F4", "delay 1 ms"),
+// and trace events by marker text. The driver-global settings tables are
+// restored after every test.
+#pragma once
+
+#include "bench.h"
+
+#include "host/bus.h"
+#include "sim/actuator.h"
+#include "vcm/vcm.h"
+
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace korvanel::test {
+
+using Wire = std::vector<std::string>;
+
+inline std::string wire_line(char direction, const std::vector<uint8_t>& bytes)
+{
+    std::string s(1, direction);
+    char b[4];
+    for (uint8_t byte : bytes) {
+        snprintf(b, sizeof b, " %02X", byte);
+        s += b;
+    }
+    return s;
+}
+inline std::string wire_text(const host::BusTransfer& t)
+{
+    return wire_line(t.direction == host::Direction::Write ? 'W' : 'R', t.bytes);
+}
+inline std::string W(std::vector<uint8_t> bytes) { return wire_line('W', bytes); }
+inline std::string R(uint8_t byte) { return wire_line('R', {byte}); }
+// "W 04|R F0|delay 1 ms": a timeline written as text.
+inline Wire wire(const std::string& text)
+{
+    Wire out;
+    for (size_t start = 0, bar; start <= text.size(); start = bar + 1) {
+        bar = std::min(text.find('|', start), text.size());
+        out.push_back(text.substr(start, bar - start));
+    }
+    return out;
+}
+inline Wire operator+(Wire a, const Wire& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// What the part needs to see for one position, per chip; `high` is what the
+// code-MSB register holds before (the merging chips read it back).
+inline Wire merged(uint8_t high_reg, uint8_t low_reg, int code, int& high)
+{
+    int before = high;
+    high = (before & ~3) | (code >> 8);
+    return {W({high_reg}), R(uint8_t(before)), W({high_reg, uint8_t(high)}), W({low_reg, uint8_t(code)})};
+}
+inline Wire position_wire(const std::string& chip, int code, int& high)
+{
+    uint8_t h = uint8_t(code >> 8), l = uint8_t(code);
+    if (chip == "AD5823") {
+        return merged(0x04, 0x05, code, high);
+    }
+    if (chip == "DW9719" || chip == "DW9806B") {
+        return merged(0x03, 0x04, code, high);
+    }
+    if (chip == "DW9714") {
+        return {W({uint8_t(code >> 4), uint8_t(code << 4)})};
+    }
+    if (chip == "LC898122XA") {
+        return {W({0x03, 0x80, uint8_t(code >> 3)}), W({0x03, 0x81, uint8_t((code & 7) << 5)})};
+    }
+    uint8_t high_reg = chip == "AD5816" ? 0x03 : chip == "DW9718" ? 0x02 : 0x41;
+    return {W({high_reg, h}), W({uint8_t(high_reg + 1), l})};
+}
+
+class VcmTest : public DriverTest {
+protected:
+    static constexpr uint64_t kConnection = 0x1C;
+    PDEVICE_CONTEXT ctx = nullptr;
+    std::shared_ptr<sim::ActuatorModel> part;
+
+    static std::vector<std::pair<VCM_REG_DATA*, size_t>> settings()
+    {
+        return {{AD5823_Settings, AD5823_SETTINGS_COUNT}, {DW9714_Settings, DW9714_SETTINGS_COUNT},
+                {AD5816_Settings, AD5816_SETTINGS_COUNT}, {DW9719_Settings, DW9719_SETTINGS_COUNT},
+                {DW9718_Settings, DW9718_SETTINGS_COUNT}, {DW9806B_Settings, DW9806B_SETTINGS_COUNT},
+                {WV517S_Settings, WV517S_SETTINGS_COUNT}, {LC898122XA_Settings, LC898122XA_SETTINGS_COUNT}};
+    }
+    std::vector<std::vector<VCM_REG_DATA>> saved_;
+
+    void SetUp() override
+    {
+        DriverTest::SetUp();
+        for (auto [table, count] : settings()) {
+            saved_.emplace_back(table, table + count);
+        }
+        ctx = add();
+        sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+    }
+
+    void TearDown() override
+    {
+        for (size_t i = 0; i < saved_.size(); i++) {
+            std::copy(saved_[i].begin(), saved_[i].end(), settings()[i].first);
+        }
+        DriverTest::TearDown();
+    }
+
+    // What a platform that selects an actuator sets, and the part on the bus.
+    sim::ActuatorModel& select(const std::string& chip, PDEVICE_CONTEXT device = nullptr,
+                               uint64_t connection = kConnection)
+    {
+        device = device ? device : ctx;
+        part = std::make_shared<sim::ActuatorModel>(sim::actuator_chip(chip));
+        sys.bus().attach(connection, part);
+        device->VcmType = LONG(part->chip().vcm_type);
+        device->I2cConnections[I2C_SLOT_VCM].ConnectionId = connection;
+        device->I2cConnections[I2C_SLOT_VCM].Present = 1;
+        return *part;
+    }
+
+    const VCM_DRIVER& row() { return VcmDrivers[ctx->VcmType]; }
+    void set_module(const char* name) { snprintf(ctx->SensorName, sizeof ctx->SensorName, "%s", name); }
+    bool lock_free(PDEVICE_CONTEXT device = nullptr) { return KeReadStateEvent(&(device ? device : ctx)->BusLock); }
+
+    void clear()
+    {
+        sys.bus().clear_transcript();
+        sys.clock().clear_delays();
+        sys.traces().clear();
+    }
+
+    // Transfers in order, each preceded by the pauses since the one before
+    // as one "delay N ms" (processor stalls and sleeps alike).
+    Wire timeline()
+    {
+        auto delays = sys.clock().delays();
+        Wire out;
+        size_t d = 0;
+        auto pauses_before = [&](int64_t time) {
+            int64_t units = 0;
+            for (; d < delays.size() && delays[d].at < time; d++) {
+                units += delays[d].kind == host::Clock::Delay::Kind::Stall ? delays[d].amount * 10 : -delays[d].amount;
+            }
+            if (units > 0) {
+                out.push_back("delay " + std::to_string(units / 10000) + " ms");
+            }
+        };
+        for (auto& t : sys.bus().transcript()) {
+            pauses_before(t.time);
+            out.push_back(wire_text(t));
+        }
+        pauses_before(INT64_MAX);
+        return out;
+    }
+
+    // Trace events whose marker text (the argument after the chip name) is
+    // `marker`, and the numbers an event carries after its two texts.
+    std::vector<host::Traces::Event> marked(const std::string& marker)
+    {
+        std::vector<host::Traces::Event> out;
+        for (auto& e : sys.traces().events()) {
+            if (host::Traces::text(e, 2) == marker) {
+                out.push_back(e);
+            }
+        }
+        return out;
+    }
+    static std::vector<uint32_t> numbers(const host::Traces::Event& e)
+    {
+        std::vector<uint32_t> out;
+        for (size_t i = 3; i < e.args.size(); i++) {
+            out.push_back(host::Traces::u32(e, i));
+        }
+        return out;
+    }
+};
+
+}  // namespace korvanel::test

@@ -1,0 +1,144 @@
+// The rules every chip follows: SetConfig checks on the shared settings
+// tables, the bus lock when its wait fails, null pointers, and the chip name
+// every event carries.
+#include "vcm_fixture.h"
+
+namespace korvanel::test {
+namespace {
+
+class VcmTableTest : public VcmTest {};
+
+// A SetConfig array: the count, then the pairs.
+std::vector<ULONG> config(std::vector<ULONG> pairs)
+{
+    pairs.insert(pairs.begin(), ULONG(pairs.size() / 2));
+    return pairs;
+}
+
+TEST_F(VcmTableTest, SetConfigAcceptsOnlyTheChipsCountAndRegisters)
+{
+    select("DW9806B");
+    const struct {
+        const char* what;
+        int row;
+        std::vector<ULONG> config;
+        size_t checked;      // "reg - data" events
+        const char* reject;  // "incorrect count" or "incorrect reg - data"; none: applied
+    } cases[] = {
+        {"DW9806B, its last Reg is not compared", VCM_TYPE_DW9806B,
+         config({2, 0x11, 2, 0x12, 0xFF, 5, 2, 0x13, 6, 0x14, 0x99, 0x15}), 5, nullptr},
+        {"DW9806B, one pair too many", VCM_TYPE_DW9806B, config({2, 1, 2, 0, 0xFF, 1, 2, 2, 6, 0x61, 7, 0x3D, 8, 0}),
+         0, "incorrect count"},
+        {"AD5823, second Reg 4 instead of 3", VCM_TYPE_AD5823, config({2, 1, 4, 0x60, 4, 4, 5, 0, 6, 0, 7, 0xA0}), 2,
+         "incorrect reg - data"},
+        {"DW9714, entry 4's Reg is free", VCM_TYPE_DW9714,
+         config({0xEC, 0xA3, 0xA1, 0x0E, 0xF2, 0xC0, 0xDC, 0x51, 0x77, 0x0F}), 4, nullptr},
+        {"DW9718, sixth Reg wrong", VCM_TYPE_DW9718, config({0, 0, 1, 0x39, 2, 0, 3, 0, 4, 0, 6, 0x62, 0x10, 1}), 6,
+         "incorrect reg - data"},
+        {"LC898122XA, 37 pairs", VCM_TYPE_LC898122XA, config(std::vector<ULONG>(37 * 2, 0x25)), 0, "incorrect count"},
+    };
+    for (auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto [table, count] = settings()[size_t(c.row - 1)];
+        std::vector<VCM_REG_DATA> before(table, table + count);
+        clear();
+        EXPECT_EQ(VcmDrivers[c.row].SetConfig(ctx, c.config.data()), STATUS_SUCCESS);
+        for (size_t i = 0; i < count; i++) {
+            EXPECT_EQ(table[i].Reg, before[i].Reg) << "registers never change";
+            EXPECT_EQ(table[i].Data, c.reject ? before[i].Data : c.config[2 + 2 * i]) << i;
+        }
+        EXPECT_EQ(marked("reg - data").size(), c.checked);
+        if (c.reject) {
+            ASSERT_EQ(marked(c.reject).size(), 1u);
+            EXPECT_EQ(numbers(marked(c.reject)[0])[0], c.config[c.checked ? 2 * c.checked - 1 : 0]);
+        }
+        std::string name = VcmDrivers[c.row].Name;
+        EXPECT_EQ(marked(name + "_SetConfig +").size(), 1u);
+        ASSERT_EQ(marked(name + "_SetConfig -").size(), 1u);
+        // The events name the device's chip, whichever routine ran.
+        EXPECT_EQ(host::Traces::text(marked(name + "_SetConfig -")[0], 1), "DW9806B");
+    }
+
+    clear();
+    EXPECT_EQ(DW9719_SetConfig(ctx, nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(marked("DW9719_SetConfig -").size(), 1u);
+}
+
+TEST_F(VcmTableTest, SetConfigOnOneDeviceChangesWhatInitProgramsOnAnother)
+{
+    PDEVICE_CONTEXT other = add();
+    select("DW9718", ctx, 0x10);
+    select("DW9718", other, 0x11);
+    ASSERT_EQ(DW9718_SetConfig(ctx, config({0, 0x01, 1, 0x3A, 2, 0, 3, 0, 4, 0, 5, 0x65, 0x10, 0x02}).data()),
+              STATUS_SUCCESS);
+    clear();
+    ASSERT_EQ(DW9718_Init(other), STATUS_SUCCESS);
+    EXPECT_EQ(timeline(), (Wire{W({0x00, 0x01}), W({0x01, 0x3A}), W({0x02, 0}), W({0x03, 0}), W({0x04, 0}),
+                                W({0x05, 0x65}), W({0x10, 0x02})}));
+    EXPECT_EQ(sys.bus().transcript().at(0).connection, 0x11u);
+}
+
+TEST_F(VcmTableTest, AFailedLockWaitEndsTheOperationWithoutTouchingTheBusOrTheLock)
+{
+    // A failure, and a success code that is not STATUS_SUCCESS: neither is the lock.
+    for (NTSTATUS wait : {STATUS_UNSUCCESSFUL, STATUS_TIMEOUT}) {
+        for (auto& chip : sim::actuator_chips()) {
+            SCOPED_TRACE(chip.name + " " + host::status_name(wait));
+            select(chip.name);
+            ctx->VcmPosition = 33;
+            KeClearEvent(&ctx->BusLock);  // whoever failed to get the lock must not release it
+            clear();
+            USHORT position = 0x1234;
+            ULONG status = 0x5678;
+            sys.faults().fail("KeWaitForSingleObject", wait, 0, 0);
+            std::vector<std::pair<std::string, NTSTATUS>> calls = {{"_SetPos", row().SetPos(ctx, 100)},
+                                                                   {"_GetPos", row().GetPos(ctx, &position)}};
+            if (chip.busy_reg) {  // GetStatus asks the chip, under the lock
+                calls.emplace_back("_GetStatus", row().GetStatus(ctx, &status));
+            }
+            sys.faults().clear();
+            for (auto& [routine, result] : calls) {
+                EXPECT_EQ(result, wait) << routine;
+                auto events = marked(chip.name + routine + " KeWaitForSingleObject fail");
+                ASSERT_EQ(events.size(), 1u) << routine;
+                EXPECT_EQ(numbers(events[0]), std::vector<uint32_t>{uint32_t(wait)});
+                EXPECT_TRUE(marked(chip.name + routine).empty()) << "no exit event";
+            }
+            EXPECT_TRUE(timeline().empty());
+            EXPECT_FALSE(lock_free());
+            EXPECT_EQ(ctx->VcmPosition, 33);
+            EXPECT_EQ(position, 0x1234);
+            EXPECT_EQ(status, 0x5678u);
+            KeSetEvent(&ctx->BusLock, 0, FALSE);
+        }
+    }
+}
+
+TEST_F(VcmTableTest, NullPointersAndTheChipNameOfEvents)
+{
+    select("DW9714");
+    for (ULONG i = 1; i < VCM_TYPE_COUNT; i++) {
+        const VCM_DRIVER& r = VcmDrivers[i];
+        SCOPED_TRACE(r.Name);
+        ULONG flag = 0, empty[] = {0};
+        USHORT position = 0;
+        for (NTSTATUS status : {r.Init(nullptr), r.ResetPos(nullptr), r.SetPos(nullptr, 1), r.SetConfig(nullptr, empty),
+                                r.GetPos(nullptr, &position), r.GetPos(ctx, nullptr), r.GetStatus(nullptr, &flag),
+                                r.GetStatus(ctx, nullptr), r.GetHPStatus(nullptr, &flag), r.GetHPStatus(ctx, nullptr)}) {
+            EXPECT_EQ(status, STATUS_INVALID_PARAMETER);
+        }
+    }
+    EXPECT_EQ(DW9806B_WarmStart(nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(timeline().empty());
+    EXPECT_TRUE(sys.traces().events().empty());
+    EXPECT_TRUE(lock_free());
+
+    // A DW9714 routine on a device without an actuator traces "NoneVCM".
+    ctx->VcmType = 0;
+    ASSERT_EQ(DW9714_SetPos(ctx, 5), STATUS_SUCCESS);
+    EXPECT_EQ(host::Traces::text(marked("DW9714_SetPos").at(0), 1), "NoneVCM");
+    EXPECT_EQ(host::Traces::text(marked("VcmWriteWord").at(0), 1), "NoneVCM");
+}
+
+}  // namespace
+}  // namespace korvanel::test

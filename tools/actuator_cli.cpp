@@ -1,0 +1,362 @@
+// actuator_cli.cpp - korvanel-sim's lens-actuator options, the operation
+// runner, and its text, JSON and SVG output.
+#include "actuator_cli.h"
+
+#include "bus_report.h"
+#include "host/bus.h"
+#include "sim/actuator.h"
+#include "vcm/vcm.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+namespace korvanel::tool {
+
+using nlohmann::ordered_json;
+
+namespace {
+
+bool parse_number(const std::string& text, long long low, long long high, long long& value)
+{
+    if (text.empty()) {
+        return false;
+    }
+    try {
+        size_t used = 0;
+        value = std::stoll(text, &used, 0);
+        return used == text.size() && value >= low && value <= high;
+    } catch (...) {
+        return false;
+    }
+}
+
+std::vector<std::string> split(const std::string& text, char separator)
+{
+    std::vector<std::string> parts;
+    std::stringstream ss(text);
+    std::string part;
+    while (std::getline(ss, part, separator)) {
+        parts.push_back(part);
+    }
+    if (!text.empty() && text.back() == separator) {
+        parts.emplace_back();
+    }
+    return parts;
+}
+
+std::string known_chips()
+{
+    std::string names;
+    for (auto& chip : sim::actuator_chips()) {
+        names += (names.empty() ? "" : ", ") + chip.name;
+    }
+    return names;
+}
+
+double ms(int64_t units) { return double(units) / 10000.0; }
+
+}  // namespace
+
+std::optional<std::vector<ActuatorOp>> parse_actuator_ops(const std::string& list, std::string& error)
+{
+    static const struct {
+        const char* name;
+        ActuatorOp::Kind kind;
+        const char* argument;  // what the argument is, or none
+    } names[] = {
+        {"init", ActuatorOp::Kind::Init, nullptr},         {"setpos", ActuatorOp::Kind::SetPos, "a position"},
+        {"getpos", ActuatorOp::Kind::GetPos, nullptr},     {"status", ActuatorOp::Kind::Status, nullptr},
+        {"hpstatus", ActuatorOp::Kind::HpStatus, nullptr}, {"setconfig", ActuatorOp::Kind::SetConfig, "values"},
+        {"resetpos", ActuatorOp::Kind::ResetPos, nullptr}, {"advance", ActuatorOp::Kind::Advance, "milliseconds"},
+    };
+    std::vector<ActuatorOp> ops;
+    for (auto& token : split(list, ',')) {
+        auto fields = split(token, ':');
+        auto* known = std::find_if(std::begin(names), std::end(names),
+                                   [&](auto& n) { return !fields.empty() && fields[0] == n.name; });
+        if (token.empty()) {
+            error = "--vcm-ops: an empty operation in '" + list + "'";
+            return std::nullopt;
+        }
+        if (known == std::end(names)) {
+            error = "--vcm-ops: unknown operation '" + token +
+                    "' (init, setpos:N, getpos, status, hpstatus, setconfig:COUNT:REG:DATA:..., resetpos, advance:MS)";
+            return std::nullopt;
+        }
+        ActuatorOp op{known->kind, 0, {}, token};
+        size_t arguments = fields.size() - 1;
+        if ((known->argument == nullptr) != (arguments == 0)) {
+            error = "--vcm-ops: '" + token + "' " +
+                    (known->argument ? std::string("needs ") + known->argument + ", as " + known->name + ":300"
+                                     : std::string("takes no argument"));
+            return std::nullopt;
+        }
+        long long v = 0;
+        switch (op.kind) {
+        case ActuatorOp::Kind::SetPos:
+        case ActuatorOp::Kind::Advance: {
+            bool position = op.kind == ActuatorOp::Kind::SetPos;
+            if (arguments != 1 || !parse_number(fields[1], position ? -32768 : 0, position ? 65535 : 3600000, v)) {
+                error = "--vcm-ops: '" + token + "' takes one " +
+                        (position ? "16-bit position (-32768 to 65535)" : "count of milliseconds");
+                return std::nullopt;
+            }
+            op.value = long(v);
+            break;
+        }
+        case ActuatorOp::Kind::SetConfig:
+            for (size_t i = 1; i < fields.size(); i++) {
+                if (!parse_number(fields[i], 0, 0xFFFFFFFFll, v)) {
+                    error = "--vcm-ops: '" + token + "': '" + fields[i] + "' is not a 32-bit number";
+                    return std::nullopt;
+                }
+                op.config.push_back(ULONG(v));
+            }
+            // The driver reads as many pairs as the count says.
+            if (op.config.size() != 1 + 2 * size_t(op.config[0])) {
+                error = "--vcm-ops: '" + token + "' gives a count of " + std::to_string(op.config[0]) +
+                        ", which needs " + std::to_string(2 * size_t(op.config[0])) + " values after it, not " +
+                        std::to_string(op.config.size() - 1);
+                return std::nullopt;
+            }
+            break;
+        default:
+            break;
+        }
+        ops.push_back(std::move(op));
+    }
+    return ops;
+}
+
+void add_actuator_options(CLI::App& app, ActuatorOptions& options)
+{
+    app.add_option("--vcm", options.chip, "attach a lens actuator: " + known_chips() + ", or its table row 1-8");
+    app.add_option("--vcm-connection", options.connection, "its resource-hub connection id (default 0x1C)");
+    app.add_option("--vcm-low", options.low, "VcmLowPosition of the module")->check(CLI::Range(0, 65535));
+    app.add_option("--vcm-high", options.high, "VcmHighPosition of the module")->check(CLI::Range(0, 65535));
+    app.add_option("--module", options.module, "module name put into SensorName (DW9806B ramps by it)");
+    app.add_option("--vcm-ops", options.ops,
+                   "actuator operations, in order: init,setpos:N,getpos,status,hpstatus,setconfig:COUNT:REG:DATA:...,"
+                   "resetpos,advance:MS")
+        ->each([&options](const std::string&) { options.ops_given = true; });
+    app.add_option("--svg", options.svg, "write the lens trajectory as an SVG chart to this file");
+}
+
+std::optional<std::vector<ActuatorOp>> check_actuator_options(const ActuatorOptions& options, std::string& error)
+{
+    if (options.chip.empty()) {
+        if (options.ops_given || !options.svg.empty()) {
+            error = "no actuator is connected: --vcm CHIP attaches one (on --vcm-connection)";
+            return std::nullopt;
+        }
+        return std::vector<ActuatorOp>{};
+    }
+    if (sim::find_actuator_chip(options.chip) == nullptr) {
+        error = "unknown actuator chip '" + options.chip + "' (" + known_chips() + ", or 1-8)";
+        return std::nullopt;
+    }
+    return parse_actuator_ops(options.ops, error);
+}
+
+void attach_actuator(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOptions& options)
+{
+    auto& chip = sim::actuator_chip(options.chip);
+    sys.bus().attach(options.connection, std::make_shared<sim::ActuatorModel>(chip));
+    context->I2cConnections[I2C_SLOT_VCM].ConnectionId = options.connection;
+    context->I2cConnections[I2C_SLOT_VCM].Present = 1;
+    context->VcmType = LONG(chip.vcm_type);
+    context->VcmLowPosition = USHORT(options.low);
+    context->VcmHighPosition = USHORT(options.high);
+    if (options.module) {
+        snprintf(context->SensorName, sizeof context->SensorName, "%s", options.module->c_str());
+    }
+}
+
+ordered_json run_actuator(host::System& sys, PDEVICE_CONTEXT context, const std::vector<ActuatorOp>& ops)
+{
+    ordered_json out;
+    if (context == nullptr || ULONG(context->VcmType) >= VCM_TYPE_COUNT || context->VcmType == 0) {
+        out["error"] = "the device has no actuator selected";
+        return out;
+    }
+    const VCM_DRIVER& row = VcmDrivers[context->VcmType];
+    const I2C_CONNECTION& slot = context->I2cConnections[I2C_SLOT_VCM];
+    auto model = std::dynamic_pointer_cast<sim::ActuatorModel>(sys.bus().peripheral(slot.ConnectionId));
+
+    int64_t origin = sys.clock().now();
+    uint64_t first = sys.bus().transfer_count();
+    out["chip"] = row.Name;
+    out["row"] = context->VcmType;
+    out["connection"] = slot.ConnectionId;
+    out["low"] = context->VcmLowPosition;
+    out["high"] = context->VcmHighPosition;
+    out["module"] = std::string(context->SensorName, strnlen(context->SensorName, sizeof context->SensorName));
+    out["bus_speed"] = bus_speed_text(sys.bus().speed());
+    out["max_code"] = model ? model->chip().max_code : 1023;
+
+    ordered_json results = ordered_json::array();
+    for (auto& op : ops) {
+        ordered_json r = {{"op", op.text}, {"time_ms", ms(sys.clock().now() - origin)}};
+        NTSTATUS status = STATUS_SUCCESS;
+        USHORT position = 0;
+        ULONG flag = 0;
+        switch (op.kind) {
+        case ActuatorOp::Kind::Init:
+            status = row.Init(context);
+            break;
+        case ActuatorOp::Kind::SetPos:
+            status = row.SetPos(context, SHORT(op.value));
+            break;
+        case ActuatorOp::Kind::GetPos:
+            status = row.GetPos(context, &position);
+            r["position"] = position;
+            break;
+        case ActuatorOp::Kind::Status:
+            status = row.GetStatus(context, &flag);
+            r["moving"] = flag;
+            break;
+        case ActuatorOp::Kind::HpStatus:
+            status = row.GetHPStatus(context, &flag);
+            r["settled"] = flag;
+            break;
+        case ActuatorOp::Kind::SetConfig:
+            status = row.SetConfig(context, op.config.data());
+            break;
+        case ActuatorOp::Kind::ResetPos:
+            status = row.ResetPos(context);
+            break;
+        case ActuatorOp::Kind::Advance:
+            sys.clock().advance_ms(op.value);
+            break;
+        }
+        r["status"] = host::status_name(status);
+        r["recorded_position"] = context->VcmPosition;
+        results.push_back(std::move(r));
+    }
+    out["operations"] = results;
+
+    auto transcript = sys.bus().transcript();
+    transcript.erase(std::remove_if(transcript.begin(), transcript.end(),
+                                    [first](const host::BusTransfer& t) { return t.index < first; }),
+                     transcript.end());
+    out["transcript"] = transcript_json(transcript, origin);
+    out["transcript_lines"] = transcript_lines(transcript, origin);
+
+    ordered_json trajectory = ordered_json::array();
+    if (model) {
+        for (auto& p : model->trajectory()) {
+            trajectory.push_back({{"time_ms", ms(p.time - origin)}, {"code", p.code}});
+        }
+    }
+    out["trajectory"] = trajectory;
+    out["end_ms"] = ms(sys.clock().now() - origin);
+    return out;
+}
+
+bool run_actuator_options(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOptions& options,
+                          const std::vector<ActuatorOp>& ops, ordered_json& result, std::string& error)
+{
+    attach_actuator(sys, context, options);
+    result = run_actuator(sys, context, ops);
+    if (!options.svg.empty() && !(std::ofstream(options.svg) << trajectory_svg(result))) {
+        error = "cannot write " + options.svg;
+        return false;
+    }
+    return true;
+}
+
+void print_actuator(const ordered_json& a)
+{
+    if (a.contains("error")) {
+        printf("Actuator: %s\n", a["error"].get<std::string>().c_str());
+        return;
+    }
+    printf("Actuator %s (row %d) on connection 0x%" PRIx64 ", low %u, high %u, module \"%s\", bus %s\n",
+           a["chip"].get<std::string>().c_str(), a["row"].get<int>(), a["connection"].get<uint64_t>(),
+           a["low"].get<unsigned>(), a["high"].get<unsigned>(), a["module"].get<std::string>().c_str(),
+           a["bus_speed"].get<std::string>().c_str());
+    for (auto& r : a["operations"]) {
+        std::string extra;
+        for (const char* key : {"position", "moving", "settled"}) {
+            if (r.contains(key)) {
+                extra += std::string("  ") + key + " " + std::to_string(r[key].get<unsigned>());
+            }
+        }
+        printf("  %10.4f ms  %-24s %-22s recorded %d%s\n", r["time_ms"].get<double>(),
+               r["op"].get<std::string>().c_str(), r["status"].get<std::string>().c_str(),
+               r["recorded_position"].get<int>(), extra.c_str());
+    }
+    printf("Bus transcript (%zu transfers):\n", a["transcript_lines"].size());
+    for (auto& line : a["transcript_lines"]) {
+        printf("  %s\n", line.get<std::string>().c_str());
+    }
+    printf("Lens trajectory (%zu moves, run ends at %.4f ms):\n", a["trajectory"].size(),
+           a["end_ms"].get<double>());
+    for (auto& p : a["trajectory"]) {
+        printf("  %10.4f ms  code %u\n", p["time_ms"].get<double>(), p["code"].get<unsigned>());
+    }
+}
+
+std::string trajectory_svg(const ordered_json& a)
+{
+    const double width = 720, height = 400, left = 70, right = 20, top = 40, bottom = 50;
+    double t_end = std::max(1.0, a.value("end_ms", 1.0));
+    double c_max = a.value("max_code", 1023);
+    auto x = [&](double t) { return left + (width - left - right) * t / t_end; };
+    auto y = [&](double c) { return height - bottom - (height - top - bottom) * c / c_max; };
+
+    std::ostringstream svg;
+    svg << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\"" << height
+        << "\" viewBox=\"0 0 " << width << " " << height << "\" font-family=\"sans-serif\" font-size=\"12\">\n";
+    svg << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";
+    svg << "<text x=\"" << left << "\" y=\"24\" font-size=\"15\">" << a.value("chip", std::string("actuator"))
+        << " lens position (bus " << a.value("bus_speed", std::string("?")) << ")</text>\n";
+    // Axes with five ticks each.
+    svg << "<g stroke=\"#444\">\n<line x1=\"" << left << "\" y1=\"" << y(0) << "\" x2=\"" << width - right
+        << "\" y2=\"" << y(0) << "\"/>\n<line x1=\"" << left << "\" y1=\"" << y(0) << "\" x2=\"" << left
+        << "\" y2=\"" << top << "\"/>\n</g>\n";
+    for (int i = 0; i <= 5; i++) {
+        double t = t_end * i / 5, c = c_max * i / 5;
+        char label[32];
+        snprintf(label, sizeof label, "%.1f", t);
+        svg << "<line x1=\"" << x(t) << "\" y1=\"" << y(0) << "\" x2=\"" << x(t) << "\" y2=\"" << y(0) + 5
+            << "\" stroke=\"#444\"/><text x=\"" << x(t) << "\" y=\"" << y(0) + 18 << "\" text-anchor=\"middle\">"
+            << label << "</text>\n";
+        svg << "<line x1=\"" << left - 5 << "\" y1=\"" << y(c) << "\" x2=\"" << width - right << "\" y2=\"" << y(c)
+            << "\" stroke=\"#ddd\"/><text x=\"" << left - 8 << "\" y=\"" << y(c) + 4 << "\" text-anchor=\"end\">"
+            << std::lround(c) << "</text>\n";
+    }
+    svg << "<text x=\"" << (left + width - right) / 2 << "\" y=\"" << height - 12
+        << "\" text-anchor=\"middle\">time (ms)</text>\n";
+    svg << "<text transform=\"translate(16," << (top + height - bottom) / 2
+        << ") rotate(-90)\" text-anchor=\"middle\">code</text>\n";
+
+    // The lens holds each code until the next move: a step line, a dot per move.
+    std::ostringstream path;
+    auto& points = a["trajectory"];
+    for (size_t i = 0; i < points.size(); i++) {
+        double t = points[i]["time_ms"].get<double>(), c = points[i]["code"].get<double>();
+        if (i > 0) {
+            path << " " << x(t) << "," << y(points[i - 1]["code"].get<double>());
+        }
+        path << " " << x(t) << "," << y(c);
+    }
+    if (!points.empty()) {
+        path << " " << x(t_end) << "," << y(points.back()["code"].get<double>());
+        svg << "<polyline fill=\"none\" stroke=\"#1f77b4\" stroke-width=\"1.5\" points=\"" << path.str()
+            << "\"/>\n";
+    }
+    for (auto& p : points) {
+        svg << "<circle cx=\"" << x(p["time_ms"].get<double>()) << "\" cy=\"" << y(p["code"].get<double>())
+            << "\" r=\"2.5\" fill=\"#d62728\"><title>" << p["time_ms"].get<double>() << " ms: "
+            << p["code"].get<unsigned>() << "</title></circle>\n";
+    }
+    svg << "</svg>\n";
+    return svg.str();
+}
+
+}  // namespace korvanel::tool

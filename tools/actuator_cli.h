@@ -1,0 +1,72 @@
+// actuator_cli.h - korvanel-sim's lens-actuator work: attach an actuator
+// model on a connection, select it for the device as a platform would, run a
+// list of operations through the driver's table row, and report the decoded
+// bus transcript and the lens trajectory as text, JSON or an SVG chart.
+//
+//   korvanel-sim --vcm DW9719 --vcm-low 200 --bus-speed 400k
+//                --vcm-ops init,setpos:300,getpos,status,advance:10,status,resetpos --svg lens.svg
+//
+// Operations: init, setpos:N, getpos, status (GetStatus), hpstatus
+// (GetHPStatus), setconfig:COUNT:REG:DATA:... (the SetConfig array, numbers
+// decimal or 0x-hex), resetpos, advance:MS (let virtual time pass).
+#pragma once
+
+#include "host/system.h"
+#include "sensor/device_context.h"
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace korvanel::tool {
+
+struct ActuatorOp {
+    enum class Kind { Init, SetPos, GetPos, Status, HpStatus, SetConfig, ResetPos, Advance };
+    Kind kind;
+    long value = 0;             // SetPos: the position; Advance: milliseconds
+    std::vector<ULONG> config;  // SetConfig: the count, then the pairs
+    std::string text;           // as written
+};
+
+// The list, or a message saying what is wrong with it.
+std::optional<std::vector<ActuatorOp>> parse_actuator_ops(const std::string& list, std::string& error);
+
+struct ActuatorOptions {
+    std::string chip;                    // name or table row; empty: no actuator
+    uint64_t connection = 0x1C;          // resource-hub connection id of slot 1
+    unsigned low = 0;                    // VcmLowPosition
+    unsigned high = 1023;                // VcmHighPosition
+    std::optional<std::string> module;   // into SensorName
+    std::string ops = "init,setpos:512,getpos,status,hpstatus,resetpos";
+    bool ops_given = false;
+    std::string svg;                     // trajectory chart file
+};
+
+void add_actuator_options(CLI::App& app, ActuatorOptions& options);
+
+// The checked operation list, or a message for the user (exit status 2).
+std::optional<std::vector<ActuatorOp>> check_actuator_options(const ActuatorOptions& options, std::string& error);
+
+// What a platform that selects an actuator does: the model on the
+// connection, slot 1 pointing at it, VcmType and the module's positions.
+void attach_actuator(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOptions& options);
+
+// Runs the operations through the row VcmType selects. The result holds the
+// chip, each operation with its status and outputs, the decoded bus
+// transcript and the lens trajectory (times in ms from the start of the run).
+nlohmann::ordered_json run_actuator(host::System& sys, PDEVICE_CONTEXT context, const std::vector<ActuatorOp>& ops);
+
+// The tool's run: attach, run, write the chart if asked. False with a
+// message when the chart cannot be written.
+bool run_actuator_options(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOptions& options,
+                          const std::vector<ActuatorOp>& ops, nlohmann::ordered_json& result, std::string& error);
+
+void print_actuator(const nlohmann::ordered_json& result);
+
+// A line chart of the trajectory: time on x, code on y, one point per move.
+std::string trajectory_svg(const nlohmann::ordered_json& result);
+
+}  // namespace korvanel::tool

@@ -1,0 +1,211 @@
+/*
+ * vcm_shared.h - what the actuator chip drivers have in common, said once:
+ * the trace convention, the marker texts of a chip's routines, the bus lock
+ * protocol, the bookkeeping of a move, SetConfig checks, reset ramps, and
+ * the two-register position scheme that every chip but DW9714 uses.
+ *
+ * A chip is described by constant records (VCM_CHIP, VCM_REG_CHIP); one body
+ * per operation works from the record, and the named routines of vcm.h are
+ * thin wrappers that pass their chip's record.
+ */
+#pragma once
+
+#include "vcm.h"
+#include "../bus/delay.h"
+#include "../trace/trace.h"
+
+/* ---- Trace convention ------------------------------------------------------ */
+
+/* Every actuator event names the chip of the row the device's VcmType
+ * selects, whichever routine emits it; with VcmType outside the table there
+ * is no chip and no event. */
+inline const CHAR* VcmChipName(PDEVICE_CONTEXT DeviceContext)
+{
+    if (DeviceContext == NULL || (ULONG)DeviceContext->VcmType >= VCM_TYPE_COUNT) {
+        return NULL;
+    }
+    return VcmDrivers[DeviceContext->VcmType].Name;
+}
+
+/* An event with the chip name and the routine's marker text as its first
+ * two arguments, then the numbers Text formats. A disabled event costs the
+ * flag test only; the chip lookup runs for enabled ones. */
+#define VcmTrace(Flag, Context, Text, Marker, ...)                                              \
+    do {                                                                                        \
+        if (ReadULongNoFence(&TraceControl.Flags) & (Flag)) {                                   \
+            const CHAR* vcmChipName = VcmChipName(Context);                                     \
+            if (vcmChipName != NULL) {                                                          \
+                TraceEvents(Flag, "%s %s" Text, vcmChipName, Marker __VA_OPT__(, ) __VA_ARGS__); \
+            }                                                                                   \
+        }                                                                                       \
+    } while (0)
+
+/* The marker texts of one chip's routines: the routine's name, with " +" at
+ * entry and " -" at exit where a routine has both, and the lock-failure texts
+ * of the routines that take BusLock. */
+typedef struct _VCM_MARKERS {
+    const CHAR* InitEnter;
+    const CHAR* InitExit;
+    const CHAR* ResetPosEnter;
+    const CHAR* ResetPosExit;
+    const CHAR* SetConfigEnter;
+    const CHAR* SetConfigExit;
+    const CHAR* SetPos;
+    const CHAR* SetPosLockFailed;
+    const CHAR* GetPos;
+    const CHAR* GetPosLockFailed;
+    const CHAR* GetStatus;
+    const CHAR* GetStatusLockFailed;
+    const CHAR* GetHPStatus;
+} VCM_MARKERS;
+
+#define VCM_LOCK_FAILED " KeWaitForSingleObject fail"
+#define VCM_MARKERS_OF(Chip)                                                                         \
+    {                                                                                                \
+        Chip "_Init +", Chip "_Init -", Chip "_ResetPos +", Chip "_ResetPos -", Chip "_SetConfig +", \
+            Chip "_SetConfig -", Chip "_SetPos", Chip "_SetPos" VCM_LOCK_FAILED, Chip "_GetPos",     \
+            Chip "_GetPos" VCM_LOCK_FAILED, Chip "_GetStatus", Chip "_GetStatus" VCM_LOCK_FAILED,    \
+            Chip "_GetHPStatus"                                                                      \
+    }
+
+/* ---- Chip records -------------------------------------------------------- */
+
+/* How ResetPos walks the lens to rest: steps of 32 codes with a pause after
+ * each, then one last step onto the target. */
+typedef enum _VCM_RAMP_STYLE {
+    VcmRampDown,        /* only from above the target */
+    VcmRampEitherWay,   /* down from above, or else up from below */
+    VcmRampDownThenUp,  /* down from above, then up if that overshot */
+} VCM_RAMP_STYLE;
+
+#define VCM_RAMP_STEP 32
+#define VCM_RAMP_TO_LOW_POSITION (-1) /* Target: VcmLowPosition, read afresh after every step */
+
+typedef struct _VCM_RAMP {
+    VCM_SET_POS* SetPos;      /* the chip's own SetPos, lock and bookkeeping included */
+    VCM_RAMP_STYLE Style;
+    LONG Target;              /* the rest position, or VCM_RAMP_TO_LOW_POSITION */
+    LONG Limit;               /* a position above this ends the stepping at once */
+    LONG PauseMs;             /* after every step, and after the last on success */
+} VCM_RAMP;
+
+/* What every chip has: its texts, its settings table with the number of
+ * leading entries whose Reg SetConfig verifies, and its reset ramp. */
+typedef struct _VCM_CHIP {
+    VCM_MARKERS Markers;
+    PVCM_REG_DATA Settings;
+    ULONG SettingsCount;      /* also the count SetConfig requires */
+    ULONG VerifiedCount;
+    VCM_RAMP Ramp;
+} VCM_CHIP;
+
+/* One step of an Init that does not simply write every entry to its own
+ * register: the entry, and the bits of its register the entry replaces (the
+ * others are read from the chip and written back as they were). */
+typedef struct _VCM_INIT_STEP {
+    UCHAR Entry;
+    UCHAR Mask;
+} VCM_INIT_STEP;
+
+#define VCM_ALL_BITS 0xFF
+
+/* How a two-register chip differs from the plain case (8-bit addresses, high
+ * register written whole and its failure ending SetPos, argument unsigned,
+ * clamped code recorded, high register read back first, no busy register,
+ * no identification). */
+#define VCM_WIDE_REGISTERS    0x0001 /* 16-bit register addresses */
+#define VCM_MERGE_HIGH        0x0002 /* read the high register, replace only its code bits */
+#define VCM_HIGH_STATUS_IGNORED 0x0004 /* the low write alone decides SetPos */
+#define VCM_SIGNED_POSITION   0x0008 /* SetPos reads its argument as signed */
+#define VCM_RECORD_REQUESTED  0x0010 /* record the requested position, not the code */
+#define VCM_LOW_FIRST         0x0020 /* GetPos reads the low register first */
+#define VCM_BUSY_REGISTER     0x0040 /* GetStatus reads bit 0 of BusyReg */
+#define VCM_IDENTIFIES        0x0080 /* Init first reads IdReg */
+
+/* A chip whose position code sits in a high and a low register. The code is
+ * placed CodeShift bits up in the 16-bit value high:low; HighMask is the part
+ * of the high register that holds code bits. */
+typedef struct _VCM_REG_CHIP {
+    VCM_CHIP Chip;
+    ULONG Flags;
+    USHORT HighReg;
+    USHORT LowReg;
+    UCHAR HighMask;
+    UCHAR CodeShift;
+    LONG MinCode;
+    LONG MaxCode;
+    USHORT BusyReg;
+    USHORT IdReg;
+    const CHAR* IdText;       /* the identification's trace text; NULL: the byte goes into Init's exit event */
+    const VCM_INIT_STEP* InitSteps; /* NULL: every entry in order, to its own register */
+    ULONG InitStepCount;
+} VCM_REG_CHIP;
+
+/* SetPos's code from its argument, within the chip's range. */
+inline LONG VcmClampPosition(SHORT Position, BOOLEAN Signed, LONG MinCode, LONG MaxCode)
+{
+    LONG code = Signed ? (LONG)Position : (LONG)(USHORT)Position;
+    if (code > MaxCode) {
+        code = MaxCode;
+    }
+    if (code < MinCode) {
+        code = MinCode;
+    }
+    return code;
+}
+
+/* The named Init, ResetPos, SetPos, GetPos and SetConfig of a two-register
+ * chip: one body per operation, given the chip's record. */
+#define VCM_REG_CHIP_ROUTINES(Name, Record)                                                          \
+    NTSTATUS Name##_Init(PDEVICE_CONTEXT DeviceContext)                                              \
+    {                                                                                                \
+        PAGED_CODE();                                                                                \
+        return VcmRegInit(DeviceContext, &Record);                                                   \
+    }                                                                                                \
+    NTSTATUS Name##_ResetPos(PDEVICE_CONTEXT DeviceContext)                                          \
+    {                                                                                                \
+        PAGED_CODE();                                                                                \
+        return VcmResetPos(DeviceContext, &Record.Chip);                                             \
+    }                                                                                                \
+    NTSTATUS Name##_SetPos(PDEVICE_CONTEXT DeviceContext, SHORT Position)                            \
+    {                                                                                                \
+        PAGED_CODE();                                                                                \
+        return VcmRegSetPos(DeviceContext, &Record, Position);                                       \
+    }                                                                                                \
+    NTSTATUS Name##_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)                          \
+    {                                                                                                \
+        PAGED_CODE();                                                                                \
+        return VcmRegGetPos(DeviceContext, &Record, Position);                                       \
+    }                                                                                                \
+    NTSTATUS Name##_SetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config)                    \
+    {                                                                                                \
+        PAGED_CODE();                                                                                \
+        return VcmSetConfig(DeviceContext, Config, &Record.Chip);                                    \
+    }
+
+EXTERN_C_START
+
+/* ---- Shared rules (vcm_table.cpp) ---- */
+
+/* Waits for BusLock; a wait that does not return STATUS_SUCCESS is traced
+ * with the routine's lock-failure text and returned, the lock not taken. */
+NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker);
+VOID VcmUnlockBus(PDEVICE_CONTEXT DeviceContext);
+/* After the chip accepted a new position, still under BusLock. */
+VOID VcmRecordMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition);
+/* The settle rule with the chip's GetHPStatus trace. */
+NTSTATUS VcmReportSettled(PDEVICE_CONTEXT DeviceContext, PULONG Status, const CHAR* Marker);
+NTSTATUS VcmSetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config, const VCM_CHIP* Chip);
+NTSTATUS VcmResetPos(PDEVICE_CONTEXT DeviceContext, const VCM_CHIP* Chip);
+
+/* ---- The two-register scheme (vcm_pair.cpp) ---- */
+
+/* Identification read and settings writes, without Init's traces; the
+ * identification byte goes to *Id. */
+NTSTATUS VcmRegProgram(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PUCHAR Id);
+NTSTATUS VcmRegInit(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip);
+NTSTATUS VcmRegSetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, SHORT Position);
+NTSTATUS VcmRegGetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PUSHORT Position);
+NTSTATUS VcmRegGetStatus(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PULONG Status);
+
+EXTERN_C_END
