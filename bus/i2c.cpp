@@ -27,6 +27,7 @@ EXTERN_C_END
 #pragma alloc_text(PAGE, DeinitI2c)
 #pragma alloc_text(PAGE, OpenI2cTarget)
 #pragma alloc_text(PAGE, CloseI2cTarget)
+#pragma alloc_text(PAGE, I2cTransfer)
 #endif
 
 /* 100 UTF-16 characters with the terminator: the prefix and 16 digits fit
@@ -175,4 +176,42 @@ NTSTATUS CloseI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
     WdfObjectDelete(connection->Target);
     connection->Target = NULL;
     return STATUS_SUCCESS;
+}
+
+NTSTATUS I2cTransfer(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, SPB_TRANSFER_DIRECTION Direction,
+                     PVOID Buffer, ULONG Length, LONGLONG Timeout)
+{
+    PAGED_CODE();
+
+    PI2C_CONNECTION connection;
+    NTSTATUS status = GetI2cSlot(DeviceContext, Slot, &connection);
+    if (!NT_SUCCESS(status) || Buffer == NULL) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (connection->Target == NULL) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
+
+    // A list of exactly one transfer; the data of a read arrives in the
+    // transfer's own buffer, so the request has no output buffer.
+    SPB_TRANSFER_LIST list;
+    RtlZeroMemory(&list, sizeof(list));
+    list.Size = sizeof(list);
+    list.TransferCount = 1;
+    list.Transfers[0].Direction = Direction;
+    list.Transfers[0].DelayInUs = 0;
+    list.Transfers[0].Buffer.Format = SpbTransferBufferFormatSimple;
+    list.Transfers[0].Buffer.Simple.Buffer = Buffer;
+    list.Transfers[0].Buffer.Simple.BufferCb = Length;
+
+    WDF_MEMORY_DESCRIPTOR input;
+    WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&input, &list, sizeof(list));
+    WDF_REQUEST_SEND_OPTIONS options;
+    WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_TIMEOUT);
+    WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, Timeout);
+
+    // The byte count a request returns is of no use to its callers.
+    ULONG_PTR transferred = 0;
+    return WdfIoTargetSendIoctlSynchronously(connection->Target, NULL, IOCTL_SPB_EXECUTE_SEQUENCE, &input, NULL,
+                                             &options, &transferred);
 }

@@ -34,4 +34,12 @@ NTSTATUS InitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
 VOID DeinitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
 NTSTATUS OpenI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, WDFDEVICE Device);
 NTSTATUS CloseI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
+
+/* One IOCTL_SPB_EXECUTE_SEQUENCE request carrying one transfer (a write to
+ * the peripheral or a read from it, in the caller's buffer) on the slot's
+ * open target, sent synchronously with a relative time-out in 100 ns units.
+ * The bus is released after it: a register read is two of these. A slot
+ * without a target gives STATUS_INVALID_DEVICE_STATE. */
+NTSTATUS I2cTransfer(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, SPB_TRANSFER_DIRECTION Direction,
+                     PVOID Buffer, ULONG Length, LONGLONG Timeout);
 EXTERN_C_END

@@ -14,16 +14,12 @@
 #include "../bus/delay.h"
 #include "../trace/trace.h"
 
-
 EXTERN_C_START
-static NTSTATUS NvmSend(PDEVICE_CONTEXT DeviceContext, ULONG Slot, SPB_TRANSFER_DIRECTION Direction, PVOID Buffer,
-                        ULONG Length, LONGLONG Timeout);
 static ULONG NvmEncodeAddress(const NVM_ENGINE* Engine, UCHAR Block, USHORT Address, PUCHAR Bytes, PULONG Slot);
 EXTERN_C_END
 
 // Synchronous bus requests and the waits after writes: passive level only.
 #ifdef ALLOC_PRAGMA
-#pragma alloc_text(PAGE, NvmSend)
 #pragma alloc_text(PAGE, NvmEncodeAddress)
 #pragma alloc_text(PAGE, NvmEngineRead)
 #pragma alloc_text(PAGE, NvmEngineWrite)
@@ -112,43 +108,6 @@ const NVM_ENGINE NvmEngineRomWrite4 = {
     .LengthText = NvmWriteLengthText, .FailText = NvmWriteFailText, .Timeout = NVM_WRITE_TIMEOUT, .LengthLimit = 16,
     .DelayMs = 5, .Addressing = NvmAddressInBlock, .BlockCount = 8, .DelayAlways = 1};
 
-/* One IOCTL_SPB_EXECUTE_SEQUENCE request of one transfer on the slot's
- * target. The byte count it returns is of no use to the memory code. */
-static NTSTATUS NvmSend(PDEVICE_CONTEXT DeviceContext, ULONG Slot, SPB_TRANSFER_DIRECTION Direction, PVOID Buffer,
-                        ULONG Length, LONGLONG Timeout)
-{
-    PAGED_CODE();
-
-    if (DeviceContext == NULL || Buffer == NULL || Slot >= I2C_CONNECTION_COUNT) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    // An engine called without its connection open has nowhere to send.
-    WDFIOTARGET target = DeviceContext->I2cConnections[Slot].Target;
-    if (target == NULL) {
-        return STATUS_INVALID_DEVICE_STATE;
-    }
-
-    SPB_TRANSFER_LIST list;
-    RtlZeroMemory(&list, sizeof(list));
-    list.Size = sizeof(list);
-    list.TransferCount = 1;
-    list.Transfers[0].Direction = Direction;
-    list.Transfers[0].DelayInUs = 0;
-    list.Transfers[0].Buffer.Format = SpbTransferBufferFormatSimple;
-    list.Transfers[0].Buffer.Simple.Buffer = Buffer;
-    list.Transfers[0].Buffer.Simple.BufferCb = Length;
-
-    WDF_MEMORY_DESCRIPTOR input;
-    WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&input, &list, sizeof(list));
-    WDF_REQUEST_SEND_OPTIONS options;
-    WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_TIMEOUT);
-    WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, Timeout);
-
-    ULONG_PTR transferred = 0;
-    return WdfIoTargetSendIoctlSynchronously(target, NULL, IOCTL_SPB_EXECUTE_SEQUENCE, &input, NULL, &options,
-                                             &transferred);
-}
-
 /* The address bytes the engine sends before the data, and its slot. Returns
  * the number of address bytes, 0 for a block the engine has no slot for. */
 static ULONG NvmEncodeAddress(const NVM_ENGINE* Engine, UCHAR Block, USHORT Address, PUCHAR Bytes, PULONG Slot)
@@ -205,7 +164,7 @@ NTSTATUS NvmEngineRead(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext, 
     // The address phase sets the part's address pointer; the data phase
     // reads on from there. The caller's BusLock keeps other transfers of
     // this device from falling between the two.
-    NTSTATUS status = NvmSend(DeviceContext, slot, SpbTransferDirectionToDevice, address, addressBytes,
+    NTSTATUS status = I2cTransfer(DeviceContext, slot, SpbTransferDirectionToDevice, address, addressBytes,
                               Engine->Timeout);
     if (!NT_SUCCESS(status)) {
         NvmTrace(DeviceContext, TRUE, Engine->FailText, (ULONG)status, NVM_TRACE_NO_NUMBER);
@@ -219,7 +178,7 @@ NTSTATUS NvmEngineRead(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext, 
         return STATUS_INVALID_PARAMETER;
     }
 
-    status = NvmSend(DeviceContext, slot, SpbTransferDirectionFromDevice, Buffer, (ULONG)Length, Engine->Timeout);
+    status = I2cTransfer(DeviceContext, slot, SpbTransferDirectionFromDevice, Buffer, (ULONG)Length, Engine->Timeout);
     if (!NT_SUCCESS(status)) {
         NvmTrace(DeviceContext, TRUE, Engine->DataFailText, (ULONG)status, NVM_TRACE_NO_NUMBER);
     }
@@ -256,7 +215,7 @@ NTSTATUS NvmEngineWrite(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext,
         // Address and data in one request: the part starts its write cycle
         // at the stop condition. A length of 0 sends the address alone.
         RtlCopyMemory(&transfer[addressBytes], Data, (SIZE_T)Length);
-        status = NvmSend(DeviceContext, slot, SpbTransferDirectionToDevice, transfer, addressBytes + (ULONG)Length,
+        status = I2cTransfer(DeviceContext, slot, SpbTransferDirectionToDevice, transfer, addressBytes + (ULONG)Length,
                          Engine->Timeout);
         if (!NT_SUCCESS(status)) {
             NvmTrace(DeviceContext, TRUE, Engine->FailText, (ULONG)status, NVM_TRACE_NO_NUMBER);
@@ -358,7 +317,7 @@ NTSTATUS PageErase3(PDEVICE_CONTEXT DeviceContext, UCHAR Page, UCHAR Macro)
         NvmTrace(DeviceContext, TRUE, "PageErase3 page length invalid error!!", Page, NVM_TRACE_NO_NUMBER);
     } else {
         UCHAR command[2] = {(UCHAR)((Macro ? NVM_ERASE_MACRO : NVM_ERASE_PAGE) | Page), NVM_ERASE_CONFIRM};
-        status = NvmSend(DeviceContext, I2C_SLOT_NVM, SpbTransferDirectionToDevice, command, sizeof(command),
+        status = I2cTransfer(DeviceContext, I2C_SLOT_NVM, SpbTransferDirectionToDevice, command, sizeof(command),
                          NVM_WRITE_TIMEOUT);
         if (!NT_SUCCESS(status)) {
             NvmTrace(DeviceContext, TRUE, "nvmWrite0 Failed to erase !!", (ULONG)status, NVM_TRACE_NO_NUMBER);

@@ -52,28 +52,8 @@ static NTSTATUS VcmTransfer(PDEVICE_CONTEXT DeviceContext, SPB_TRANSFER_DIRECTIO
 {
     PAGED_CODE();
 
-    SPB_TRANSFER_LIST list;
-    RtlZeroMemory(&list, sizeof(list));
-    list.Size = sizeof(list);
-    list.Reserved = 0;
-    list.TransferCount = 1;
-    list.Transfers[0].Direction = Direction;
-    list.Transfers[0].DelayInUs = 0;
-    list.Transfers[0].Buffer.Format = SpbTransferBufferFormatSimple;
-    list.Transfers[0].Buffer.Simple.Buffer = Buffer;
-    list.Transfers[0].Buffer.Simple.BufferCb = Length;
-
-    // The read data arrives in the transfer's own buffer; the request has no
-    // output buffer.
-    WDF_MEMORY_DESCRIPTOR input;
-    WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&input, &list, sizeof(list));
-
-    WDF_REQUEST_SEND_OPTIONS options;
-    WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_TIMEOUT);
-    WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_SEC(VCM_TRANSFER_TIMEOUT_SECONDS));
-
-    NTSTATUS status = WdfIoTargetSendIoctlSynchronously(DeviceContext->I2cConnections[I2C_SLOT_VCM].Target, NULL,
-                                                        IOCTL_SPB_EXECUTE_SEQUENCE, &input, NULL, &options, NULL);
+    NTSTATUS status = I2cTransfer(DeviceContext, I2C_SLOT_VCM, Direction, Buffer, Length,
+                                  WDF_REL_TIMEOUT_IN_SEC(VCM_TRANSFER_TIMEOUT_SECONDS));
     if (!NT_SUCCESS(status)) {
         VcmTrace(TRACE_ERROR, DeviceContext, " failed %!STATUS!", Marker, status);
     }
