@@ -194,6 +194,9 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
     t.duration = duration;
     {
         std::lock_guard lock(mutex_);
+        if (transcript_.size() == kTransfersKept) {
+            transcript_.pop_front();
+        }
         transcript_.push_back(std::move(t));
     }
     clock.advance(duration);
@@ -209,7 +212,7 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
 std::vector<BusTransfer> Bus::transcript() const
 {
     std::lock_guard lock(mutex_);
-    return transcript_;
+    return {transcript_.begin(), transcript_.end()};
 }
 
 void Bus::clear_transcript()
@@ -239,20 +242,27 @@ void Bus::reject(std::string reason)
 std::vector<TargetRecord> Bus::targets() const
 {
     std::lock_guard lock(mutex_);
-    return targets_;
+    return {targets_.begin(), targets_.end()};
 }
 
 size_t Bus::add_target(TargetRecord record)
 {
     std::lock_guard lock(mutex_);
+    if (targets_.size() == kTargetsKept) {
+        targets_.pop_front();
+        first_target_++;
+    }
     targets_.push_back(std::move(record));
-    return targets_.size() - 1;
+    return first_target_ + targets_.size() - 1;
 }
 
 void Bus::update_target(size_t id, const std::function<void(TargetRecord&)>& change)
 {
     std::lock_guard lock(mutex_);
-    change(targets_.at(id));
+    // A target older than the kept ones changes no record.
+    if (id >= first_target_) {
+        change(targets_.at(id - first_target_));
+    }
 }
 
 }  // namespace korvanel::host

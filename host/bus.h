@@ -25,6 +25,7 @@
 #include "../sim/peripheral.h"
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -120,11 +121,15 @@ public:
     void clear_faults();
 
     // ---- What happened ------------------------------------------------------
-    std::vector<BusTransfer> transcript() const;
+    // A long run keeps the latest kTransfersKept transfers and kTargetsKept
+    // targets; the counts go on.
+    static constexpr size_t kTransfersKept = size_t(1) << 16;
+    static constexpr size_t kTargetsKept = 1024;
+    std::vector<BusTransfer> transcript() const;  // the kept transfers, oldest first
     void clear_transcript();            // the index count goes on
     uint64_t transfer_count() const;    // transfers so far = the next one's index
     std::string last_rejection() const; // why the latest refused request was refused
-    std::vector<TargetRecord> targets() const;  // every target created, in order
+    std::vector<TargetRecord> targets() const;  // the kept targets, in the order they were created
 
     // ---- Used by the framework's I/O target routines ---------------------------
     struct Request {
@@ -162,10 +167,11 @@ private:
     BusSpeed speed_ = BusSpeed::Instant;
     std::map<uint64_t, BusFault> indexed_faults_;
     std::vector<Rule> rules_;
-    std::vector<BusTransfer> transcript_;
+    std::deque<BusTransfer> transcript_;
     uint64_t next_index_ = 0;
     std::string last_rejection_;
-    std::vector<TargetRecord> targets_;
+    std::deque<TargetRecord> targets_;
+    size_t first_target_ = 0;  // the id of targets_.front()
 };
 
 }  // namespace korvanel::host

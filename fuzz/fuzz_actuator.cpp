@@ -1,0 +1,168 @@
+// The lens-actuator operations of a chosen table row (out-of-range rows
+// included) with fuzzed positions, module bounds and names, SetConfig arrays
+// and a bus that fails, NACKs or times out chosen transfers, with lock waits
+// that fail. After every operation BusLock is free, the status outputs are
+// flags, and nothing was touched out of bounds; the driver unloads clean.
+#include "fuzz_input.h"
+
+#include "actuator_cli.h"
+#include "host/bus.h"
+#include "host/system.h"
+#include "sensor/device_context.h"
+#include "trace/trace.h"
+#include "vcm/vcm.h"
+
+#include <array>
+#include <string>
+
+using korvanel::fuzz::Input;
+using korvanel::host::BusFault;
+using korvanel::host::System;
+
+namespace {
+
+// The driver-wide settings tables SetConfig replaces; each run starts from
+// the defaults, as a freshly loaded driver would.
+struct SettingsTable {
+    VCM_REG_DATA* table;
+    size_t count;
+};
+const SettingsTable kTables[] = {
+    {AD5823_Settings, AD5823_SETTINGS_COUNT}, {DW9714_Settings, DW9714_SETTINGS_COUNT},
+    {AD5816_Settings, AD5816_SETTINGS_COUNT}, {DW9719_Settings, DW9719_SETTINGS_COUNT},
+    {DW9718_Settings, DW9718_SETTINGS_COUNT}, {DW9806B_Settings, DW9806B_SETTINGS_COUNT},
+    {WV517S_Settings, WV517S_SETTINGS_COUNT}, {LC898122XA_Settings, LC898122XA_SETTINGS_COUNT},
+};
+
+struct Defaults {
+    std::vector<std::vector<VCM_REG_DATA>> saved;
+    Defaults()
+    {
+        for (auto& t : kTables) {
+            saved.emplace_back(t.table, t.table + t.count);
+        }
+    }
+    void restore() const
+    {
+        for (size_t i = 0; i < std::size(kTables); i++) {
+            std::copy(saved[i].begin(), saved[i].end(), kTables[i].table);
+        }
+    }
+};
+
+const char* const kModules[] = {"START2REAR", "CM500RF05SW700", "start2rear", "HAPS", "CM500RF05SW70"};
+
+BusFault Fault(Input& in)
+{
+    switch (in.pick(4)) {
+    case 0:
+        return BusFault::fail(STATUS_UNSUCCESSFUL);
+    case 1:
+        return BusFault::nack();
+    case 2:
+        return BusFault::timeout();
+    default:
+        return BusFault::complete_with(STATUS_NOTIFY_CLEANUP);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    static const Defaults defaults;
+    defaults.restore();
+
+    Input in(data, size);
+    System sys;
+    if (in.flag()) {
+        sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+    }
+    FUZZ_CHECK(sys.load_driver() == STATUS_SUCCESS);
+    auto& dev = sys.add_device();
+    auto* ctx = static_cast<PDEVICE_CONTEXT>(dev.context());
+
+    unsigned row = 1 + in.pick(VCM_TYPE_COUNT - 1);
+    korvanel::tool::ActuatorOptions options;
+    options.chip = std::to_string(row);
+    options.low = in.pick(1100);
+    options.high = in.pick(1100);
+    if (in.flag()) {
+        options.module = kModules[in.pick(5)];
+    }
+    korvanel::tool::attach_actuator(sys, ctx, options);
+    const VCM_DRIVER& chip = VcmDrivers[row];
+    switch (in.pick(8)) {
+    case 0:
+        ctx->VcmType = LONG(VCM_TYPE_COUNT + in.pick(3));  // no chip: traces and transfers stop
+        break;
+    case 1:
+        ctx->VcmType = 0;
+        break;
+    default:
+        break;
+    }
+    if (in.flag()) {
+        sys.bus().set_speed(korvanel::host::BusSpeed::Fast);
+    }
+    for (unsigned faults = in.pick(4); faults > 0; faults--) {
+        sys.bus().fail_transfer(in.pick(120), Fault(in));
+    }
+    if (in.pick(4) == 0) {
+        sys.faults().fail("KeWaitForSingleObject", STATUS_UNSUCCESSFUL, in.pick(8));
+    }
+    if (in.pick(8) == 0) {
+        sys.faults().fail("WdfIoTargetOpen", STATUS_OBJECT_NAME_NOT_FOUND);
+    }
+
+    for (int step = 0; step < 32 && !in.empty(); step++) {
+        PDEVICE_CONTEXT target = in.pick(16) == 0 ? nullptr : ctx;
+        switch (in.pick(8)) {
+        case 0:
+            chip.Init(target);
+            break;
+        case 1:
+            chip.SetPos(target, SHORT(in.number<uint16_t>()));
+            break;
+        case 2: {
+            USHORT position = 0xA5A5;
+            chip.GetPos(target, in.pick(8) == 0 ? nullptr : &position);
+            break;
+        }
+        case 3:
+        case 4: {
+            ULONG flag = 7;
+            NTSTATUS status = (in.flag() ? chip.GetStatus : chip.GetHPStatus)(target, in.pick(8) == 0 ? nullptr : &flag);
+            FUZZ_CHECK(!NT_SUCCESS(status) || flag <= 1 || flag == 7);
+            break;
+        }
+        case 5: {
+            // The count first, then the pairs; the array is long enough for
+            // any count a chip accepts.
+            std::array<ULONG, 1 + 2 * LC898122XA_SETTINGS_COUNT> config{};
+            config[0] = in.flag() ? ULONG(kTables[row - 1].count) : in.pick(40);
+            for (size_t i = 0; i < kTables[row - 1].count; i++) {
+                config[1 + 2 * i] = in.flag() ? kTables[row - 1].table[i].Reg : in.byte();
+                config[2 + 2 * i] = in.byte();
+            }
+            chip.SetConfig(target, in.pick(16) == 0 ? nullptr : config.data());
+            break;
+        }
+        case 6:
+            chip.ResetPos(target);
+            break;
+        case 7:
+            sys.clock().advance_ms(in.pick(50));
+            break;
+        }
+        FUZZ_CHECK(KeReadStateEvent(&ctx->BusLock) == 1);
+    }
+
+    auto report = sys.unload_driver();
+    if (!report.clean()) {
+        fprintf(stderr, "unload: %s\n", report.text().c_str());
+        abort();
+    }
+    defaults.restore();
+    return 0;
+}
