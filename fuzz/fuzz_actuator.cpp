@@ -5,7 +5,7 @@
 // flags, and nothing was touched out of bounds; the driver unloads clean.
 #include "fuzz_input.h"
 
-#include "actuator_cli.h"
+#include "tools/actuator_cli.h"
 #include "host/bus.h"
 #include "host/system.h"
 #include "sensor/device_context.h"

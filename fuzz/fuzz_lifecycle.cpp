@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Input in(data, size);
     System sys;
-    if (in.flag()) {
+    if (in.pick(4) == 0) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }
     FUZZ_CHECK(sys.load_driver() == STATUS_SUCCESS);

@@ -10,7 +10,7 @@
 
 #include "host/bus.h"
 #include "host/system.h"
-#include "memory_cli.h"
+#include "tools/memory_cli.h"
 #include "nvm/nvm.h"
 #include "sensor/device_context.h"
 #include "trace/trace.h"

@@ -20,6 +20,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -308,7 +309,12 @@ private:
     Event expand(const Stored& s) const;
 
     mutable std::recursive_mutex mutex_;
-    std::vector<Stored> ring_;
+    // The ring, in chunks made as it fills: it grows without moving what it
+    // holds and allocates once per kChunk events.
+    static constexpr size_t kChunk = 64;
+    std::vector<std::unique_ptr<Stored[]>> chunks_;
+    Stored& slot(uint64_t n) { return chunks_[(n % kEventsKept) / kChunk][n % kChunk]; }
+    const Stored& slot(uint64_t n) const { return chunks_[(n % kEventsKept) / kChunk][n % kChunk]; }
     uint64_t recorded_ = 0;
     std::atomic<TRACEHANDLE> session_handle_{0};  // 0 while no session is enabled
     Registration registration_ = Registration::None;

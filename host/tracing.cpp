@@ -129,11 +129,11 @@ void Traces::record(const GUID& guid, uint16_t number, uint32_t message_flags, i
     if (!session_ || registration_ == Registration::None) {
         return;
     }
-    if (ring_.size() < kEventsKept) {
-        ring_.emplace_back();
-    }
     // Once full, the oldest slot is reused, with what it allocated.
-    Stored& e = ring_[recorded_++ % kEventsKept];
+    if (recorded_ < kEventsKept && recorded_ % kChunk == 0) {
+        chunks_.push_back(std::make_unique<Stored[]>(kChunk));
+    }
+    Stored& e = slot(recorded_++);
     e.guid = guid;
     e.number = number;
     e.message_flags = message_flags;
@@ -176,10 +176,10 @@ std::vector<Traces::Event> Traces::events() const
 {
     std::lock_guard lock(mutex_);
     std::vector<Event> out;
-    size_t kept = ring_.size();
+    size_t kept = std::min<uint64_t>(recorded_, kEventsKept);
     out.reserve(kept);
     for (uint64_t i = recorded_ - kept; i < recorded_; i++) {
-        out.push_back(expand(ring_[i % kEventsKept]));
+        out.push_back(expand(slot(i)));
     }
     return out;
 }
@@ -187,13 +187,13 @@ std::vector<Traces::Event> Traces::events() const
 uint64_t Traces::dropped() const
 {
     std::lock_guard lock(mutex_);
-    return recorded_ - ring_.size();
+    return recorded_ - std::min<uint64_t>(recorded_, kEventsKept);
 }
 
 void Traces::clear()
 {
     std::lock_guard lock(mutex_);
-    ring_.clear();
+    chunks_.clear();
     recorded_ = 0;
 }
 
