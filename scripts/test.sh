@@ -1,10 +1,16 @@
 #!/usr/bin/env bash
-# Builds and runs every test twice: a normal build and an AddressSanitizer +
-# UndefinedBehaviorSanitizer build. The Windows compile checks run once, in
-# the normal build (they do not depend on it). Any failure fails the script.
+# Builds and runs every test: a normal build and an AddressSanitizer +
+# UndefinedBehaviorSanitizer build of the whole suite (the Windows compile
+# checks once, in the normal build), a ThreadSanitizer build of the tests in
+# which threads share one device, and a bounded run of every fuzz target
+# (clang, libFuzzer). Any failure fails the script.
+#
+# KORVANEL_FUZZ_SECONDS sets how long each fuzz target runs (default 20).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
+fuzz_seconds=${KORVANEL_FUZZ_SECONDS:-20}
+
 for variant in build build-asan; do
   flags=()
   select=()
@@ -22,3 +28,20 @@ for variant in build build-asan; do
          "$(passed wdk) as a WDK build by clang-19 against the KMDF 1.15 headers"
   fi
 done
+
+echo "=== build-tsan ==="
+cmake -S . -B build-tsan -DKORVANEL_TSAN=ON >/dev/null
+cmake --build build-tsan -j "$jobs" --target korvanel_stress
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" build-tsan/korvanel_stress
+
+echo "=== build-fuzz ==="
+cmake -S . -B build-fuzz -DKORVANEL_FUZZ=ON -DKORVANEL_FUZZ_SECONDS="$fuzz_seconds" \
+      -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
+cmake --build build-fuzz -j "$jobs" --target fuzz_targets
+ctest --test-dir build-fuzz --output-on-failure -j "$jobs" -L fuzz | tee build-fuzz/ctest.log
+# Each target's speed and extent, from the runs' own final statistics.
+awk '/^Test command: / { n = split($3, p, "/"); target = p[n] }
+     /^stat::number_of_executed_units:/ { runs[target] = $2 }
+     /^stat::average_exec_per_sec:/ { speed[target] = $2 }
+     END { for (t in runs) printf "%s: %d inputs, %d per second\n", t, runs[t], speed[t] }' \
+  build-fuzz/Testing/Temporary/LastTest.log | sort

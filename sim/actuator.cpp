@@ -101,7 +101,7 @@ uint16_t ActuatorModel::code() const
 std::vector<ActuatorModel::Point> ActuatorModel::trajectory() const
 {
     std::lock_guard lock(mutex_);
-    return trajectory_;
+    return {trajectory_.begin(), trajectory_.end()};
 }
 
 bool ActuatorModel::busy() const
@@ -174,6 +174,9 @@ void ActuatorModel::latch(uint16_t code, int64_t at)
     unsigned distance = code > code_ ? code - code_ : code_ - code;
     code_ = code;
     busy_until_ = std::max(busy_until_, at + chip_.settle_time(distance));
+    if (trajectory_.size() == kPointsKept) {
+        trajectory_.pop_front();
+    }
     trajectory_.push_back({at, code});
 }
 

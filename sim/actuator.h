@@ -23,6 +23,7 @@
 #include "peripheral.h"
 
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -76,7 +77,9 @@ public:
     // ---- Backend face -----------------------------------------------------
     const ActuatorChip& chip() const { return chip_; }
     uint16_t code() const;                  // the lens code now
-    std::vector<Point> trajectory() const;  // every latched code, in order
+    // The latched codes in order; a long run keeps the latest kPointsKept.
+    static constexpr size_t kPointsKept = size_t(1) << 16;
+    std::vector<Point> trajectory() const;
     bool busy() const;                      // at the clock's present time
     int64_t busy_until() const;             // clock time the last move settles
     uint8_t peek(uint16_t reg) const;       // a register as the part holds it
@@ -104,7 +107,7 @@ private:
     uint16_t code_ = 0;
     int64_t busy_until_ = 0;
     int64_t ready_at_ = 0;
-    std::vector<Point> trajectory_;
+    std::deque<Point> trajectory_;
 };
 
 }  // namespace korvanel::sim
