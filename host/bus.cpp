@@ -124,7 +124,10 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
     if (request.delay_us > 0) {
         clock.advance_us(request.delay_us);
     }
-    int64_t spent = clock.now() - sent;
+    // The request waited as long as the bus was busy with earlier transfers
+    // after it was sent, not as long as other threads let virtual time run
+    // while this one waited for its turn.
+    int64_t spent = std::max<int64_t>(0, busy_until_ - sent) + int64_t(request.delay_us) * 10;
 
     BusTransfer t{0, request.connection, request.direction, request.length, {}, request.timeout, STATUS_SUCCESS,
                   clock.now(), 0};
@@ -200,6 +203,7 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
         transcript_.push_back(std::move(t));
     }
     clock.advance(duration);
+    busy_until_ = clock.now();
 
     if (transferred != nullptr) {
         *transferred = NT_SUCCESS(status) ? request.length : 0;

@@ -160,6 +160,7 @@ private:
     // transfers follow one another. Recursive, because the clock fires timers
     // while a transfer holds it.
     std::recursive_mutex wire_;
+    int64_t busy_until_ = 0;  // when the latest transfer ended, under wire_
     // The records below; never held while taking another lock, so that a
     // target deleted under the framework's lock cannot wait on the wire.
     mutable std::mutex mutex_;
