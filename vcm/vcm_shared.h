@@ -32,7 +32,7 @@ inline const CHAR* VcmChipName(PDEVICE_CONTEXT DeviceContext)
  * flag test only; the chip lookup runs for enabled ones. */
 #define VcmTrace(Flag, Context, Text, Marker, ...)                                              \
     do {                                                                                        \
-        if (ReadULongNoFence(&TraceControl.Flags) & (Flag)) {                                   \
+        if (TraceFlags() & (Flag)) {                                                            \
             const CHAR* vcmChipName = VcmChipName(Context);                                     \
             if (vcmChipName != NULL) {                                                          \
                 TraceEvents(Flag, "%s %s" Text, vcmChipName, Marker __VA_OPT__(, ) __VA_ARGS__); \
