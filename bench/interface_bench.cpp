@@ -479,6 +479,32 @@ void BM_GetModuleInfoBesideReferences(benchmark::State& state)
 }
 BENCHMARK(BM_GetModuleInfoBesideReferences);
 
+// ---- Unload ------------------------------------------------------------------------
+
+// Unloading the driver with many devices: the time per device stays the
+// same however many there are.
+void BM_UnloadPerDevice(benchmark::State& state)
+{
+    auto devices = int(state.range(0));
+    double unload_ns = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        {
+            System sys;
+            sys.load_driver();
+            for (int i = 0; i < devices; i++) {
+                sys.add_device();
+            }
+            auto start = Clock::now();
+            sys.unload_driver();
+            unload_ns += std::chrono::duration<double, std::nano>(Clock::now() - start).count();
+        }
+        state.ResumeTiming();
+    }
+    state.counters["us_per_device"] = unload_ns / 1000.0 / double(state.iterations()) / devices;
+}
+BENCHMARK(BM_UnloadPerDevice)->ArgName("devices")->Arg(64)->Arg(4096)->Iterations(3);
+
 // ---- The virtual clock --------------------------------------------------------------
 
 // Simulated time over wall time for the driver's own waits: 1 ms is twenty

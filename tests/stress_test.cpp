@@ -71,10 +71,19 @@ TEST_F(StressTest, EightThreadsOnOneDevice)
             }
         });
     }
-    // Two threads ask what the sensor is and take and drop references.
+    // Two threads ask what the sensor is and take and drop references; one
+    // of them turns a trace session on and off meanwhile, as a consumer may
+    // while the driver traces on every thread.
     for (int t = 0; t < 2; t++) {
-        threads.emplace_back([&] {
+        threads.emplace_back([&, t] {
             for (int i = 0; i < kRounds * 10; i++) {
+                if (t == 0 && i % 500 == 0) {
+                    if (i % 1000 == 0) {
+                        sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+                    } else {
+                        sys.traces().disable();
+                    }
+                }
                 SENSOR_CAPS caps{};
                 SENSOR_MODULE_INFO module{};
                 SENSOR_MODE_INFO info{};
