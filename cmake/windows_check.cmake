@@ -1,6 +1,7 @@
 # One Windows compile check of one driver source (see windows_checks.cmake).
-# Exit 77 (skipped) when the compiler or the headers of the check are not on
-# this machine; scripts/setup.sh installs both compilers.
+# Exit 77 (skipped) when the check's tools are not on this machine (for the
+# WDK build: neither clang-19 nor the KMDF headers); scripts/setup.sh installs
+# both compilers.
 function(skip why)
   message("skipped: ${why}")
   cmake_language(EXIT 77)
@@ -22,11 +23,15 @@ if(MODE STREQUAL "mingw")
   compile(${MINGW_CXX} -std=c++20 -fsyntax-only -fno-exceptions -fno-rtti -Wall -Wextra -Werror
           -DKORVANEL_CROSS_CHECK -I${DDK_DIR} -I${SOURCE_DIR} ${SOURCE})
 elseif(MODE STREQUAL "wdk")
-  if(NOT MS_CLANG)
-    skip("clang++-19 is not installed (apt-get install clang-19)")
-  endif()
-  if(NOT EXISTS ${KMDF_DIR}/wdf.h)
-    skip("no KMDF 1.15 headers at ${KMDF_DIR}; point the KMDF_INCLUDE_DIR cache variable at a WDK's kmdf/1.15 folder")
+  # Skipped on a machine that has neither; half of it is a setup to fix.
+  set(no_headers "no KMDF 1.15 headers at ${KMDF_DIR}: point the KMDF_INCLUDE_DIR cache variable at a WDK's kmdf/1.15 folder")
+  set(no_compiler "clang++-19 is not installed (apt-get install clang-19)")
+  if(NOT MS_CLANG AND NOT EXISTS ${KMDF_DIR}/wdf.h)
+    skip("${no_compiler}, and ${no_headers}")
+  elseif(NOT MS_CLANG)
+    message(FATAL_ERROR "${no_compiler}")
+  elseif(NOT EXISTS ${KMDF_DIR}/wdf.h)
+    message(FATAL_ERROR "${no_headers}")
   endif()
   if(NOT DDK_DIR OR NOT WDK_READY)
     skip("mingw-w64's DDK headers are not installed (apt-get install mingw-w64-x86-64-dev)")
