@@ -16,7 +16,6 @@
 #include <string>
 
 using korvanel::fuzz::Input;
-using korvanel::host::BusFault;
 using korvanel::host::System;
 
 namespace {
@@ -51,20 +50,6 @@ struct Defaults {
 };
 
 const char* const kModules[] = {"START2REAR", "CM500RF05SW700", "start2rear", "HAPS", "CM500RF05SW70"};
-
-BusFault Fault(Input& in)
-{
-    switch (in.pick(4)) {
-    case 0:
-        return BusFault::fail(STATUS_UNSUCCESSFUL);
-    case 1:
-        return BusFault::nack();
-    case 2:
-        return BusFault::timeout();
-    default:
-        return BusFault::complete_with(STATUS_NOTIFY_CLEANUP);
-    }
-}
 
 }  // namespace
 
@@ -106,7 +91,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         sys.bus().set_speed(korvanel::host::BusSpeed::Fast);
     }
     for (unsigned faults = in.pick(4); faults > 0; faults--) {
-        sys.bus().fail_transfer(in.pick(120), Fault(in));
+        sys.bus().fail_transfer(in.pick(120), korvanel::fuzz::bus_fault(in));
     }
     if (in.pick(4) == 0) {
         sys.faults().fail("KeWaitForSingleObject", STATUS_UNSUCCESSFUL, in.pick(8));
@@ -158,11 +143,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         FUZZ_CHECK(KeReadStateEvent(&ctx->BusLock) == 1);
     }
 
-    auto report = sys.unload_driver();
-    if (!report.clean()) {
-        fprintf(stderr, "unload: %s\n", report.text().c_str());
-        abort();
-    }
+    korvanel::fuzz::unload_clean(sys);
     defaults.restore();
     return 0;
 }

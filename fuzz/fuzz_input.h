@@ -3,6 +3,9 @@
 // as zeros, so every input is a complete run.
 #pragma once
 
+#include "host/bus.h"
+#include "host/system.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -57,5 +60,30 @@ private:
             abort();                                                                            \
         }                                                                                       \
     } while (0)
+
+// One of the ways a transfer goes wrong on the bus.
+inline host::BusFault bus_fault(Input& in)
+{
+    switch (in.pick(4)) {
+    case 0:
+        return host::BusFault::fail(STATUS_UNSUCCESSFUL);
+    case 1:
+        return host::BusFault::nack();
+    case 2:
+        return host::BusFault::timeout();
+    default:
+        return host::BusFault::complete_with(STATUS_NOTIFY_CLEANUP);
+    }
+}
+
+// The end of every run: whatever happened, the driver unloads clean.
+inline void unload_clean(host::System& sys)
+{
+    auto report = sys.unload_driver();
+    if (!report.clean()) {
+        fprintf(stderr, "unload: %s\n", report.text().c_str());
+        abort();
+    }
+}
 
 }  // namespace korvanel::fuzz

@@ -235,10 +235,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     si.InterfaceHeader.InterfaceDereference(ctx);
 
-    auto report = sys.unload_driver();
-    if (!report.clean()) {
-        fprintf(stderr, "unload: %s\n", report.text().c_str());
-        abort();
-    }
+    korvanel::fuzz::unload_clean(sys);
     return 0;
 }

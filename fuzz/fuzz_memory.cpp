@@ -16,24 +16,9 @@
 #include "trace/trace.h"
 
 using korvanel::fuzz::Input;
-using korvanel::host::BusFault;
 using korvanel::host::System;
 
 namespace {
-
-BusFault Fault(Input& in)
-{
-    switch (in.pick(4)) {
-    case 0:
-        return BusFault::fail(STATUS_UNSUCCESSFUL);
-    case 1:
-        return BusFault::nack();
-    case 2:
-        return BusFault::timeout();
-    default:
-        return BusFault::complete_with(STATUS_NOTIFY_CLEANUP);
-    }
-}
 
 LONG Length(Input& in)
 {
@@ -81,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         sys.bus().set_speed(korvanel::host::BusSpeed::Fast);
     }
     for (unsigned faults = in.pick(4); faults > 0; faults--) {
-        sys.bus().fail_transfer(in.pick(400), Fault(in));
+        sys.bus().fail_transfer(in.pick(400), korvanel::fuzz::bus_fault(in));
     }
     if (in.pick(4) == 0) {
         sys.faults().fail("WdfIoTargetOpen", STATUS_OBJECT_NAME_NOT_FOUND, in.pick(10));
@@ -126,10 +111,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
     }
 
-    auto report = sys.unload_driver();
-    if (!report.clean()) {
-        fprintf(stderr, "unload: %s\n", report.text().c_str());
-        abort();
-    }
+    korvanel::fuzz::unload_clean(sys);
     return 0;
 }
