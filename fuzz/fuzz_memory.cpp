@@ -20,9 +20,11 @@ using korvanel::host::System;
 
 namespace {
 
+// Mostly lengths a camera module's data has; now and then one past any
+// memory (a long write waits 5 ms after each of its many chunks).
 LONG Length(Input& in)
 {
-    switch (in.pick(6)) {
+    switch (in.pick(16)) {
     case 0:
         return -LONG(in.pick(3));  // 0, -1, -2
     case 1:
