@@ -1,13 +1,14 @@
 // bus_report.cpp - the decoded bus transcript.
 #include "bus_report.h"
 
+#include "parse.h"
+
 #include "host/system.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
 
 namespace korvanel::tool {
 
@@ -22,17 +23,28 @@ std::string hex_bytes(const uint8_t* data, size_t n)
     return out;
 }
 
-namespace {
-
-std::string milliseconds(int64_t units)
+std::vector<std::string> hex_dump(const std::vector<uint8_t>& bytes)
 {
-    char text[32];
-    snprintf(text, sizeof text, "%s%" PRId64 ".%04" PRId64, units < 0 ? "-" : "", int64_t(std::llabs(units) / 10000),
-             int64_t(std::llabs(units) % 10000));
-    return text;
+    std::vector<std::string> lines;
+    bool repeating = false;
+    for (size_t at = 0; at < bytes.size(); at += 16) {
+        size_t n = std::min<size_t>(16, bytes.size() - at);
+        bool same = at >= 16 && n == 16 && std::equal(bytes.begin() + ptrdiff_t(at), bytes.begin() + ptrdiff_t(at + 16),
+                                                      bytes.begin() + ptrdiff_t(at - 16));
+        if (same && at + 16 < bytes.size()) {
+            if (!repeating) {
+                lines.push_back("*");
+            }
+            repeating = true;
+            continue;
+        }
+        repeating = false;
+        char head[32];
+        snprintf(head, sizeof head, "%06zx  ", at);
+        lines.push_back(head + hex_bytes(&bytes[at], n));
+    }
+    return lines;
 }
-
-}  // namespace
 
 std::optional<host::BusSpeed> parse_bus_speed(const std::string& text)
 {
