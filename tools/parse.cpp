@@ -45,7 +45,7 @@ std::optional<long long> parse_integer(const std::string& text, long long low, l
     }
 }
 
-std::optional<long long> json_integer(const nlohmann::json& value, long long low, long long high)
+std::optional<long long> json_integer(const nlohmann::ordered_json& value, long long low, long long high)
 {
     if (value.is_string()) {
         return parse_integer(value.get<std::string>(), low, high);

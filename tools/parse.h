@@ -20,7 +20,7 @@ std::vector<std::string> split(const std::string& text, char separator);
 // A whole decimal or 0x-hex integer within [low, high]; nothing otherwise.
 std::optional<long long> parse_integer(const std::string& text, long long low, long long high);
 // A JSON integer, or a text parse_integer() takes ("0x1C"), within [low, high].
-std::optional<long long> json_integer(const nlohmann::json& value, long long low, long long high);
+std::optional<long long> json_integer(const nlohmann::ordered_json& value, long long low, long long high);
 // A whole non-negative decimal or 0x-hex number up to 64 bits.
 std::optional<uint64_t> parse_unsigned(const std::string& text);
 
