@@ -12,12 +12,14 @@
 //   korvanel-sim --real-time                       waits take real time
 //   korvanel-sim --nvm 10 --nvm-ops load,load --bus-speed 400k   a module memory
 //   korvanel-sim --vcm DW9719 --vcm-ops init,setpos:300,resetpos --svg lens.svg
+//   korvanel-sim run examples/preview_mode.jsonc    a scenario file
 #include "actuator_cli.h"
 #include "bus_report.h"
 #include "calls.h"
 #include "memory_cli.h"
 #include "parse.h"
 #include "records.h"
+#include "scenario.h"
 #include "trace_view.h"
 #include "host/bus.h"
 #include "host/system.h"
@@ -260,6 +262,13 @@ int main(int argc, char** argv)
     korvanel::tool::ActuatorOptions actuator;
     korvanel::tool::add_actuator_options(app, actuator);
 
+    auto* run = app.add_subcommand("run", "run a scenario file: its devices, its steps and what each step expects");
+    std::string scenario_file;
+    korvanel::tool::ScenarioOptions scenario;
+    run->add_option("FILE", scenario_file, "the scenario (JSON, comments allowed)")->required();
+    run->add_flag("-v,--verbose", scenario.verbose, "print each step's values, bus transfers and trace events");
+    run->add_flag("--json", scenario.json, "print the run as JSON");
+    korvanel::tool::add_trace_options(*run, scenario.trace);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -268,6 +277,9 @@ int main(int argc, char** argv)
     } catch (const CLI::ParseError& e) {
         std::cerr << "korvanel-sim: " << e.what() << "\n\n" << app.help();
         return 2;
+    }
+    if (run->parsed()) {
+        return korvanel::tool::run_scenario_file(scenario_file, scenario, std::cout, std::cerr);
     }
 
     std::vector<LONG> select;
