@@ -37,6 +37,7 @@ public:
     }
     // A number argument; without a fallback it must be given.
     long long integer(const char* name, long long low, long long high, std::optional<long long> fallback);
+    const char* pointer(size_t i) const;
     // The pointer parameter is to be passed as null.
     bool null(const char* pointer) const
     {
@@ -104,6 +105,21 @@ Made value_call(Reader& r)
     };
 }
 
+// A call that fills the caller's record through its one pointer parameter
+// (GetSensorCaps, GetModuleInfo).
+template <auto Member, typename T, Record R>
+Made record_call(Reader& r)
+{
+    auto initial = r.record(R);
+    bool null_record = r.null(r.pointer(0));
+    return [=](const SENSOR_INTERFACE& si, PSENSOR_CONTEXT context, bool raw) {
+        T record;
+        memcpy(&record, initial.data(), sizeof record);
+        NTSTATUS status = (si.*Member)(context, null_record ? nullptr : &record);
+        return with_record(status, R, &record, raw);
+    };
+}
+
 // A call that takes nothing but the context (AcceptNotice, PowerUp, PowerDown).
 template <auto Member>
 Made context_call(Reader&)
@@ -164,6 +180,8 @@ Reader::Reader(const json& args, const Operation& op, ArgumentError& error) : ar
         }
     }
 }
+
+const char* Reader::pointer(size_t i) const { return operation_.pointers.at(i); }
 
 long long Reader::integer(const char* name, long long low, long long high, std::optional<long long> fallback)
 {
@@ -272,16 +290,7 @@ const std::vector<Operation>& operations()
              };
          }},
         {"GetSensorCaps", {}, {"Caps"}, {}, Record::Caps,
-         [](Reader& r) -> Made {
-             auto initial = r.record(Record::Caps);
-             bool null_caps = r.null("Caps");
-             return [=](const SENSOR_INTERFACE& si, PSENSOR_CONTEXT context, bool raw) {
-                 SENSOR_CAPS caps;
-                 memcpy(&caps, initial.data(), sizeof caps);
-                 NTSTATUS status = si.GetSensorCaps(context, null_caps ? nullptr : &caps);
-                 return with_record(status, Record::Caps, &caps, raw);
-             };
-         }},
+         record_call<&SENSOR_INTERFACE::GetSensorCaps, SENSOR_CAPS, Record::Caps>},
         {"GetMipiConfig", {}, {"Port", "Lanes", "Format"}, {"Port", "Lanes", "Format"}, std::nullopt,
          [](Reader& r) -> Made {
              ULONG initial[3] = {r.output("Port"), r.output("Lanes"), r.output("Format")};
@@ -412,16 +421,7 @@ const std::vector<Operation>& operations()
         {"GetParameterWord", {}, {"Value"}, {"Value"}, std::nullopt,
          value_call<&SENSOR_INTERFACE::GetParameterWord>},
         {"GetModuleInfo", {}, {"Info"}, {}, Record::ModuleInfo,
-         [](Reader& r) -> Made {
-             auto initial = r.record(Record::ModuleInfo);
-             bool null_info = r.null("Info");
-             return [=](const SENSOR_INTERFACE& si, PSENSOR_CONTEXT context, bool raw) {
-                 SENSOR_MODULE_INFO info;
-                 memcpy(&info, initial.data(), sizeof info);
-                 NTSTATUS status = si.GetModuleInfo(context, null_info ? nullptr : &info);
-                 return with_record(status, Record::ModuleInfo, &info, raw);
-             };
-         }},
+         record_call<&SENSOR_INTERFACE::GetModuleInfo, SENSOR_MODULE_INFO, Record::ModuleInfo>},
         {"QueryProperty", {"Id"}, {"Value"}, {"Value"}, std::nullopt,
          [](Reader& r) -> Made {
              LONG id = LONG(r.integer("Id", INT32_MIN, INT32_MAX, SensorPropertyLinkRate));
