@@ -157,6 +157,31 @@ TEST_F(CallTest, ArgumentsAndResultsByName)
     }
 }
 
+// Lists shorter than what the driver reads are padded with zeros, never read
+// past their end; the driver's trace shows what it read.
+TEST_F(CallTest, ShortListsReachTheDriverPadded)
+{
+    sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+    open();
+    auto traced = [&](const char* text) {
+        std::vector<uint32_t> words;
+        for (auto& e : sys.traces().find(text)) {
+            for (size_t i = 1; i < e.args.size(); i++) {
+                words.push_back(host::Traces::u32(e, i));
+            }
+        }
+        sys.traces().clear();
+        return words;
+    };
+    sys.traces().clear();
+    call("AcceptRecord", {{"Record", {1, 2}}});
+    call("AcceptRecord", {{"Record", {1, 2, 3, 4, 5}}});
+    EXPECT_EQ(traced("AcceptRecord word 3 %u %!STATUS!"), (std::vector<uint32_t>{0, 0, 4, 0}));
+    call("AcceptEntryList", {{"Entries", {{{"Word1", 7}, {"Word3", 9}}}}, {"Count", 3}});
+    EXPECT_EQ(traced("AcceptEntryList entry %u: %u %u %u %!STATUS!"),
+              (std::vector<uint32_t>{0, 7, 0, 9, 0, 1, 0, 0, 0, 0, 2, 0, 0, 0, 0}));
+}
+
 TEST_F(CallTest, RawBytesKeepWhatTheCallerHadPastEachText)
 {
     open();

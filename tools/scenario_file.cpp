@@ -843,8 +843,13 @@ std::string field_name(const std::string& pointer)
     }
     std::string out;
     for (size_t i = first; i < tokens.size(); i++) {
-        bool index = !tokens[i].empty() && std::all_of(tokens[i].begin(), tokens[i].end(), ::isdigit);
-        out += index ? "[" + tokens[i] + "]" : (out.empty() ? "" : ".") + tokens[i];
+        std::string key;
+        for (size_t c = 0; c < tokens[i].size(); c++) {  // undo pointer_token()
+            bool escaped = tokens[i][c] == '~' && c + 1 < tokens[i].size();
+            key += escaped ? (tokens[i][++c] == '1' ? '/' : '~') : tokens[i][c];
+        }
+        bool index = !key.empty() && std::all_of(key.begin(), key.end(), ::isdigit);
+        out += index ? "[" + key + "]" : (out.empty() ? "" : ".") + key;
     }
     return step + (out.empty() ? "" : "field \"" + out + "\": ");
 }
