@@ -214,12 +214,16 @@ TEST_F(ScenarioTest, ValuesCompareByValue)
     EXPECT_NE(out.find("values.VariantCode: expected \"0x1\", got 0"), std::string::npos) << out;
 }
 
-// Two modules: each device has its own interface references and power.
+// Two modules: each is added with its own registry values in force, and
+// has its own interface references and power.
 TEST_F(ScenarioTest, EachDeviceHoldsItsOwnInterfaceAndPower)
 {
     const char* text = R"({
-      "devices": [{"name": "rear"}, {"name": "front", "hwid": "root\\KORVANEL\\rgbir"}],
+      "devices": [{"name": "rear", "registry": {"MipiLanes": 4}},
+                  {"name": "front", "hwid": "root\\KORVANEL\\rgbir", "registry": {"MipiLanes": null}}],
       "steps": [
+        {"device": "rear", "call": "GetMipiConfig", "expect": {"values": {"Lanes": 4}}},
+        {"device": "front", "call": "GetMipiConfig", "expect": {"values": {"Lanes": 2}}},
         {"device": "rear", "call": "PowerUp"},
         {"advance_ms": 15000},
         {"device": "rear", "expect": {"power": {"state": "D0", "references": 1}}},

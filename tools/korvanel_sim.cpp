@@ -130,7 +130,7 @@ ordered_json describe(SENSOR_INTERFACE& si, const std::vector<LONG>& select, boo
 unsigned number(const ordered_json& value) { return value.get<unsigned>(); }
 
 // A record under its type name and the call that filled it, field by field;
-// with --raw, its bytes after it.
+// with --raw, its bytes after them.
 void print_record(const char* call_name, const ordered_json& result)
 {
     const auto* layout = korvanel::tool::call_record(call_name);
@@ -139,12 +139,6 @@ void print_record(const char* call_name, const ordered_json& result)
     printf("%s (%s: %s):\n", layout->name, call_name, result.value("status", std::string("no status")).c_str());
     for (auto& line : korvanel::tool::record_lines(*layout, {fields})) {
         printf("%s\n", line.c_str());
-    }
-    if (result.contains("bytes")) {
-        auto bytes = korvanel::tool::parse_hex_bytes(result["bytes"].get<std::string>());
-        for (auto& line : korvanel::tool::hex_dump(bytes.value_or(std::vector<uint8_t>{}))) {
-            printf("    %s\n", line.c_str());
-        }
     }
 }
 
@@ -216,15 +210,6 @@ void print_text(const ordered_json& d, const std::string& hwid)
         printf("%s (GetPdafInfo for each image size):\n", layout->name);
         for (auto& line : korvanel::tool::record_lines(*layout, answers, images)) {
             printf("%s\n", line.c_str());
-        }
-        for (auto& a : d["pdaf_info"]) {
-            if (a.contains("bytes")) {
-                printf("  %s:\n", a["image"].get<std::string>().c_str());
-                auto bytes = korvanel::tool::parse_hex_bytes(a["bytes"].get<std::string>());
-                for (auto& line : korvanel::tool::hex_dump(bytes.value_or(std::vector<uint8_t>{}))) {
-                    printf("    %s\n", line.c_str());
-                }
-            }
         }
     }
     if (d.contains("select")) {
@@ -376,7 +361,7 @@ int main(int argc, char** argv)
             korvanel::tool::print_actuator(description["actuator"]);
         }
         if (trace.requested()) {
-            printf("Trace (%zu events):\n", entries.size());
+            printf("Trace:\n");
             for (auto& e : entries) {
                 printf("  %s\n", korvanel::tool::trace_line(e, origin).c_str());
             }

@@ -355,6 +355,16 @@ std::vector<std::string> record_lines(const RecordLayout& layout, const std::vec
         }
         out.push_back(text);
     }
+    for (size_t r = 0; r < records.size(); r++) {
+        auto bytes = records[r].contains("bytes") ? parse_hex_bytes(records[r]["bytes"].get<std::string>())
+                                                  : std::nullopt;
+        if (bytes && r < headers.size()) {
+            out.push_back("  " + headers[r] + ":");
+        }
+        for (auto& line : bytes ? hex_dump(*bytes) : std::vector<std::string>{}) {
+            out.push_back("    " + line);
+        }
+    }
     return out;
 }
 

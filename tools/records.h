@@ -67,7 +67,7 @@ std::optional<std::string> encode_fields(const RecordLayout& layout, const nlohm
 // One decoded record, or several side by side under `headers`: one line per
 // field, "  Name  value  value ...". Keys of a decoded record that are not
 // fields of the layout (a status, say) come first, in the first record's
-// order; "bytes" is left out.
+// order. The "bytes" of a record follow as a hex dump.
 std::vector<std::string> record_lines(const RecordLayout& layout, const std::vector<nlohmann::ordered_json>& records,
                                       const std::vector<std::string>& headers = {});
 

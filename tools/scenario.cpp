@@ -455,12 +455,6 @@ void Runner::report(const Step& step, const StepResult& r)
                 out_ << "        " << key << " " << field_text(nullptr, value) << "\n";
             }
         }
-        if (r.values.contains("bytes")) {
-            auto bytes = parse_hex_bytes(r.values["bytes"].get<std::string>());
-            for (auto& line : hex_dump(bytes.value_or(std::vector<uint8_t>{}))) {
-                out_ << "        " << line << "\n";
-            }
-        }
         for (auto& t : r.transfers) {
             out_ << "        " << transfer_line(t, origin_) << "\n";
         }
