@@ -69,14 +69,11 @@ void compare(const json& expected, const json& actual, const std::string& where,
         }
         for (auto& [key, value] : expected.items()) {
             if (!actual.contains(key)) {
-                failures.push_back(where + "." + key + ": not returned" +
-                                   (actual.empty() ? std::string() : " (returned: " + [&] {
-                                       std::string keys;
-                                       for (auto& [k, v] : actual.items()) {
-                                           keys += (keys.empty() ? "" : ", ") + k;
-                                       }
-                                       return keys;
-                                   }() + ")"));
+                std::string returned;
+                for (auto& [k, v] : actual.items()) {
+                    returned += (returned.empty() ? " (returned: " : ", ") + k;
+                }
+                failures.push_back(where + "." + key + ": not returned" + returned + (returned.empty() ? "" : ")"));
             } else {
                 compare(value, actual[key], where + "." + key, failures);
             }
