@@ -214,6 +214,33 @@ TEST_F(ScenarioTest, ValuesCompareByValue)
     EXPECT_NE(out.find("values.VariantCode: expected \"0x1\", got 0"), std::string::npos) << out;
 }
 
+// Registry values of every form reach the service key with their type and
+// bytes; the driver takes a REG_DWORD of up to four bytes, low byte for lanes.
+TEST_F(ScenarioTest, RegistryValuesOfAnyType)
+{
+    struct Case {
+        const char* value;
+        int lanes;
+    } cases[] = {
+        {"4", 4},
+        {"\"0x104\"", 4},
+        {"{\"dword\": 3}", 3},
+        {"{\"type\": 4, \"data\": \"05\"}", 5},
+        {"{\"type\": 4, \"data\": \"05 00 00 00 00 00 00 00\"}", 2},
+        {"{\"type\": 3, \"data\": \"04 00 00 00\"}", 2},
+        {"{\"sz\": \"4\"}", 2},
+        {"{\"qword\": 4}", 2},
+        {"{\"multi_sz\": [\"4\", \"4\"]}", 2},
+        {"null", 2},
+    };
+    for (auto& c : cases) {
+        std::string text = "{\"device\": {\"registry\": {\"MipiLanes\": " + std::string(c.value) +
+                           "}}, \"steps\": [{\"call\": \"GetMipiConfig\", \"expect\": {\"values\": "
+                           "{\"Lanes\": " + std::to_string(c.lanes) + "}}}]}";
+        EXPECT_EQ(run(text), 0) << c.value << "\n" << out << err;
+    }
+}
+
 // Two modules: each is added with its own registry values in force, and
 // has its own interface references and power.
 TEST_F(ScenarioTest, EachDeviceHoldsItsOwnInterfaceAndPower)

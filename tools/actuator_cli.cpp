@@ -21,7 +21,11 @@ using nlohmann::ordered_json;
 
 namespace {
 
-std::string known_chips()
+double ms(int64_t units) { return double(units) / 10000.0; }
+
+}  // namespace
+
+std::string actuator_chip_names()
 {
     std::string names;
     for (auto& chip : sim::actuator_chips()) {
@@ -29,10 +33,6 @@ std::string known_chips()
     }
     return names;
 }
-
-double ms(int64_t units) { return double(units) / 10000.0; }
-
-}  // namespace
 
 std::optional<ActuatorOp> parse_actuator_op(const std::string& token, std::string& error)
 {
@@ -119,7 +119,7 @@ std::optional<std::vector<ActuatorOp>> parse_actuator_ops(const std::string& lis
 
 void add_actuator_options(CLI::App& app, ActuatorOptions& options)
 {
-    app.add_option("--vcm", options.chip, "attach a lens actuator: " + known_chips() + ", or its table row 1-8");
+    app.add_option("--vcm", options.chip, "attach a lens actuator: " + actuator_chip_names() + ", or its table row 1-8");
     app.add_option("--vcm-connection", options.connection, "its resource-hub connection id (default 0x1C)");
     app.add_option("--vcm-low", options.low, "VcmLowPosition of the module")->check(CLI::Range(0, 65535));
     app.add_option("--vcm-high", options.high, "VcmHighPosition of the module")->check(CLI::Range(0, 65535));
@@ -141,7 +141,7 @@ std::optional<std::vector<ActuatorOp>> check_actuator_options(const ActuatorOpti
         return std::vector<ActuatorOp>{};
     }
     if (sim::find_actuator_chip(options.chip) == nullptr) {
-        error = "unknown actuator chip '" + options.chip + "' (" + known_chips() + ", or 1-8)";
+        error = "unknown actuator chip '" + options.chip + "' (" + actuator_chip_names() + ", or 1-8)";
         return std::nullopt;
     }
     return parse_actuator_ops(options.ops, error);

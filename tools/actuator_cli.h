@@ -32,6 +32,9 @@ struct ActuatorOp {
     std::string text;           // as written
 };
 
+// "AD5823, DW9714, ...": the chips a model exists for, in table order.
+std::string actuator_chip_names();
+
 // One operation ("setpos:300"), or a message saying what is wrong with it.
 std::optional<ActuatorOp> parse_actuator_op(const std::string& token, std::string& error);
 // The comma-separated list, or a message saying what is wrong with it.

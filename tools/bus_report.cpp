@@ -12,6 +12,13 @@
 
 namespace korvanel::tool {
 
+std::string connection_text(uint64_t connection)
+{
+    char text[24];
+    snprintf(text, sizeof text, "0x%" PRIx64, connection);
+    return text;
+}
+
 std::string hex_bytes(const uint8_t* data, size_t n)
 {
     std::string out;
@@ -74,8 +81,8 @@ std::string bus_speed_text(host::BusSpeed speed)
 std::string transfer_line(const host::BusTransfer& t, int64_t origin)
 {
     char head[96];
-    snprintf(head, sizeof head, "%10s ms  conn 0x%" PRIx64 "  %s %3u:", milliseconds(t.time - origin).c_str(),
-             t.connection, t.direction == host::Direction::Write ? "W" : "R", t.length);
+    snprintf(head, sizeof head, "%10s ms  conn %s  %s %3u:", milliseconds(t.time - origin).c_str(),
+             connection_text(t.connection).c_str(), t.direction == host::Direction::Write ? "W" : "R", t.length);
     std::string line = head;
     if (!t.bytes.empty()) {
         line += " " + hex_bytes(t.bytes.data(), t.bytes.size());

@@ -41,12 +41,7 @@ struct DeviceState {
 // One transfer as a scenario writes it, with the connection when asked.
 std::string wire_text(const host::BusTransfer& t, bool connection)
 {
-    std::string out;
-    if (connection) {
-        char conn[24];
-        snprintf(conn, sizeof conn, "0x%llx ", (unsigned long long)t.connection);
-        out = conn;
-    }
+    std::string out = connection ? connection_text(t.connection) + " " : "";
     out += t.direction == host::Direction::Write ? "W" : "R";
     if (!t.bytes.empty()) {
         out += " " + hex_bytes(t.bytes.data(), t.bytes.size());

@@ -208,10 +208,8 @@ public:
                 ids.emplace_back(d.memory->first_connection + b, path + "/memory/connection");
             }
             for (auto& [id, where] : ids) {
-                char text[24];
-                snprintf(text, sizeof text, "0x%llx", (unsigned long long)id);
                 if (!used.emplace(id, d.name).second) {
-                    fail(where, std::string("connection ") + text + " already has a part (of device '" + used[id] +
+                    fail(where, "connection " + connection_text(id) + " already has a part (of device '" + used[id] +
                                     "'); a memory of " + std::to_string(d.memory_connections) +
                                     " blocks takes that many connections from its first");
                 }
@@ -283,10 +281,14 @@ private:
         }
         return *s;
     }
+    // A file the scenario names, found beside it unless the path is absolute.
+    std::string beside(const std::string& name) const
+    {
+        return name.empty() || name[0] == '/' || base_dir_.empty() ? name : base_dir_ + "/" + name;
+    }
     std::vector<uint8_t> file(const json& v, const std::string& path) const
     {
-        std::string name = text(v, path);
-        std::string full = name.empty() || name[0] == '/' || base_dir_.empty() ? name : base_dir_ + "/" + name;
+        std::string full = beside(text(v, path));
         auto data = read_binary_file(full);
         if (!data) {
             fail(path, "cannot read " + full);
@@ -395,11 +397,7 @@ private:
             ActuatorOptions options;
             options.chip = json_text(a["chip"]);
             if (sim::find_actuator_chip(options.chip) == nullptr) {
-                std::string chips;
-                for (auto& chip : sim::actuator_chips()) {
-                    chips += (chips.empty() ? "" : ", ") + chip.name;
-                }
-                fail(p + "/chip", "unknown actuator chip " + a["chip"].dump() + " (" + chips + ")");
+                fail(p + "/chip", "unknown actuator chip " + a["chip"].dump() + " (" + actuator_chip_names() + ")");
             }
             if (a.contains("connection")) {
                 options.connection = uint64_t(integer(a["connection"], p + "/connection", 0, INT64_MAX));
@@ -536,12 +534,10 @@ private:
                 fail(kp, "device '" + device.name + "' has no \"memory\"");
             }
             std::string op = text(s["nvm"], kp);
-            // A file to write is found beside the scenario.
             auto fields = split(op, ':');
             std::string resolved = op;
-            if (fields.size() == 3 && fields[0] == "writefile" && !fields[2].empty() && fields[2][0] != '/' &&
-                !base_dir_.empty()) {
-                resolved = fields[0] + ":" + fields[1] + ":" + base_dir_ + "/" + fields[2];
+            if (fields.size() == 3 && fields[0] == "writefile") {
+                resolved = fields[0] + ":" + fields[1] + ":" + beside(fields[2]);
             }
             std::vector<MemoryOp> ops;
             if (auto error = parse_memory_ops(resolved, device.memory_size, ops)) {
@@ -806,9 +802,7 @@ public:
             if (!id) {
                 return std::nullopt;
             }
-            char conn[24];
-            snprintf(conn, sizeof conn, "0x%llx ", (unsigned long long)*id);
-            out = conn;
+            out = connection_text(*id) + " ";
         }
         if (i >= tokens.size() || (tokens[i] != "W" && tokens[i] != "R" && tokens[i] != "w" && tokens[i] != "r")) {
             return std::nullopt;
