@@ -39,6 +39,7 @@ class DeviceObject;
 std::string to_utf8(const std::u16string& s);
 std::u16string to_utf16(const std::string& s);
 std::string status_name(NTSTATUS status);  // "STATUS_SUCCESS", or 0x%08X
+std::optional<NTSTATUS> status_value(const std::string& name);  // the status status_name() names so
 std::string guid_text(const GUID& guid);   // {XXXXXXXX-XXXX-...}
 
 // ---- Clock ----------------------------------------------------------------
@@ -274,7 +275,9 @@ public:
 
     // Decoding with the call sites' format texts.
     const TraceFormatInfo* format(const Event& e) const;
-    std::string decode(const Event& e) const;  // "<module> <text with arguments>"
+    std::string decode(const Event& e) const;  // "<module>: <text with arguments>"
+    std::string module(const Event& e) const;   // the source module, or the message GUID when unknown
+    std::string message(const Event& e) const;  // the text with its arguments, or the arguments in hex
     std::vector<std::string> lines() const;
     // Events whose format text is exactly `text`.
     std::vector<Event> find(const std::string& text) const;

@@ -259,12 +259,29 @@ std::u16string Traces::wtext(const Event& e, size_t i)
 
 std::string Traces::decode(const Event& e) const
 {
+    if (format(e) == nullptr) {
+        return module(e) + " #" + std::to_string(e.number) + ": " + message(e);
+    }
+    return module(e) + ": " + message(e);
+}
+
+std::string Traces::module(const Event& e) const
+{
+    const TraceFormatInfo* f = format(e);
+    if (f == nullptr) {
+        return guid_text(e.guid);
+    }
+    std::string file = f->file.substr(f->file.find_last_of('/') + 1);
+    return file.substr(0, file.find('.'));
+}
+
+std::string Traces::message(const Event& e) const
+{
     const TraceFormatInfo* f = format(e);
     std::string out;
     if (f == nullptr) {
-        out = guid_text(e.guid) + " #" + std::to_string(e.number) + ":";
         for (size_t i = 1; i < e.args.size(); i++) {
-            out += " ";
+            out += i > 1 ? " " : "";
             for (uint8_t b : e.args[i]) {
                 char h[3];
                 snprintf(h, sizeof h, "%02x", b);
@@ -273,8 +290,6 @@ std::string Traces::decode(const Event& e) const
         }
         return out;
     }
-    std::string file = f->file.substr(f->file.find_last_of('/') + 1);
-    out = file.substr(0, file.find('.')) + ": ";
     size_t arg = 1;
     const std::string& t = f->text;
     for (size_t p = 0; p < t.size(); p++) {

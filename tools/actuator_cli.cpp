@@ -3,6 +3,7 @@
 #include "actuator_cli.h"
 
 #include "bus_report.h"
+#include "parse.h"
 #include "host/bus.h"
 #include "sim/actuator.h"
 #include "vcm/vcm.h"
@@ -20,35 +21,11 @@ using nlohmann::ordered_json;
 
 namespace {
 
-bool parse_number(const std::string& text, long long low, long long high, long long& value)
-{
-    if (text.empty()) {
-        return false;
-    }
-    try {
-        size_t used = 0;
-        value = std::stoll(text, &used, 0);
-        return used == text.size() && value >= low && value <= high;
-    } catch (...) {
-        return false;
-    }
-}
+double ms(int64_t units) { return double(units) / 10000.0; }
 
-std::vector<std::string> split(const std::string& text, char separator)
-{
-    std::vector<std::string> parts;
-    std::stringstream ss(text);
-    std::string part;
-    while (std::getline(ss, part, separator)) {
-        parts.push_back(part);
-    }
-    if (!text.empty() && text.back() == separator) {
-        parts.emplace_back();
-    }
-    return parts;
-}
+}  // namespace
 
-std::string known_chips()
+std::string actuator_chip_names()
 {
     std::string names;
     for (auto& chip : sim::actuator_chips()) {
@@ -57,11 +34,7 @@ std::string known_chips()
     return names;
 }
 
-double ms(int64_t units) { return double(units) / 10000.0; }
-
-}  // namespace
-
-std::optional<std::vector<ActuatorOp>> parse_actuator_ops(const std::string& list, std::string& error)
+std::optional<ActuatorOp> parse_actuator_op(const std::string& token, std::string& error)
 {
     static const struct {
         const char* name;
@@ -73,68 +46,80 @@ std::optional<std::vector<ActuatorOp>> parse_actuator_ops(const std::string& lis
         {"hpstatus", ActuatorOp::Kind::HpStatus, nullptr}, {"setconfig", ActuatorOp::Kind::SetConfig, "values"},
         {"resetpos", ActuatorOp::Kind::ResetPos, nullptr}, {"advance", ActuatorOp::Kind::Advance, "milliseconds"},
     };
+    auto fields = split(token, ':');
+    auto* known = std::find_if(std::begin(names), std::end(names),
+                               [&](auto& n) { return !fields.empty() && fields[0] == n.name; });
+    if (token.empty()) {
+        error = "an empty operation";
+        return std::nullopt;
+    }
+    if (known == std::end(names)) {
+        error = "unknown operation '" + token +
+                "' (init, setpos:N, getpos, status, hpstatus, setconfig:COUNT:REG:DATA:..., resetpos, advance:MS)";
+        return std::nullopt;
+    }
+    ActuatorOp op{known->kind, 0, {}, token};
+    size_t arguments = fields.size() - 1;
+    if ((known->argument == nullptr) != (arguments == 0)) {
+        error = "'" + token + "' " +
+                (known->argument ? std::string("needs ") + known->argument + ", as " + known->name + ":300"
+                                 : std::string("takes no argument"));
+        return std::nullopt;
+    }
+    switch (op.kind) {
+    case ActuatorOp::Kind::SetPos:
+    case ActuatorOp::Kind::Advance: {
+        bool position = op.kind == ActuatorOp::Kind::SetPos;
+        auto v = arguments == 1 ? parse_integer(fields[1], position ? -32768 : 0, position ? 65535 : 3600000)
+                                : std::nullopt;
+        if (!v) {
+            error = "'" + token + "' takes one " +
+                    (position ? "16-bit position (-32768 to 65535)" : "count of milliseconds");
+            return std::nullopt;
+        }
+        op.value = long(*v);
+        break;
+    }
+    case ActuatorOp::Kind::SetConfig:
+        for (size_t i = 1; i < fields.size(); i++) {
+            auto v = parse_integer(fields[i], 0, 0xFFFFFFFFll);
+            if (!v) {
+                error = "'" + token + "': '" + fields[i] + "' is not a 32-bit number";
+                return std::nullopt;
+            }
+            op.config.push_back(ULONG(*v));
+        }
+        // The driver reads as many pairs as the count says.
+        if (op.config.size() != 1 + 2 * size_t(op.config[0])) {
+            error = "'" + token + "' gives a count of " + std::to_string(op.config[0]) + ", which needs " +
+                    std::to_string(2 * size_t(op.config[0])) + " values after it, not " +
+                    std::to_string(op.config.size() - 1);
+            return std::nullopt;
+        }
+        break;
+    default:
+        break;
+    }
+    return op;
+}
+
+std::optional<std::vector<ActuatorOp>> parse_actuator_ops(const std::string& list, std::string& error)
+{
     std::vector<ActuatorOp> ops;
     for (auto& token : split(list, ',')) {
-        auto fields = split(token, ':');
-        auto* known = std::find_if(std::begin(names), std::end(names),
-                                   [&](auto& n) { return !fields.empty() && fields[0] == n.name; });
-        if (token.empty()) {
-            error = "--vcm-ops: an empty operation in '" + list + "'";
+        auto op = parse_actuator_op(token, error);
+        if (!op) {
+            error = "--vcm-ops: " + error + (token.empty() ? " in '" + list + "'" : "");
             return std::nullopt;
         }
-        if (known == std::end(names)) {
-            error = "--vcm-ops: unknown operation '" + token +
-                    "' (init, setpos:N, getpos, status, hpstatus, setconfig:COUNT:REG:DATA:..., resetpos, advance:MS)";
-            return std::nullopt;
-        }
-        ActuatorOp op{known->kind, 0, {}, token};
-        size_t arguments = fields.size() - 1;
-        if ((known->argument == nullptr) != (arguments == 0)) {
-            error = "--vcm-ops: '" + token + "' " +
-                    (known->argument ? std::string("needs ") + known->argument + ", as " + known->name + ":300"
-                                     : std::string("takes no argument"));
-            return std::nullopt;
-        }
-        long long v = 0;
-        switch (op.kind) {
-        case ActuatorOp::Kind::SetPos:
-        case ActuatorOp::Kind::Advance: {
-            bool position = op.kind == ActuatorOp::Kind::SetPos;
-            if (arguments != 1 || !parse_number(fields[1], position ? -32768 : 0, position ? 65535 : 3600000, v)) {
-                error = "--vcm-ops: '" + token + "' takes one " +
-                        (position ? "16-bit position (-32768 to 65535)" : "count of milliseconds");
-                return std::nullopt;
-            }
-            op.value = long(v);
-            break;
-        }
-        case ActuatorOp::Kind::SetConfig:
-            for (size_t i = 1; i < fields.size(); i++) {
-                if (!parse_number(fields[i], 0, 0xFFFFFFFFll, v)) {
-                    error = "--vcm-ops: '" + token + "': '" + fields[i] + "' is not a 32-bit number";
-                    return std::nullopt;
-                }
-                op.config.push_back(ULONG(v));
-            }
-            // The driver reads as many pairs as the count says.
-            if (op.config.size() != 1 + 2 * size_t(op.config[0])) {
-                error = "--vcm-ops: '" + token + "' gives a count of " + std::to_string(op.config[0]) +
-                        ", which needs " + std::to_string(2 * size_t(op.config[0])) + " values after it, not " +
-                        std::to_string(op.config.size() - 1);
-                return std::nullopt;
-            }
-            break;
-        default:
-            break;
-        }
-        ops.push_back(std::move(op));
+        ops.push_back(std::move(*op));
     }
     return ops;
 }
 
 void add_actuator_options(CLI::App& app, ActuatorOptions& options)
 {
-    app.add_option("--vcm", options.chip, "attach a lens actuator: " + known_chips() + ", or its table row 1-8");
+    app.add_option("--vcm", options.chip, "attach a lens actuator: " + actuator_chip_names() + ", or its table row 1-8");
     app.add_option("--vcm-connection", options.connection, "its resource-hub connection id (default 0x1C)");
     app.add_option("--vcm-low", options.low, "VcmLowPosition of the module")->check(CLI::Range(0, 65535));
     app.add_option("--vcm-high", options.high, "VcmHighPosition of the module")->check(CLI::Range(0, 65535));
@@ -156,7 +141,7 @@ std::optional<std::vector<ActuatorOp>> check_actuator_options(const ActuatorOpti
         return std::vector<ActuatorOp>{};
     }
     if (sim::find_actuator_chip(options.chip) == nullptr) {
-        error = "unknown actuator chip '" + options.chip + "' (" + known_chips() + ", or 1-8)";
+        error = "unknown actuator chip '" + options.chip + "' (" + actuator_chip_names() + ", or 1-8)";
         return std::nullopt;
     }
     return parse_actuator_ops(options.ops, error);
@@ -176,6 +161,62 @@ void attach_actuator(host::System& sys, PDEVICE_CONTEXT context, const ActuatorO
     }
 }
 
+ordered_json run_actuator_op(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOp& op)
+{
+    const VCM_DRIVER& row = VcmDrivers[context->VcmType];
+    ordered_json r = ordered_json::object();
+    NTSTATUS status = STATUS_SUCCESS;
+    USHORT position = 0;
+    ULONG flag = 0;
+    switch (op.kind) {
+    case ActuatorOp::Kind::Init:
+        status = row.Init(context);
+        break;
+    case ActuatorOp::Kind::SetPos:
+        status = row.SetPos(context, SHORT(op.value));
+        break;
+    case ActuatorOp::Kind::GetPos:
+        status = row.GetPos(context, &position);
+        r["position"] = position;
+        break;
+    case ActuatorOp::Kind::Status:
+        status = row.GetStatus(context, &flag);
+        r["moving"] = flag;
+        break;
+    case ActuatorOp::Kind::HpStatus:
+        status = row.GetHPStatus(context, &flag);
+        r["settled"] = flag;
+        break;
+    case ActuatorOp::Kind::SetConfig:
+        status = row.SetConfig(context, op.config.data());
+        break;
+    case ActuatorOp::Kind::ResetPos:
+        status = row.ResetPos(context);
+        break;
+    case ActuatorOp::Kind::Advance:
+        sys.clock().advance_ms(op.value);
+        break;
+    }
+    r["status"] = host::status_name(status);
+    r["recorded_position"] = context->VcmPosition;
+    return r;
+}
+
+ordered_json lens_trajectory(const sim::ActuatorModel* model, int64_t origin, int64_t end)
+{
+    ordered_json out;
+    out["max_code"] = model ? model->chip().max_code : 1023;
+    ordered_json trajectory = ordered_json::array();
+    if (model) {
+        for (auto& p : model->trajectory()) {
+            trajectory.push_back({{"time_ms", ms(p.time - origin)}, {"code", p.code}});
+        }
+    }
+    out["trajectory"] = trajectory;
+    out["end_ms"] = ms(end - origin);
+    return out;
+}
+
 ordered_json run_actuator(host::System& sys, PDEVICE_CONTEXT context, const std::vector<ActuatorOp>& ops)
 {
     ordered_json out;
@@ -183,58 +224,23 @@ ordered_json run_actuator(host::System& sys, PDEVICE_CONTEXT context, const std:
         out["error"] = "the device has no actuator selected";
         return out;
     }
-    const VCM_DRIVER& row = VcmDrivers[context->VcmType];
     const I2C_CONNECTION& slot = context->I2cConnections[I2C_SLOT_VCM];
     auto model = std::dynamic_pointer_cast<sim::ActuatorModel>(sys.bus().peripheral(slot.ConnectionId));
 
     int64_t origin = sys.clock().now();
     uint64_t first = sys.bus().transfer_count();
-    out["chip"] = row.Name;
+    out["chip"] = VcmDrivers[context->VcmType].Name;
     out["row"] = context->VcmType;
     out["connection"] = slot.ConnectionId;
     out["low"] = context->VcmLowPosition;
     out["high"] = context->VcmHighPosition;
     out["module"] = std::string(context->SensorName, strnlen(context->SensorName, sizeof context->SensorName));
     out["bus_speed"] = bus_speed_text(sys.bus().speed());
-    out["max_code"] = model ? model->chip().max_code : 1023;
 
     ordered_json results = ordered_json::array();
     for (auto& op : ops) {
         ordered_json r = {{"op", op.text}, {"time_ms", ms(sys.clock().now() - origin)}};
-        NTSTATUS status = STATUS_SUCCESS;
-        USHORT position = 0;
-        ULONG flag = 0;
-        switch (op.kind) {
-        case ActuatorOp::Kind::Init:
-            status = row.Init(context);
-            break;
-        case ActuatorOp::Kind::SetPos:
-            status = row.SetPos(context, SHORT(op.value));
-            break;
-        case ActuatorOp::Kind::GetPos:
-            status = row.GetPos(context, &position);
-            r["position"] = position;
-            break;
-        case ActuatorOp::Kind::Status:
-            status = row.GetStatus(context, &flag);
-            r["moving"] = flag;
-            break;
-        case ActuatorOp::Kind::HpStatus:
-            status = row.GetHPStatus(context, &flag);
-            r["settled"] = flag;
-            break;
-        case ActuatorOp::Kind::SetConfig:
-            status = row.SetConfig(context, op.config.data());
-            break;
-        case ActuatorOp::Kind::ResetPos:
-            status = row.ResetPos(context);
-            break;
-        case ActuatorOp::Kind::Advance:
-            sys.clock().advance_ms(op.value);
-            break;
-        }
-        r["status"] = host::status_name(status);
-        r["recorded_position"] = context->VcmPosition;
+        r.update(run_actuator_op(sys, context, op));
         results.push_back(std::move(r));
     }
     out["operations"] = results;
@@ -245,15 +251,7 @@ ordered_json run_actuator(host::System& sys, PDEVICE_CONTEXT context, const std:
                      transcript.end());
     out["transcript"] = transcript_json(transcript, origin);
     out["transcript_lines"] = transcript_lines(transcript, origin);
-
-    ordered_json trajectory = ordered_json::array();
-    if (model) {
-        for (auto& p : model->trajectory()) {
-            trajectory.push_back({{"time_ms", ms(p.time - origin)}, {"code", p.code}});
-        }
-    }
-    out["trajectory"] = trajectory;
-    out["end_ms"] = ms(sys.clock().now() - origin);
+    out.update(lens_trajectory(model.get(), origin, sys.clock().now()));
     return out;
 }
 

@@ -13,6 +13,7 @@
 
 #include "host/system.h"
 #include "sensor/device_context.h"
+#include "sim/actuator.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -31,7 +32,12 @@ struct ActuatorOp {
     std::string text;           // as written
 };
 
-// The list, or a message saying what is wrong with it.
+// "AD5823, DW9714, ...": the chips a model exists for, in table order.
+std::string actuator_chip_names();
+
+// One operation ("setpos:300"), or a message saying what is wrong with it.
+std::optional<ActuatorOp> parse_actuator_op(const std::string& token, std::string& error);
+// The comma-separated list, or a message saying what is wrong with it.
 std::optional<std::vector<ActuatorOp>> parse_actuator_ops(const std::string& list, std::string& error);
 
 struct ActuatorOptions {
@@ -58,6 +64,14 @@ void attach_actuator(host::System& sys, PDEVICE_CONTEXT context, const ActuatorO
 // chip, each operation with its status and outputs, the decoded bus
 // transcript and the lens trajectory (times in ms from the start of the run).
 nlohmann::ordered_json run_actuator(host::System& sys, PDEVICE_CONTEXT context, const std::vector<ActuatorOp>& ops);
+
+// One operation through the selected row (VcmType 1 to 8): its status, what
+// it read ("position", "moving", "settled") and the recorded position.
+nlohmann::ordered_json run_actuator_op(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOp& op);
+
+// Every code the model latched, with times in ms from `origin`, the run's
+// end and the chip's largest code: what trajectory_svg() draws.
+nlohmann::ordered_json lens_trajectory(const sim::ActuatorModel* model, int64_t origin, int64_t end);
 
 // The tool's run: attach, run, write the chart if asked. False with a
 // message when the chart cannot be written.

@@ -1,15 +1,23 @@
 // bus_report.cpp - the decoded bus transcript.
 #include "bus_report.h"
 
+#include "parse.h"
+
 #include "host/system.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
 
 namespace korvanel::tool {
+
+std::string connection_text(uint64_t connection)
+{
+    char text[24];
+    snprintf(text, sizeof text, "0x%" PRIx64, connection);
+    return text;
+}
 
 std::string hex_bytes(const uint8_t* data, size_t n)
 {
@@ -22,17 +30,28 @@ std::string hex_bytes(const uint8_t* data, size_t n)
     return out;
 }
 
-namespace {
-
-std::string milliseconds(int64_t units)
+std::vector<std::string> hex_dump(const std::vector<uint8_t>& bytes)
 {
-    char text[32];
-    snprintf(text, sizeof text, "%s%" PRId64 ".%04" PRId64, units < 0 ? "-" : "", int64_t(std::llabs(units) / 10000),
-             int64_t(std::llabs(units) % 10000));
-    return text;
+    std::vector<std::string> lines;
+    bool repeating = false;
+    for (size_t at = 0; at < bytes.size(); at += 16) {
+        size_t n = std::min<size_t>(16, bytes.size() - at);
+        bool same = at >= 16 && n == 16 && std::equal(bytes.begin() + ptrdiff_t(at), bytes.begin() + ptrdiff_t(at + 16),
+                                                      bytes.begin() + ptrdiff_t(at - 16));
+        if (same && at + 16 < bytes.size()) {
+            if (!repeating) {
+                lines.push_back("*");
+            }
+            repeating = true;
+            continue;
+        }
+        repeating = false;
+        char head[32];
+        snprintf(head, sizeof head, "%06zx  ", at);
+        lines.push_back(head + hex_bytes(&bytes[at], n));
+    }
+    return lines;
 }
-
-}  // namespace
 
 std::optional<host::BusSpeed> parse_bus_speed(const std::string& text)
 {
@@ -62,8 +81,8 @@ std::string bus_speed_text(host::BusSpeed speed)
 std::string transfer_line(const host::BusTransfer& t, int64_t origin)
 {
     char head[96];
-    snprintf(head, sizeof head, "%10s ms  conn 0x%" PRIx64 "  %s %3u:", milliseconds(t.time - origin).c_str(),
-             t.connection, t.direction == host::Direction::Write ? "W" : "R", t.length);
+    snprintf(head, sizeof head, "%10s ms  conn %s  %s %3u:", milliseconds(t.time - origin).c_str(),
+             connection_text(t.connection).c_str(), t.direction == host::Direction::Write ? "W" : "R", t.length);
     std::string line = head;
     if (!t.bytes.empty()) {
         line += " " + hex_bytes(t.bytes.data(), t.bytes.size());

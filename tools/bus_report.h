@@ -24,7 +24,12 @@ std::optional<host::BusSpeed> parse_bus_speed(const std::string& text);
 // "400 kHz", "instant".
 std::string bus_speed_text(host::BusSpeed speed);
 
+// "0x1c": a connection id as the transcript shows it.
+std::string connection_text(uint64_t connection);
+
 // "03 80 1F", upper-case hex bytes separated by blanks.
 std::string hex_bytes(const uint8_t* data, size_t n);
+// 16 bytes a line with the address; runs of equal lines are shown as "*".
+std::vector<std::string> hex_dump(const std::vector<uint8_t>& bytes);
 
 }  // namespace korvanel::tool

@@ -7,12 +7,20 @@
 //   korvanel-sim --hwid 'root\KORVANEL\rgbir'    another variant
 //   korvanel-sim --reg MipiLanes=4 --reg MipiMBps=1500
 //   korvanel-sim --select 2:1920:1080:0 --trace --json
+//   korvanel-sim --raw                             records with their bytes
+//   korvanel-sim --trace-level error --trace-module sensor
 //   korvanel-sim --real-time                       waits take real time
 //   korvanel-sim --nvm 10 --nvm-ops load,load --bus-speed 400k   a module memory
 //   korvanel-sim --vcm DW9719 --vcm-ops init,setpos:300,resetpos --svg lens.svg
+//   korvanel-sim run examples/preview_mode.jsonc    a scenario file
 #include "actuator_cli.h"
 #include "bus_report.h"
+#include "calls.h"
 #include "memory_cli.h"
+#include "parse.h"
+#include "records.h"
+#include "scenario.h"
+#include "trace_view.h"
 #include "host/bus.h"
 #include "host/system.h"
 #include "sensor/sensor_interface.h"
@@ -22,8 +30,8 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
+#include <cstring>
 #include <iostream>
-#include <sstream>
 
 using korvanel::host::DeviceConfig;
 using korvanel::host::System;
@@ -42,6 +50,9 @@ const char* const kSlotNames[SENSOR_INTERFACE_SLOTS] = {
 
 const char* const kTableNames[] = {"Still", "Video", "Preview", "Raw"};
 
+// The image sizes the report asks PDAF information for.
+const std::pair<ULONG, ULONG> kPdafSizes[] = {{4208, 3120}, {4032, 3024}, {1920, 1120}};
+
 const void* slot(const SENSOR_INTERFACE& si, int k)
 {
     const void* p;
@@ -49,33 +60,27 @@ const void* slot(const SENSOR_INTERFACE& si, int k)
     return p;
 }
 
-std::string hex_bytes(const void* data, size_t n)
+bool provided(const SENSOR_INTERFACE& si, const char* name)
 {
-    return korvanel::tool::hex_bytes(static_cast<const uint8_t*>(data), n);
+    for (int k = 0; k < SENSOR_INTERFACE_SLOTS; k++) {
+        if (kSlotNames[k] != nullptr && strcmp(kSlotNames[k], name) == 0) {
+            return slot(si, k) != nullptr;
+        }
+    }
+    return false;
 }
 
-std::string text_field(const char* field, size_t size) { return std::string(field, strnlen(field, size)); }
-
-ordered_json mode_list(const MODE_LIST* list)
+// One call as the camera driver makes it; the report's own arguments are
+// always right.
+ordered_json call(const SENSOR_INTERFACE& si, const char* name, const ordered_json& args, bool raw)
 {
-    ordered_json rows = ordered_json::array();
-    if (list == nullptr) {
-        return rows;
-    }
-    auto* entries = static_cast<const MODE_ENTRY*>(list->Entries);
-    for (ULONG i = 0; i < list->Count && entries; i++) {
-        rows.push_back({{"width", entries[i].Width},
-                        {"height", entries[i].Height},
-                        {"fps", entries[i].FrameRate},
-                        {"words", {entries[i].Fixed0, entries[i].Fixed1, entries[i].Word5, entries[i].Word7}}});
-    }
-    return rows;
+    korvanel::tool::ArgumentError error;
+    return korvanel::tool::prepare_call(name, args, error)(si, raw);
 }
 
 // Asks every provided slot what it tells the camera driver.
-ordered_json describe(SENSOR_INTERFACE& si, const std::vector<LONG>& select)
+ordered_json describe(SENSOR_INTERFACE& si, const std::vector<LONG>& select, bool raw)
 {
-    auto* ctx = static_cast<PSENSOR_CONTEXT>(si.InterfaceHeader.Context);
     ordered_json out;
     out["interface"] = {{"size", si.InterfaceHeader.Size}, {"version", si.InterfaceHeader.Version}};
     ordered_json slots = ordered_json::array();
@@ -86,111 +91,55 @@ ordered_json describe(SENSOR_INTERFACE& si, const std::vector<LONG>& select)
     }
     out["slots"] = slots;
 
-    if (si.GetModuleInfo) {
-        SENSOR_MODULE_INFO info{};
-        NTSTATUS status = si.GetModuleInfo(ctx, &info);
-        out["module"] = {{"status", status_name(status)},
-                         {"guid", korvanel::host::guid_text(info.SensorGuid)},
-                         {"variant_code", info.VariantCode},
-                         {"mipi_format", info.MipiFormat},
-                         {"driver", text_field(info.DriverName, sizeof info.DriverName)},
-                         {"sensor", text_field(info.SensorName, sizeof info.SensorName)},
-                         {"module", text_field(info.ModuleName, sizeof info.ModuleName)},
-                         {"base_sensor", text_field(info.BaseSensorName, sizeof info.BaseSensorName)},
-                         {"revision", text_field(info.ModuleRevision, sizeof info.ModuleRevision)},
-                         {"vendor", text_field(info.VendorName, sizeof info.VendorName)}};
-    }
-    if (si.GetSensorCaps) {
-        SENSOR_CAPS caps{};
-        NTSTATUS status = si.GetSensorCaps(ctx, &caps);
-        out["caps"] = {{"status", status_name(status)},
-                       {"bytes", hex_bytes(&caps, sizeof caps)},
-                       {"caps_mode", (caps.ModeFlags & SENSOR_CAPS_MODE_MASK) >> SENSOR_CAPS_MODE_SHIFT}};
-    }
-    if (si.GetParameterWord) {
-        ULONG word = 0;
-        NTSTATUS status = si.GetParameterWord(ctx, &word);
-        char hex[16];
-        snprintf(hex, sizeof hex, "0x%08X", word);
-        out["parameter_word"] = {{"status", status_name(status)}, {"value", hex}};
-    }
-    if (si.GetSensorParameters) {
-        const SENSOR_PARAMETERS* parameters = nullptr;
-        NTSTATUS status = si.GetSensorParameters(ctx, &parameters);
-        ordered_json p = {{"status", status_name(status)}};
-        if (parameters) {
-            p["first_words"] = std::vector<ULONG>(parameters->Values, parameters->Values + 15);
-            p["pdaf_type"] = parameters->PdafType;
+    const std::pair<const char*, const char*> simple[] = {
+        {"module", "GetModuleInfo"},        {"caps", "GetSensorCaps"},       {"parameter_word", "GetParameterWord"},
+        {"parameters", "GetSensorParameters"}, {"mipi", "GetMipiConfig"},   {"aux_flag", "GetAuxFlag"},
+        {"mode_lists", "GetModeTables"},    {"pdaf_list", "GetPdafTable"},
+    };
+    for (auto [key, name] : simple) {
+        if (provided(si, name)) {
+            out[key] = call(si, name, ordered_json::object(), raw);
         }
-        out["parameters"] = p;
     }
-    if (si.GetMipiConfig) {
-        ULONG port = 0, lanes = 0, format = 0;
-        si.GetMipiConfig(ctx, &port, &lanes, &format);
-        out["mipi"] = {{"port", port}, {"lanes", lanes}, {"format", format}};
+    if (provided(si, "QueryProperty")) {
+        out["link_rate"] = call(si, "QueryProperty", {{"Id", SensorPropertyLinkRate}}, raw);
     }
-    if (si.QueryProperty) {
-        ULONG rate = 0;
-        NTSTATUS status = si.QueryProperty(ctx, SensorPropertyLinkRate, &rate);
-        out["link_rate"] = {{"status", status_name(status)}, {"bits_per_second", rate}};
-    }
-    if (si.GetAuxFlag) {
-        ULONG flag = 0;
-        NTSTATUS status = si.GetAuxFlag(ctx, &flag);
-        out["aux_flag"] = {{"status", status_name(status)}, {"value", flag}};
-    }
-    if (si.GetModeTables) {
-        const MODE_LIST* lists[4] = {};
-        NTSTATUS status = si.GetModeTables(ctx, &lists[0], &lists[1], &lists[2], &lists[3]);
-        ordered_json tables = {{"status", status_name(status)}};
-        for (int t = 0; t < 4; t++) {
-            tables[kTableNames[t]] = mode_list(lists[t]);
-        }
-        out["mode_lists"] = tables;
-    }
-    if (si.GetPdafTable) {
-        const MODE_LIST* list = nullptr;
-        NTSTATUS status = si.GetPdafTable(ctx, &list);
-        ordered_json rows = ordered_json::array();
-        if (list) {
-            auto* modes = static_cast<const PDAF_MODE*>(list->Entries);
-            for (ULONG i = 0; i < list->Count && modes; i++) {
-                rows.push_back({{"width", modes[i].Width}, {"height", modes[i].Height}, {"fps", modes[i].FrameRate}});
-            }
-        }
-        out["pdaf_list"] = {{"status", status_name(status)}, {"rows", rows}};
-    }
-    if (si.GetPdafInfo) {
+    if (provided(si, "GetPdafInfo")) {
         ordered_json answers = ordered_json::array();
-        for (auto [w, h] : {std::pair<ULONG, ULONG>{4208, 3120}, {4032, 3024}, {1920, 1120}}) {
-            PDAF_INFO info{};
-            info.Width = w;
-            info.Height = h;
-            PPDAF_INFO p = &info;
-            NTSTATUS status = si.GetPdafInfo(ctx, &p);
-            answers.push_back({{"image", std::to_string(w) + "x" + std::to_string(h)},
-                               {"status", status_name(status)},
-                               {"pdaf", std::to_string(info.PdafWidth) + "x" + std::to_string(info.PdafHeight)},
-                               {"interleave", info.InterleaveMode},
-                               {"flags", {info.FormatFlagA, info.FormatFlagB}},
-                               {"word36", info.Word36}});
+        for (auto [w, h] : kPdafSizes) {
+            ordered_json a = {{"image", std::to_string(w) + "x" + std::to_string(h)}};
+            a.update(call(si, "GetPdafInfo", {{"Width", w}, {"Height", h}}, raw));
+            answers.push_back(a);
         }
         out["pdaf_info"] = answers;
     }
-    if (si.SelectMode && select.size() == 4) {
-        NTSTATUS status = si.SelectMode(ctx, select[0], select[1], select[2], select[3]);
-        out["select"] = {{"request", select}, {"status", status_name(status)}};
+    if (provided(si, "SelectMode") && select.size() == 4) {
+        ordered_json s = {{"request", select}};
+        s.update(call(si, "SelectMode",
+                      {{"TableIndex", select[0]}, {"MinWidth", select[1]}, {"MinHeight", select[2]},
+                       {"FrameRate", select[3]}},
+                      raw));
+        out["select"] = s;
     }
-    if (si.GetModeInfo) {
-        SENSOR_MODE_INFO info{};
-        ULONG size = sizeof info;
-        NTSTATUS status = si.GetModeInfo(ctx, &size, &info);
-        out["mode_info"] = {{"status", status_name(status)},
-                            {"width", info.Width},
-                            {"height", info.Height},
-                            {"bytes", hex_bytes(&info, sizeof info)}};
+    if (provided(si, "GetModeInfo")) {
+        out["mode_info"] = call(si, "GetModeInfo", ordered_json::object(), raw);
     }
     return out;
+}
+
+unsigned number(const ordered_json& value) { return value.get<unsigned>(); }
+
+// A record under its type name and the call that filled it, field by field;
+// with --raw, its bytes after them.
+void print_record(const char* call_name, const ordered_json& result)
+{
+    const auto* layout = korvanel::tool::call_record(call_name);
+    ordered_json fields = result;
+    fields.erase("status");
+    printf("%s (%s: %s):\n", layout->name, call_name, result.value("status", std::string("no status")).c_str());
+    for (auto& line : korvanel::tool::record_lines(*layout, {fields})) {
+        printf("%s\n", line.c_str());
+    }
 }
 
 void print_text(const ordered_json& d, const std::string& hwid)
@@ -202,61 +151,65 @@ void print_text(const ordered_json& d, const std::string& hwid)
         printf("  slot %2d  %s\n", s["slot"].get<int>(), s["name"].get<std::string>().c_str());
     }
     if (d.contains("module")) {
-        auto& m = d["module"];
-        printf("Identity: %s \"%s\", variant code %d, MIPI format %d\n", m["guid"].get<std::string>().c_str(),
-               m["sensor"].get<std::string>().c_str(), m["variant_code"].get<int>(), m["mipi_format"].get<int>());
-        printf("  driver \"%s\", module \"%s\", base sensor \"%s\", revision \"%s\", vendor \"%s\"\n",
-               m["driver"].get<std::string>().c_str(), m["module"].get<std::string>().c_str(),
-               m["base_sensor"].get<std::string>().c_str(), m["revision"].get<std::string>().c_str(),
-               m["vendor"].get<std::string>().c_str());
+        print_record("GetModuleInfo", d["module"]);
     }
     if (d.contains("caps")) {
-        printf("Capabilities: %s (capability mode %d)\n", d["caps"]["bytes"].get<std::string>().c_str(),
-               d["caps"]["caps_mode"].get<int>());
+        print_record("GetSensorCaps", d["caps"]);
     }
     if (d.contains("parameter_word")) {
-        printf("Parameter word: %s\n", d["parameter_word"]["value"].get<std::string>().c_str());
+        printf("Parameter word (GetParameterWord): 0x%08X\n", number(d["parameter_word"]["Value"]));
     }
-    if (d.contains("parameters") && d["parameters"].contains("first_words")) {
-        printf("Parameters: %s ..., PDAF type %u\n", d["parameters"]["first_words"].dump().c_str(),
-               d["parameters"]["pdaf_type"].get<unsigned>());
+    if (d.contains("parameters") && d["parameters"].contains("Values")) {
+        print_record("GetSensorParameters", d["parameters"]);
     }
     if (d.contains("mipi")) {
-        printf("MIPI link: port %u, %u lanes, data format %u", d["mipi"]["port"].get<unsigned>(),
-               d["mipi"]["lanes"].get<unsigned>(), d["mipi"]["format"].get<unsigned>());
+        auto& m = d["mipi"];
+        printf("MIPI link: port %u, %u lanes, data format %u", number(m["Port"]), number(m["Lanes"]),
+               number(m["Format"]));
         if (d.contains("link_rate")) {
-            printf(", link rate %u bit/s", d["link_rate"]["bits_per_second"].get<unsigned>());
+            printf(", link rate %u bit/s", number(d["link_rate"]["Value"]));
         }
         printf("\n");
     }
     if (d.contains("aux_flag")) {
-        printf("Aux flag: %u\n", d["aux_flag"]["value"].get<unsigned>());
+        printf("Aux flag: %u\n", number(d["aux_flag"]["Value"]));
     }
     if (d.contains("mode_lists")) {
         for (auto* name : kTableNames) {
-            auto& rows = d["mode_lists"][name];
+            if (!d["mode_lists"].contains(name)) {
+                continue;
+            }
+            auto& rows = d["mode_lists"][name]["Entries"];
             printf("Mode list %s (%zu):", name, rows.size());
             int i = 0;
             for (auto& r : rows) {
-                printf("%s %ux%u@%u", i++ % 6 ? "," : "\n ", r["width"].get<unsigned>(), r["height"].get<unsigned>(),
-                       r["fps"].get<unsigned>());
+                printf("%s %ux%u@%u", i++ % 6 ? "," : "\n ", number(r["Width"]), number(r["Height"]),
+                       number(r["FrameRate"]));
             }
             printf("\n");
         }
     }
-    if (d.contains("pdaf_list")) {
-        printf("PDAF list (%zu):", d["pdaf_list"]["rows"].size());
-        for (auto& r : d["pdaf_list"]["rows"]) {
-            printf(" %ux%u@%u", r["width"].get<unsigned>(), r["height"].get<unsigned>(), r["fps"].get<unsigned>());
+    if (d.contains("pdaf_list") && d["pdaf_list"].contains("List")) {
+        auto& rows = d["pdaf_list"]["List"]["Entries"];
+        printf("PDAF list (%zu):", rows.size());
+        for (auto& r : rows) {
+            printf(" %ux%u@%u", number(r["Width"]), number(r["Height"]), number(r["FrameRate"]));
         }
         printf("\n");
     }
     if (d.contains("pdaf_info")) {
+        std::vector<ordered_json> answers;
+        std::vector<std::string> images;
         for (auto& a : d["pdaf_info"]) {
-            printf("PDAF info for %s: %s, PDAF %s, interleave %u, flags %s, word 36 = %u\n",
-                   a["image"].get<std::string>().c_str(), a["status"].get<std::string>().c_str(),
-                   a["pdaf"].get<std::string>().c_str(), a["interleave"].get<unsigned>(), a["flags"].dump().c_str(),
-                   a["word36"].get<unsigned>());
+            ordered_json fields = a;
+            fields.erase("image");
+            answers.push_back(fields);
+            images.push_back(a["image"].get<std::string>());
+        }
+        const auto* layout = korvanel::tool::call_record("GetPdafInfo");
+        printf("%s (GetPdafInfo for each image size):\n", layout->name);
+        for (auto& line : korvanel::tool::record_lines(*layout, answers, images)) {
+            printf("%s\n", line.c_str());
         }
     }
     if (d.contains("select")) {
@@ -264,30 +217,8 @@ void print_text(const ordered_json& d, const std::string& hwid)
                d["select"]["status"].get<std::string>().c_str());
     }
     if (d.contains("mode_info")) {
-        auto& m = d["mode_info"];
-        printf("Mode info (%s): %ux%u\n  %s\n", m["status"].get<std::string>().c_str(), m["width"].get<unsigned>(),
-               m["height"].get<unsigned>(), m["bytes"].get<std::string>().c_str());
+        print_record("GetModeInfo", d["mode_info"]);
     }
-}
-
-bool parse_registry_value(const std::string& assignment, std::string& name, uint32_t& value)
-{
-    auto eq = assignment.find('=');
-    if (eq == std::string::npos || eq == 0) {
-        return false;
-    }
-    name = assignment.substr(0, eq);
-    try {
-        size_t used = 0;
-        unsigned long v = std::stoul(assignment.substr(eq + 1), &used, 0);
-        if (used != assignment.size() - eq - 1 || v > 0xFFFFFFFFul) {
-            return false;
-        }
-        value = uint32_t(v);
-    } catch (...) {
-        return false;
-    }
-    return true;
 }
 
 }  // namespace
@@ -298,14 +229,16 @@ int main(int argc, char** argv)
     std::string hwid = "root\\KORVANEL";
     std::vector<std::string> registry_values;
     std::string select_spec;
-    bool show_trace = false;
     bool json = false;
+    bool raw = false;
     bool real_time = false;
     app.add_option("--hwid", hwid, "hardware identifier of the device (default root\\KORVANEL)");
     app.add_option("--reg", registry_values, "REG_DWORD value under the service key, NAME=VALUE (repeatable)");
     app.add_option("--select", select_spec, "SelectMode before reading the mode info: TABLE:WIDTH:HEIGHT:FPS");
-    app.add_flag("--trace", show_trace, "print the driver's decoded trace");
+    korvanel::tool::TraceOptions trace;
+    korvanel::tool::add_trace_options(app, trace);
     app.add_flag("--json", json, "print machine-readable JSON");
+    app.add_flag("--raw", raw, "show each record's bytes beside its fields");
     app.add_flag("--real-time", real_time, "run on the real clock: waits sleep and stalls spin");
     std::string bus_speed;
     app.add_option("--bus-speed", bus_speed, "I2C clock for wire time: 100k, 400k or 1m (default: no wire time)");
@@ -313,6 +246,14 @@ int main(int argc, char** argv)
     korvanel::tool::add_memory_options(app, memory);
     korvanel::tool::ActuatorOptions actuator;
     korvanel::tool::add_actuator_options(app, actuator);
+
+    auto* run = app.add_subcommand("run", "run a scenario file: its devices, its steps and what each step expects");
+    std::string scenario_file;
+    korvanel::tool::ScenarioOptions scenario;
+    run->add_option("FILE", scenario_file, "the scenario (JSON, comments allowed)")->required();
+    run->add_flag("-v,--verbose", scenario.verbose, "print each step's values, bus transfers and trace events");
+    run->add_flag("--json", scenario.json, "print the run as JSON");
+    korvanel::tool::add_trace_options(*run, scenario.trace);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -322,23 +263,22 @@ int main(int argc, char** argv)
         std::cerr << "korvanel-sim: " << e.what() << "\n\n" << app.help();
         return 2;
     }
+    if (run->parsed()) {
+        return korvanel::tool::run_scenario_file(scenario_file, scenario, std::cout, std::cerr);
+    }
 
     std::vector<LONG> select;
-    if (!select_spec.empty()) {
-        std::stringstream ss(select_spec);
-        std::string part;
-        while (std::getline(ss, part, ':')) {
-            try {
-                select.push_back(std::stol(part, nullptr, 0));
-            } catch (...) {
-                select.clear();
-                break;
-            }
+    for (auto& part : select_spec.empty() ? std::vector<std::string>{} : korvanel::tool::split(select_spec, ':')) {
+        auto v = korvanel::tool::parse_integer(part, INT32_MIN, INT32_MAX);
+        select.push_back(LONG(v.value_or(0)));
+        if (!v) {
+            select.clear();
+            break;
         }
-        if (select.size() != 4) {
-            std::cerr << "korvanel-sim: --select takes TABLE:WIDTH:HEIGHT:FPS\n\n" << app.help();
-            return 2;
-        }
+    }
+    if (!select_spec.empty() && select.size() != 4) {
+        std::cerr << "korvanel-sim: --select takes TABLE:WIDTH:HEIGHT:FPS\n\n" << app.help();
+        return 2;
     }
 
     std::string error;
@@ -357,17 +297,20 @@ int main(int argc, char** argv)
         sys.clock().set_mode(korvanel::host::Clock::Mode::Real);
     }
     for (auto& assignment : registry_values) {
-        std::string name;
-        uint32_t value;
-        if (!parse_registry_value(assignment, name, value)) {
+        auto eq = assignment.find('=');
+        auto value = eq == std::string::npos || eq == 0
+                         ? std::nullopt
+                         : korvanel::tool::parse_integer(assignment.substr(eq + 1), 0, 0xFFFFFFFFll);
+        if (!value) {
             std::cerr << "korvanel-sim: --reg takes NAME=VALUE with a 32-bit number, not '" << assignment << "'\n";
             return 2;
         }
-        sys.registry().set_dword(name, value);
+        sys.registry().set_dword(assignment.substr(0, eq), uint32_t(*value));
     }
-    if (show_trace) {
+    if (trace.requested()) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }
+    int64_t origin = sys.clock().now();
 
     NTSTATUS status = sys.load_driver();
     if (!NT_SUCCESS(status)) {
@@ -388,7 +331,7 @@ int main(int argc, char** argv)
         std::cerr << "korvanel-sim: query interface failed: " << status_name(status) << "\n";
         return 1;
     }
-    ordered_json description = describe(si, select);
+    ordered_json description = describe(si, select, raw);
     auto* context = static_cast<PDEVICE_CONTEXT>(dev.context());
     if (memory.requested()) {
         description["memory"] = korvanel::tool::run_memory_options(sys, context, memory);
@@ -401,8 +344,9 @@ int main(int argc, char** argv)
     si.InterfaceHeader.InterfaceDereference(si.InterfaceHeader.Context);
 
     auto report = sys.unload_driver();
-    if (show_trace) {
-        description["trace"] = sys.traces().lines();
+    auto entries = korvanel::tool::trace_entries(sys.traces(), sys.traces().events(), trace);
+    if (trace.requested()) {
+        description["trace"] = korvanel::tool::trace_json(entries, origin);
     }
     description["unload"] = report.clean() ? "clean" : report.text();
 
@@ -416,10 +360,10 @@ int main(int argc, char** argv)
         if (description.contains("actuator")) {
             korvanel::tool::print_actuator(description["actuator"]);
         }
-        if (show_trace) {
+        if (trace.requested()) {
             printf("Trace:\n");
-            for (auto& line : sys.traces().lines()) {
-                printf("  %s\n", line.c_str());
+            for (auto& e : entries) {
+                printf("  %s\n", korvanel::tool::trace_line(e, origin).c_str());
             }
         }
         printf("Unload: %s\n", report.clean() ? "clean" : report.text().c_str());

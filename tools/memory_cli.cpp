@@ -1,6 +1,7 @@
 // memory_cli.cpp - korvanel-sim's module-memory work.
 #include "memory_cli.h"
 #include "bus_report.h"
+#include "parse.h"
 
 #include "host/bus.h"
 #include "nvm/nvm.h"
@@ -8,68 +9,12 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 
 namespace korvanel::tool {
 
 using nlohmann::ordered_json;
 
 namespace {
-
-std::optional<uint64_t> number(const std::string& text)
-{
-    if (text.empty() || text[0] == '-') {
-        return std::nullopt;
-    }
-    try {
-        size_t used = 0;
-        unsigned long long v = std::stoull(text, &used, 0);
-        if (used != text.size()) {
-            return std::nullopt;
-        }
-        return v;
-    } catch (...) {
-        return std::nullopt;
-    }
-}
-
-std::optional<std::vector<uint8_t>> read_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        return std::nullopt;
-    }
-    return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-std::optional<std::vector<uint8_t>> hex_data(const std::string& text)
-{
-    if (text.empty() || text.size() % 2 != 0) {
-        return std::nullopt;
-    }
-    std::vector<uint8_t> out;
-    for (size_t i = 0; i < text.size(); i += 2) {
-        auto byte = number("0x" + text.substr(i, 2));
-        if (!byte || !isxdigit(uint8_t(text[i])) || !isxdigit(uint8_t(text[i + 1]))) {
-            return std::nullopt;
-        }
-        out.push_back(uint8_t(*byte));
-    }
-    return out;
-}
-
-std::vector<std::string> split(const std::string& text, char separator)
-{
-    std::vector<std::string> parts;
-    std::stringstream ss(text);
-    std::string part;
-    while (std::getline(ss, part, separator)) {
-        parts.push_back(part);
-    }
-    return parts;
-}
 
 std::string in_memory(uint64_t address, uint64_t length, size_t size)
 {
@@ -116,20 +61,20 @@ std::optional<std::string> parse_memory_ops(const std::string& text, size_t size
         if (fields.size() != 3 || (fields[0] != "read" && fields[0] != "write" && fields[0] != "writefile")) {
             return "'" + item + "' is not load, read:ADDR:LEN, write:ADDR:HEXBYTES or writefile:ADDR:FILE";
         }
-        auto address = number(fields[1]);
+        auto address = parse_unsigned(fields[1]);
         if (!address) {
             return "'" + fields[1] + "' is not an address";
         }
         MemoryOp op{fields[0] == "read" ? MemoryOp::Kind::Read : MemoryOp::Kind::Write, uint32_t(*address), 0, {}};
         uint64_t length = 0;
         if (fields[0] == "read") {
-            auto n = number(fields[2]);
+            auto n = parse_unsigned(fields[2]);
             if (!n) {
                 return "'" + fields[2] + "' is not a length";
             }
             length = op.length = uint32_t(std::min<uint64_t>(*n, UINT32_MAX));
         } else {
-            auto data = fields[0] == "write" ? hex_data(fields[2]) : read_file(fields[2]);
+            auto data = fields[0] == "write" ? parse_hex_bytes(fields[2]) : read_binary_file(fields[2]);
             if (!data) {
                 return fields[0] == "write" ? "'" + fields[2] + "' is not a list of hex bytes"
                                             : "cannot read " + fields[2];
@@ -145,27 +90,34 @@ std::optional<std::string> parse_memory_ops(const std::string& text, size_t size
     return std::nullopt;
 }
 
-std::vector<std::string> hex_dump(const std::vector<uint8_t>& bytes)
+ordered_json run_memory_op(_DEVICE_CONTEXT* context, const MemoryOp& op)
 {
-    std::vector<std::string> lines;
-    bool repeating = false;
-    for (size_t at = 0; at < bytes.size(); at += 16) {
-        size_t n = std::min<size_t>(16, bytes.size() - at);
-        bool same = at >= 16 && n == 16 && std::equal(bytes.begin() + ptrdiff_t(at), bytes.begin() + ptrdiff_t(at + 16),
-                                                      bytes.begin() + ptrdiff_t(at - 16));
-        if (same && at + 16 < bytes.size()) {
-            if (!repeating) {
-                lines.push_back("*");
-            }
-            repeating = true;
-            continue;
-        }
-        repeating = false;
-        char head[32];
-        snprintf(head, sizeof head, "%06zx  ", at);
-        lines.push_back(head + hex_bytes(&bytes[at], n));
+    const NVM_DRIVER& row = NvmDriverTable[context->NvmType];
+    NTSTATUS status;
+    ordered_json r;
+    if (op.kind == MemoryOp::Kind::Load) {
+        // The first successful load fills the cache and hands nothing
+        // out; later ones return the cached bytes.
+        bool was_loaded = context->NvmLoaded != 0;
+        std::vector<uint8_t> buffer(NVM_CACHE_SIZE);
+        ULONG size = ULONG(buffer.size());
+        status = row.Load(context, &size, buffer.data());
+        r = {{"op", "load"}, {"size", size}};
+        r["data"] = was_loaded && NT_SUCCESS(status) ? hex_bytes(buffer.data(), size) : "";
+    } else if (op.kind == MemoryOp::Kind::Read) {
+        std::vector<uint8_t> buffer(op.length);
+        status = row.Read ? row.Read(context, USHORT(op.address), buffer.data(), LONG(op.length))
+                          : STATUS_NOT_SUPPORTED;
+        r = {{"op", "read"}, {"address", op.address}, {"length", op.length}};
+        r["data"] = NT_SUCCESS(status) ? hex_bytes(buffer.data(), buffer.size()) : "";
+    } else {
+        status = row.Write ? row.Write(context, USHORT(op.address), op.data.data(), LONG(op.data.size()))
+                           : STATUS_NOT_SUPPORTED;
+        r = {{"op", "write"}, {"address", op.address}, {"length", op.data.size()},
+             {"data", hex_bytes(op.data.data(), op.data.size())}};
     }
-    return lines;
+    r["status"] = host::status_name(status);
+    return r;
 }
 
 ordered_json run_memory(host::System& sys, _DEVICE_CONTEXT* context, const sim::Eeprom& model,
@@ -189,31 +141,7 @@ ordered_json run_memory(host::System& sys, _DEVICE_CONTEXT* context, const sim::
     uint64_t first_transfer = sys.bus().transfer_count();
     ordered_json results = ordered_json::array();
     for (const auto& op : ops) {
-        NTSTATUS status;
-        ordered_json r;
-        if (op.kind == MemoryOp::Kind::Load) {
-            // The first successful load fills the cache and hands nothing
-            // out; later ones return the cached bytes.
-            bool was_loaded = context->NvmLoaded != 0;
-            std::vector<uint8_t> buffer(NVM_CACHE_SIZE);
-            ULONG size = ULONG(buffer.size());
-            status = row.Load(context, &size, buffer.data());
-            r = {{"op", "load"}, {"size", size}};
-            r["data"] = was_loaded && NT_SUCCESS(status) ? hex_bytes(buffer.data(), size) : "";
-        } else if (op.kind == MemoryOp::Kind::Read) {
-            std::vector<uint8_t> buffer(op.length);
-            status = row.Read ? row.Read(context, USHORT(op.address), buffer.data(), LONG(op.length))
-                              : STATUS_NOT_SUPPORTED;
-            r = {{"op", "read"}, {"address", op.address}, {"length", op.length}};
-            r["data"] = NT_SUCCESS(status) ? hex_bytes(buffer.data(), buffer.size()) : "";
-        } else {
-            status = row.Write ? row.Write(context, USHORT(op.address), op.data.data(), LONG(op.data.size()))
-                               : STATUS_NOT_SUPPORTED;
-            r = {{"op", "write"}, {"address", op.address}, {"length", op.data.size()},
-                 {"data", hex_bytes(op.data.data(), op.data.size())}};
-        }
-        r["status"] = host::status_name(status);
-        results.push_back(r);
+        results.push_back(run_memory_op(context, op));
     }
     report["operations"] = results;
 
@@ -247,25 +175,25 @@ std::optional<std::string> prepare_memory(MemoryOptions& options)
                      !options.cache_length.empty();
         return stray ? std::optional<std::string>("the memory options need --nvm TYPE") : std::nullopt;
     }
-    auto type = number(options.type);
+    auto type = parse_unsigned(options.type);
     auto model = type && *type < NVM_TYPE_COUNT ? sim::Eeprom::for_type(unsigned(*type)) : nullptr;
     if (model == nullptr) {
         return "--nvm: unknown memory type '" + options.type + "' (types 5 to 12 have a memory)";
     }
-    auto connection = number(options.connection);
+    auto connection = parse_unsigned(options.connection);
     if (!connection) {
         return "--nvm-connection: '" + options.connection + "' is not a connection id";
     }
     options.selection = {unsigned(*type), *connection, uint32_t(std::min<size_t>(model->size(), NVM_CACHE_SIZE))};
     if (!options.cache_length.empty()) {
-        auto length = number(options.cache_length);
+        auto length = parse_unsigned(options.cache_length);
         if (!length || *length > UINT32_MAX) {
             return "--nvm-cache-length: '" + options.cache_length + "' is not a length";
         }
         options.selection.cache_length = uint32_t(*length);
     }
     if (!options.file.empty()) {
-        auto data = read_file(options.file);
+        auto data = read_binary_file(options.file);
         if (!data) {
             return "--nvm-file: cannot read " + options.file;
         }

@@ -55,8 +55,9 @@ std::optional<std::string> parse_memory_ops(const std::string& text, size_t size
 nlohmann::ordered_json run_memory(host::System& sys, _DEVICE_CONTEXT* context, const sim::Eeprom& model,
                                   const std::vector<MemoryOp>& ops);
 
-// 16 bytes a line with the address; runs of equal lines are shown as "*".
-std::vector<std::string> hex_dump(const std::vector<uint8_t>& bytes);
+// One operation through the row NvmType selects: its status and data.
+nlohmann::ordered_json run_memory_op(_DEVICE_CONTEXT* context, const MemoryOp& op);
+
 
 // ---- The command-line face ---------------------------------------------------
 struct MemoryOptions {

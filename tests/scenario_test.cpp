@@ -1,0 +1,373 @@
+// Scenario files: a malformed file is refused with its line and field before
+// anything runs, every kind of step reaches the bench, every kind of
+// expectation that fails says which step and why, and a long run stays fast
+// on the virtual clock.
+#include <gtest/gtest.h>
+
+#include "sensor/description.h"
+#include "tools/scenario.h"
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace korvanel::test {
+namespace {
+
+// Each run loads the driver on its own bench; device add rewrites the
+// driver-wide PDAF fields from the registry, so they are put back.
+class ScenarioTest : public ::testing::Test {
+protected:
+    const PDAF_INFO savedPdaf = PdafInfoTemplate;
+    const ULONG savedPdafType = SensorParameters.PdafType;
+    std::string out, err;
+
+    void TearDown() override
+    {
+        PdafInfoTemplate = savedPdaf;
+        SensorParameters.PdafType = savedPdafType;
+    }
+
+    int run(const std::string& text, tool::ScenarioOptions options = {})
+    {
+        std::ostringstream o, e;
+        int status = tool::run_scenario_text(text, "test.jsonc", "", options, o, e);
+        out = o.str();
+        err = e.str();
+        return status;
+    }
+};
+
+TEST_F(ScenarioTest, MalformedFilesNameTheLineAndTheField)
+{
+    struct Case {
+        const char* text;
+        const char* message;
+    } cases[] = {
+        {"{\n  \"device\": {}\n  \"steps\": []\n}", "test.jsonc:3: not valid JSON: "},
+        // Comments hold braces, brackets and quotes that are not structure.
+        {"{\n  // a \"quoted\" { comment [\n  /* a block\n     comment } ] */\n  \"device\": {},\n"
+         "  \"steps\": [{\"call\": \"GetModeInfo\"},\n    {\"call\": \"SelectMode\", \"MinWidth\": 1,\n"
+         "     \"MinHeight\": \"tall\"}]\n}",
+         "test.jsonc:8: step 2: field \"MinHeight\": MinHeight takes a number"},
+        {"{\"device\": {},\n \"step\": []}", "test.jsonc:2: field \"step\": unknown field 'step'"},
+        {"{\"device\": {}, \"steps\": [\n {\"call\": \"PowerUp\",\n  \"advance_ms\": 5}]}",
+         "test.jsonc:3: step 1: field \"advance_ms\": a step does one thing"},
+        {"{\"device\": {}, \"steps\": [{\"call\": \"PowerUp\", \"device\": \"rear\"}]}",
+         "step 1: field \"device\": no device is called 'rear'"},
+        {"{\"device\": {}, \"steps\": [{\"call\": \"PowerUp\",\n \"expect\": {\n \"status\": \"STATUS_SUCESS\"}}]}",
+         "test.jsonc:3: step 1: field \"expect.status\": takes a status name"},
+        {"{\"device\": {}, \"steps\": [{\"vcm\": \"init\"}]}", "field \"vcm\": device 'device' has no \"actuator\""},
+        {"{\"device\": {\"memory\": {\"type\": 7}}, \"steps\": [{\"nvm\": \"read:120:16\"}]}",
+         "not within the memory's 128 bytes"},
+        {"{\"device\": {\"actuator\": {\"chip\": \"AD5823\", \"connection\": \"0x51\"},\n"
+         "  \"memory\": {\"type\": 6, \"connection\": \"0x50\"}}, \"steps\": []}",
+         "test.jsonc:2: field \"device.memory.connection\": connection 0x51 already has a part"},
+        {"{\"device\": {\"registry\": {\"MipiLanes\": {\"word\": 4}}}, \"steps\": []}",
+         "field \"device.registry.MipiLanes.word\": a registry value is"},
+        {"{\"device\": {}, \"steps\": [{\"call\": \"PowerUp\", \"expect\": {\"bus\": [\"W 01\", \"X 01\"]}}]}",
+         "step 1: field \"expect.bus[1]\": a transfer reads"},
+        {"{\"device\": {\"actuator\": {\"chip\": \"DW9999\"}}, \"steps\": []}",
+         "field \"device.actuator.chip\": unknown actuator chip \"DW9999\""},
+        {"{\"device\": {}, \"steps\": [{\"fault\": \"fail\", \"transfer\": 1}]}",
+         "step 1: field \"fault\": 'fail' needs the \"status\""},
+        {"{\"device\": {}, \"steps\": [{\"advance_ms\": -1}]}", "field \"advance_ms\": takes milliseconds"},
+        // Quotes, braces and slashes inside texts, and a key with a slash in it.
+        {"{\"description\": \"a \\\"quoted\\\" // {text}\",\n \"device\": {\"registry\": {\n"
+         "  \"Mipi/Lanes\": {\"word\": 1}}}, \"steps\": []}",
+         "test.jsonc:3: field \"device.registry.Mipi/Lanes.word\": a registry value is"},
+        {"{\"device\": {}, \"steps\": [\n  {\"call\": \"AcceptEntryList\", \"Entries\": [{}, {},\n"
+         "   {\"Word5\": 1}]}]}",
+         "test.jsonc:3: step 1: field \"Entries[2]\": SENSOR_ENTRY has no field 'Word5'"},
+    };
+    for (auto& c : cases) {
+        EXPECT_EQ(run(c.text), 2) << c.text;
+        EXPECT_NE(err.find(c.message), std::string::npos) << c.text << "\n" << err;
+        EXPECT_EQ(out, "") << "nothing runs";
+    }
+}
+
+// Every kind of step reaches the bench as the expectations inside say; the
+// run passes only if they all hold.
+TEST_F(ScenarioTest, StepsReachTheDriverAndTheBench)
+{
+    const char* text = R"({
+      "bus_speed": "400k",
+      "devices": [
+        {"name": "text lanes", "registry": {"MipiLanes": {"sz": "4"}}},
+        {"name": "cam", "registry": {"MipiLanes": {"dword": 4}, "MipiMBps": "0x5DC"},
+         "actuator": {"chip": "DW9714", "connection": "0x0c"}, "memory": {"type": 5, "connection": "0x50"}}
+      ],
+      "steps": [
+        {"device": "text lanes", "call": "GetMipiConfig", "expect": {"values": {"Lanes": 2}}},
+        {"device": "cam", "call": "QueryProperty", "expect": {"values": {"Value": 1500000000}}},
+
+        {"fault": "timeout", "transfer": 2},
+        {"device": "cam", "vcm": "setpos:100", "expect": {"status": "STATUS_SUCCESS", "transfers": 1}},
+        {"device": "cam", "vcm": "setpos:200", "expect": {"status": "STATUS_IO_TIMEOUT", "lens": 100}},
+        {"device": "cam", "vcm": "setpos:300", "expect": {"status": "STATUS_SUCCESS", "lens": 300}},
+
+        {"fail_routine": "WdfIoTargetOpen", "status": "STATUS_INSUFFICIENT_RESOURCES"},
+        {"device": "cam", "nvm": "read:0:2", "expect": {"status": "STATUS_INSUFFICIENT_RESOURCES", "transfers": 0}},
+        {"fault": "complete", "status": "STATUS_NOTIFY_CLEANUP", "match": {"direction": "write", "prefix": "00 10"}},
+        {"device": "cam", "nvm": "read:16:2",
+         "expect": {"status": "STATUS_INVALID_PARAMETER", "bus": ["0x50 W 00 10  STATUS_NOTIFY_CLEANUP"]}},
+        {"fault": "nack", "match": {"connection": "0x50"}, "times": 0},
+        {"fault": "clear"},
+        {"device": "cam", "nvm": "write:16:A1B2", "expect": {"status": "STATUS_SUCCESS", "memory": {"address": 16, "data": "A1 B2"}}},
+
+        {"device": "cam", "pnp": "query_stop", "expect": {"status": "STATUS_INVALID_DEVICE_STATE"}},
+        {"device": "cam", "interface": "take", "expect": {"status": "STATUS_SUCCESS"}},
+        {"device": "cam", "interface": "release"},
+        {"device": "cam", "interface": "release"},
+        {"device": "cam", "pnp": "query_stop", "expect": {"status": "STATUS_SUCCESS"}},
+        {"bus_speed": "100k"},
+        {"device": "cam", "nvm": "read:16:2", "expect": {"values": {"data": "A1B2"}, "clock_ms": 8020.915}}
+      ]
+    })";
+    EXPECT_EQ(run(text), 0) << out << err;
+    EXPECT_NE(out.find("Passed: 20 steps, 19 expectations met"), std::string::npos) << out;
+}
+
+TEST_F(ScenarioTest, FailedExpectationsSayWhichStepAndWhy)
+{
+    const char* text = R"({
+      "device": {"actuator": {"chip": "DW9719"}, "memory": {"type": 7}},
+      "steps": [
+        {"call": "SelectMode", "MinWidth": 9000, "MinHeight": 100, "expect": {"status": "STATUS_SUCCESS"}},
+        {"call": "GetModeInfo", "expect": {"values": {"Width": 640, "Height": 480, "Sizes": 1}}},
+        {"vcm": "init", "expect": {"bus": ["W 00", "R F1"]}},
+        {"vcm": "setpos:300", "expect": {"bus": ["W 03", "R 00", "W 03 01", "W 04 2D"], "lens": 301}},
+        {"expect": {"power": {"state": "D3", "references": 1}, "clock_ms": 1}},
+        {"call": "PowerUp", "expect": {"trace": ["PowerUp failed"]}},
+        {"call": "PowerDown"},
+        {"nvm": "write:4:0102", "expect": {"memory": {"address": 3, "data": "FF 01 03"}}},
+        {"interface": "release"},
+        {"interface": "release"}
+      ]
+    })";
+    EXPECT_EQ(run(text), 1);
+    const char* expected[] = {
+        "  step 1 (line 4, SelectMode MinWidth=9000 MinHeight=100): status: expected STATUS_SUCCESS, got "
+        "STATUS_UNSUCCESSFUL\n",
+        "  step 2 (line 5, GetModeInfo): values.Height: expected 480, got 512\n",
+        "  step 2 (line 5, GetModeInfo): values.Sizes: not returned (returned: Size, Signature, Width,",
+        "  step 3 (line 6, vcm init): bus: expected 2 transfers, got 8:\n          W 00\n          R F1\n          W 02 01\n",
+        "  step 4 (line 7, vcm setpos:300): bus: transfer 4: expected W 04 2D, got W 04 2C\n",
+        "  step 4 (line 7, vcm setpos:300): lens: expected code 301, got 300\n",
+        "  step 5 (line 8, check): power: expected D3, got D0\n",
+        "  step 5 (line 8, check): power references: expected 1, got 0\n",
+        "  step 5 (line 8, check): clock: expected 1.0000 ms, got 0.0000 ms\n",
+        "  step 6 (line 9, PowerUp): trace: no event of the step contains \"PowerUp failed\"; it traced:\n"
+        "          INFO sensor #",
+        "  step 8 (line 11, nvm write:4:0102): memory at 0x0003 (3 bytes): from 0x0005 expected 03, got 02\n",
+        "  step 10 (line 13, interface release): the scenario holds no reference on the interface to release\n",
+    };
+    for (auto* e : expected) {
+        EXPECT_NE(out.find(e), std::string::npos) << e << "\n---\n" << out;
+    }
+    EXPECT_NE(out.find("FAILED: 12 failures in 10 steps\n"), std::string::npos) << out;
+
+    // The same run as JSON: each step with its outcome.
+    tool::ScenarioOptions json;
+    json.json = true;
+    EXPECT_EQ(run(text, json), 1);
+    auto doc = nlohmann::json::parse(out);
+    EXPECT_EQ(doc["steps"][0]["status"], "STATUS_UNSUCCESSFUL");
+    EXPECT_EQ(doc["steps"][3]["values"]["recorded_position"], 300);
+    EXPECT_EQ(doc["steps"][3]["transfers"].size(), 4u);
+    EXPECT_TRUE(doc["steps"][6]["failures"].empty());
+    EXPECT_EQ(doc["failures"].size(), 12u);
+    EXPECT_EQ(doc["unload"], "clean");
+}
+
+// Expected values match returned ones by value, however they are spelt;
+// lists match element by element.
+TEST_F(ScenarioTest, ValuesCompareByValue)
+{
+    const char* passing = R"({
+      "device": {"memory": {"type": 7}},
+      "steps": [
+        {"call": "GetModeInfo", "expect": {"values": {"Signature": "0x09FCD140", "Width": "640"}}},
+        {"call": "QueryProperty", "Id": 33, "expect": {"status": "0xC00000BB"}},
+        {"call": "GetPdafTable", "expect": {"values": {"List": {"Count": 4, "Entries": [
+            {"Width": 128, "Height": 24}, {"Width": 4032}, {}, {"FrameRate": 30}]}}}},
+        {"nvm": "write:0:0102", "expect": {"values": {"data": "0102"}}},
+        {"nvm": "read:0:2", "expect": {"values": {"data": "01  02"}}}
+      ]
+    })";
+    EXPECT_EQ(run(passing), 0) << out;
+
+    const char* failing = R"({
+      "device": {},
+      "steps": [
+        {"call": "GetPdafTable", "expect": {"values": {"List": {"Entries": [{"Width": 128}]}}}},
+        {"call": "GetModuleInfo", "expect": {"values": {"SensorName": "haps", "VariantCode": "0x1"}}}
+      ]
+    })";
+    EXPECT_EQ(run(failing), 1);
+    EXPECT_NE(out.find("values.List.Entries: expected [{\"Width\":128}], got [{"), std::string::npos) << out;
+    EXPECT_NE(out.find("values.SensorName: expected \"haps\", got \"HAPS\""), std::string::npos) << out;
+    EXPECT_NE(out.find("values.VariantCode: expected \"0x1\", got 0"), std::string::npos) << out;
+}
+
+// Registry values of every form reach the service key with their type and
+// bytes; the driver takes a REG_DWORD of up to four bytes, low byte for lanes.
+TEST_F(ScenarioTest, RegistryValuesOfAnyType)
+{
+    struct Case {
+        const char* value;
+        int lanes;
+    } cases[] = {
+        {"4", 4},
+        {"\"0x104\"", 4},
+        {"{\"dword\": 3}", 3},
+        {"{\"type\": 4, \"data\": \"05\"}", 5},
+        {"{\"type\": 4, \"data\": \"05 00 00 00 00 00 00 00\"}", 2},
+        {"{\"type\": 3, \"data\": \"04 00 00 00\"}", 2},
+        {"{\"sz\": \"4\"}", 2},
+        {"{\"qword\": 4}", 2},
+        {"{\"multi_sz\": [\"4\", \"4\"]}", 2},
+        {"null", 2},
+    };
+    for (auto& c : cases) {
+        std::string text = "{\"device\": {\"registry\": {\"MipiLanes\": " + std::string(c.value) +
+                           "}}, \"steps\": [{\"call\": \"GetMipiConfig\", \"expect\": {\"values\": "
+                           "{\"Lanes\": " + std::to_string(c.lanes) + "}}}]}";
+        EXPECT_EQ(run(text), 0) << c.value << "\n" << out << err;
+    }
+}
+
+// Two modules: each is added with its own registry values in force, and
+// has its own interface references and power.
+TEST_F(ScenarioTest, EachDeviceHoldsItsOwnInterfaceAndPower)
+{
+    const char* text = R"({
+      "devices": [{"name": "rear", "registry": {"MipiLanes": 4}},
+                  {"name": "front", "hwid": "root\\KORVANEL\\rgbir", "registry": {"MipiLanes": null}}],
+      "steps": [
+        {"device": "rear", "call": "GetMipiConfig", "expect": {"values": {"Lanes": 4}}},
+        {"device": "front", "call": "GetMipiConfig", "expect": {"values": {"Lanes": 2}}},
+        {"device": "rear", "call": "PowerUp"},
+        {"advance_ms": 15000},
+        {"device": "rear", "expect": {"power": {"state": "D0", "references": 1}}},
+        {"device": "front", "expect": {"power": {"state": "D3", "references": 0}}},
+        {"device": "front", "call": "GetModuleInfo", "expect": {"values": {"SensorName": "RGBIR"}}},
+        {"device": "front", "interface": "release"},
+        {"device": "front", "pnp": "query_remove", "expect": {"status": "STATUS_SUCCESS"}},
+        {"device": "rear", "pnp": "query_remove", "expect": {"status": "STATUS_INVALID_DEVICE_STATE"}},
+        {"device": "rear", "call": "PowerDown"}
+      ]
+    })";
+    EXPECT_EQ(run(text), 0) << out;
+    EXPECT_NE(out.find("[front] interface release"), std::string::npos);
+    EXPECT_NE(out.find(" ms  advance 15000 ms"), std::string::npos) << "the clock belongs to no device";
+}
+
+// Contents and data files are found beside the scenario; the chart and the
+// saved memory are written where the scenario says.
+TEST_F(ScenarioTest, FilesBesideTheScenarioAndFilesItWrites)
+{
+    std::string dir = ::testing::TempDir() + "scenario_files_" + std::to_string(getpid());
+    ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+    std::ofstream(dir + "/contents.bin", std::ios::binary) << "ABCDEFGH";
+    std::ofstream(dir + "/data.bin", std::ios::binary) << "xyz";
+    std::string text = R"({
+      "device": {"memory": {"type": 7, "contents": "contents.bin", "save": ")" + dir + R"(/saved.bin"},
+                 "actuator": {"chip": "DW9714", "plot": ")" + dir + R"(/lens.svg"}},
+      "steps": [
+        {"nvm": "read:0:8", "expect": {"values": {"data": "41 42 43 44 45 46 47 48"}}},
+        {"nvm": "writefile:2:data.bin", "expect": {"memory": {"address": 2, "file": "data.bin"}}},
+        {"vcm": "setpos:100"}, {"vcm": "setpos:300"}, {"vcm": "setpos:200"}
+      ]
+    })";
+    std::ostringstream o, e;
+    EXPECT_EQ(tool::run_scenario_text(text, "files.jsonc", dir, {}, o, e), 0) << o.str() << e.str();
+    std::ifstream saved(dir + "/saved.bin", std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(saved)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(bytes.substr(0, 8), "ABxyzFGH");
+    EXPECT_EQ(bytes.size(), 128u);
+    std::ifstream chart(dir + "/lens.svg");
+    std::string svg((std::istreambuf_iterator<char>(chart)), std::istreambuf_iterator<char>());
+    size_t dots = 0;
+    for (size_t at = svg.find("<circle"); at != std::string::npos; at = svg.find("<circle", at + 1)) {
+        dots++;
+    }
+    EXPECT_EQ(dots, 3u) << "one dot per position the chip latched";
+
+    // Without the scenario's folder the contents file is not found.
+    EXPECT_EQ(tool::run_scenario_text(text, "files.jsonc", "/nonexistent", {}, o, e), 2);
+    EXPECT_NE(e.str().find("field \"device.memory.contents\": cannot read /nonexistent/contents.bin"),
+              std::string::npos)
+        << e.str();
+    for (auto* f : {"/contents.bin", "/data.bin", "/saved.bin", "/lens.svg"}) {
+        unlink((dir + f).c_str());
+    }
+    rmdir(dir.c_str());
+}
+
+// -v shows each step's transfers and trace events; the trace options print
+// the run's trace after the steps, filtered.
+TEST_F(ScenarioTest, VerboseRunsAndTheRunsTrace)
+{
+    const char* text = R"({
+      "device": {"actuator": {"chip": "AD5823"}},
+      "steps": [
+        {"vcm": "getpos"},
+        {"call": "SelectMode", "MinWidth": 9000, "MinHeight": 1}
+      ]
+    })";
+    tool::ScenarioOptions verbose;
+    verbose.verbose = true;
+    EXPECT_EQ(run(text, verbose), 0);
+    auto step2 = out.find("     2  line");
+    ASSERT_NE(step2, std::string::npos) << out;
+    EXPECT_NE(out.substr(0, step2).find("ms  conn 0x1c  W   1: 04  STATUS_SUCCESS"), std::string::npos) << out;
+    EXPECT_NE(out.substr(0, step2).find("INFO   vcm_access"), std::string::npos) << out;
+    EXPECT_NE(out.find("ERROR  sensor"), std::string::npos) << out;
+
+    tool::ScenarioOptions errors;
+    errors.trace.level = "error";
+    errors.trace.modules = {"sensor"};
+    EXPECT_EQ(run(text, errors), 0);
+    auto trace = out.substr(out.find("Trace:\n"));
+    EXPECT_NE(trace.find("ERROR  sensor"), std::string::npos) << trace;
+    EXPECT_EQ(trace.find("INFO"), std::string::npos) << trace;
+    EXPECT_EQ(trace.find("registry"), std::string::npos) << trace;
+}
+
+// Ten thousand steps: mode selections, mode information, lens moves and clock
+// advances, each with an expectation.
+TEST_F(ScenarioTest, TenThousandStepsRunWellUnderASecond)
+{
+    std::string text = "{\"device\": {\"actuator\": {\"chip\": \"DW9719\"}}, \"steps\": [\n";
+    for (int i = 0; i < 2500; i++) {
+        int code = i % 1024;
+        text += std::string(i ? ",\n" : "") +
+                "{\"call\": \"SelectMode\", \"MinWidth\": 1920, \"MinHeight\": " + std::to_string(1000 + i % 100) +
+                ", \"expect\": {\"status\": \"STATUS_SUCCESS\"}},\n"
+                "{\"call\": \"GetModeInfo\", \"expect\": {\"values\": {\"Width\": 1920, \"Height\": 1120}}},\n"
+                "{\"vcm\": \"setpos:" + std::to_string(code) + "\", \"expect\": {\"lens\": " + std::to_string(code) +
+                "}},\n{\"advance_ms\": 1}";
+    }
+    text += "]}";
+    auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(run(text), 0) << err << out.substr(out.size() > 2000 ? out.size() - 2000 : 0);
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    // Each step's time on the bench: instant bus, 1 ms a fourth step.
+    EXPECT_NE(out.find("Passed: 10000 steps, 7500 expectations met, 2500.0000 ms on the bench's clock"),
+              std::string::npos);
+    RecordProperty("wall_seconds", std::to_string(seconds));
+    std::cout << "10000 scenario steps (2.5 s on the bench's clock) in " << seconds << " s\n";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    EXPECT_LT(seconds, 10.0);  // instrumented builds are several times slower
+#else
+    EXPECT_LT(seconds, 1.0);
+#endif
+}
+
+}  // namespace
+}  // namespace korvanel::test
