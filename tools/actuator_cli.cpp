@@ -273,8 +273,9 @@ void print_actuator(const ordered_json& a)
         printf("Actuator: %s\n", a["error"].get<std::string>().c_str());
         return;
     }
-    printf("Actuator %s (row %d) on connection 0x%" PRIx64 ", low %u, high %u, module \"%s\", bus %s\n",
-           a["chip"].get<std::string>().c_str(), a["row"].get<int>(), a["connection"].get<uint64_t>(),
+    printf("Actuator %s (row %d) on connection %s, low %u, high %u, module \"%s\", bus %s\n",
+           a["chip"].get<std::string>().c_str(), a["row"].get<int>(),
+           connection_text(a["connection"].get<uint64_t>()).c_str(),
            a["low"].get<unsigned>(), a["high"].get<unsigned>(), a["module"].get<std::string>().c_str(),
            a["bus_speed"].get<std::string>().c_str());
     for (auto& r : a["operations"]) {

@@ -226,8 +226,8 @@ void print_memory(const ordered_json& report)
     printf("Memory: type %u, %u bytes, %u-byte pages, cache length %u\n", report["type"].get<unsigned>(),
            report["size"].get<unsigned>(), report["page_size"].get<unsigned>(), report["cache_length"].get<unsigned>());
     for (auto& c : report["connections"]) {
-        printf("  slot %u: connection 0x%llx\n", c["slot"].get<unsigned>(),
-               (unsigned long long)c["connection"].get<uint64_t>());
+        printf("  slot %u: connection %s\n", c["slot"].get<unsigned>(),
+               connection_text(c["connection"].get<uint64_t>()).c_str());
     }
     for (auto& r : report["operations"]) {
         std::string op = r["op"].get<std::string>();
