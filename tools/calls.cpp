@@ -144,7 +144,8 @@ Reader::Reader(const json& args, const Operation& op, ArgumentError& error) : ar
         return;
     }
     bool fills = op.record.has_value() || !op.outputs.empty();
-    for (auto& [key, value] : args.items()) {
+    for (auto& item : args.items()) {
+        const std::string& key = item.key();
         bool known = std::any_of(op.arguments.begin(), op.arguments.end(), [&](auto* a) { return key == a; }) ||
                      key == "null" || (fills && (key == "fill" || key == "in"));
         if (!known) {
@@ -223,7 +224,8 @@ ULONG Reader::output(const char* name)
         fail("in", "'in' holds the outputs as they arrive, by name");
         return 0;
     }
-    for (auto& [key, value] : in->items()) {
+    for (auto& item : in->items()) {
+        const std::string& key = item.key();
         if (std::none_of(operation_.outputs.begin(), operation_.outputs.end(), [&](auto* o) { return key == o; })) {
             fail("in/" + key, std::string(operation_.name) + " has no output '" + key + "'");
             return 0;

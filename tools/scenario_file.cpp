@@ -234,7 +234,8 @@ private:
 
     static void only(const json& object, const std::string& path, std::initializer_list<const char*> keys)
     {
-        for (auto& [key, value] : object.items()) {
+        for (auto& item : object.items()) {
+            const std::string& key = item.key();
             if (std::none_of(keys.begin(), keys.end(), [&](const char* k) { return key == k; })) {
                 std::string known;
                 for (auto* k : keys) {
