@@ -40,7 +40,7 @@ cmake -S . -B build-fuzz -DKORVANEL_FUZZ=ON -DKORVANEL_FUZZ_SECONDS="$fuzz_secon
 cmake --build build-fuzz -j "$jobs" --target fuzz_targets
 ctest --test-dir build-fuzz --output-on-failure -j "$jobs" -L fuzz | tee build-fuzz/ctest.log
 # Each target's speed and extent, from the runs' own final statistics.
-awk '/^Test command: / { n = split($3, p, "/"); target = p[n] }
+awk '/^[0-9]+\/[0-9]+ Test: fuzz\./ { target = substr($3, 6) }
      /^stat::number_of_executed_units:/ { runs[target] = $2 }
      /^stat::average_exec_per_sec:/ { speed[target] = $2 }
      END { for (t in runs) printf "%s: %d inputs, %d per second\n", t, runs[t], speed[t] }' \
