@@ -12,9 +12,13 @@ extern "C" DRIVER_INITIALIZE DriverEntry;
 
 namespace korvanel::host {
 
-namespace {
 System* g_current = nullptr;
-}  // namespace
+
+void no_current_system()
+{
+    fprintf(stderr, "korvanel host: a kernel routine was called with no System alive\n");
+    abort();
+}
 
 // ---- Device --------------------------------------------------------------------
 
@@ -187,15 +191,6 @@ System::~System()
         (void)unload_driver();
     }
     g_current = nullptr;
-}
-
-System& System::current()
-{
-    if (g_current == nullptr) {
-        fprintf(stderr, "korvanel host: a kernel routine was called with no System alive\n");
-        abort();
-    }
-    return *g_current;
 }
 
 System* System::current_or_null() { return g_current; }

@@ -101,6 +101,7 @@ private:
     Lane& new_lane();
     int64_t virtual_now() const;
     void pass(Lane& lane, Delay::Kind kind, int64_t amount, int64_t duration);
+    void stall_other(uint32_t us);
     void record(Lane& lane, Delay::Kind kind, int64_t amount, int64_t at);
     void raise_base(int64_t time);
     void fire_timers(int64_t until);
@@ -417,7 +418,7 @@ public:
     ~System();
     System(const System&) = delete;
     System& operator=(const System&) = delete;
-    static System& current();
+    static System& current();  // inline below: every kernel entry point asks
     static System* current_or_null();
 
     Registry& registry() { return registry_; }
@@ -470,5 +471,18 @@ private:
     bool loaded_ = false;
     std::vector<std::unique_ptr<Device>> devices_;
 };
+
+// The System the kernel entry points reach; a call with none alive is a
+// bench bug and stops the process.
+extern System* g_current;
+[[noreturn]] void no_current_system();
+inline System& System::current()
+{
+    System* system = g_current;
+    if (system == nullptr) [[unlikely]] {
+        no_current_system();
+    }
+    return *system;
+}
 
 }  // namespace korvanel::host
