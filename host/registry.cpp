@@ -9,42 +9,45 @@ namespace korvanel::host {
 
 namespace {
 
-std::u16string upper(std::u16string s)
+char16_t upper(char16_t c) { return c >= u'a' && c <= u'z' ? char16_t(c - u'a' + u'A') : c; }
+
+bool same_name(std::u16string_view a, std::u16string_view b)
 {
-    for (auto& c : s) {
-        if (c >= u'a' && c <= u'z') {
-            c = char16_t(c - u'a' + u'A');
-        }
-    }
-    return s;
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
+                                              [](char16_t x, char16_t y) { return upper(x) == upper(y); });
 }
 
-std::u16string from_unicode_string(const UNICODE_STRING* s)
+std::u16string_view from_unicode_string(const UNICODE_STRING* s)
 {
     if (s == nullptr || s->Buffer == nullptr) {
         return {};
     }
-    return std::u16string(s->Buffer, s->Length / sizeof(WCHAR));
+    return {s->Buffer, s->Length / sizeof(WCHAR)};
 }
 
 }  // namespace
 
+bool Registry::NoCase::operator()(std::u16string_view a, std::u16string_view b) const
+{
+    return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
+                                        [](char16_t x, char16_t y) { return upper(x) < upper(y); });
+}
+
 // Reached by the kernel entry points below.
 struct RegistryAccess {
-    static NTSTATUS open(Registry& r, const std::u16string& key, HANDLE* handle)
+    static NTSTATUS open(Registry& r, std::u16string_view key, HANDLE* handle)
     {
         std::lock_guard lock(r.mutex_);
-        auto name = upper(key);
-        if (name == upper(Registry::kServiceKey) ? !r.service_key_present_ : r.keys_.count(name) == 0) {
+        if (!r.exists(key)) {
             return STATUS_OBJECT_NAME_NOT_FOUND;
         }
         uintptr_t h = r.next_handle_++;
-        r.handles_[h] = name;
+        r.handles_[h] = key;
         *handle = reinterpret_cast<HANDLE>(h);
         return STATUS_SUCCESS;
     }
 
-    static NTSTATUS query(Registry& r, HANDLE handle, const std::u16string& value_name, Registry::Value* out)
+    static NTSTATUS query(Registry& r, HANDLE handle, std::u16string_view value_name, Registry::Value* out)
     {
         std::lock_guard lock(r.mutex_);
         auto h = r.handles_.find(reinterpret_cast<uintptr_t>(handle));
@@ -55,7 +58,7 @@ struct RegistryAccess {
         if (key == r.keys_.end()) {
             return STATUS_OBJECT_NAME_NOT_FOUND;
         }
-        auto value = key->second.find(upper(value_name));
+        auto value = key->second.find(value_name);
         if (value == key->second.end()) {
             return STATUS_OBJECT_NAME_NOT_FOUND;
         }
@@ -74,7 +77,7 @@ void Registry::set_value(const std::u16string& key, const std::u16string& name, 
                          std::vector<uint8_t> data)
 {
     std::lock_guard lock(mutex_);
-    keys_[upper(key)][upper(name)] = {type, std::move(data)};
+    keys_[key][name] = {type, std::move(data)};
 }
 
 void Registry::set(const std::string& name, uint32_t type, std::vector<uint8_t> data)
@@ -100,9 +103,12 @@ void Registry::set_string(const std::string& name, const std::string& value)
 void Registry::remove(const std::string& name)
 {
     std::lock_guard lock(mutex_);
-    auto key = keys_.find(upper(kServiceKey));
+    auto key = keys_.find(kServiceKey);
     if (key != keys_.end()) {
-        key->second.erase(upper(to_utf16(name)));
+        auto value = key->second.find(to_utf16(name));
+        if (value != key->second.end()) {
+            key->second.erase(value);
+        }
     }
 }
 
@@ -121,18 +127,22 @@ void Registry::set_service_key_present(bool present)
 bool Registry::key_exists(const std::u16string& key) const
 {
     std::lock_guard lock(mutex_);
-    auto name = upper(key);
-    return name == upper(kServiceKey) ? service_key_present_ : keys_.count(name) != 0;
+    return exists(key);
+}
+
+bool Registry::exists(std::u16string_view key) const
+{
+    return same_name(key, kServiceKey) ? service_key_present_ : keys_.count(key) != 0;
 }
 
 std::optional<Registry::Value> Registry::value(const std::u16string& key, const std::u16string& name) const
 {
     std::lock_guard lock(mutex_);
-    auto k = keys_.find(upper(key));
+    auto k = keys_.find(key);
     if (k == keys_.end()) {
         return std::nullopt;
     }
-    auto v = k->second.find(upper(name));
+    auto v = k->second.find(name);
     if (v == k->second.end()) {
         return std::nullopt;
     }

@@ -28,6 +28,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace korvanel::host {
@@ -159,11 +160,18 @@ public:
 
     size_t open_keys() const;  // handles not yet closed
 
+    // Orders names as the registry compares them: without regard to case.
+    struct NoCase {
+        using is_transparent = void;
+        bool operator()(std::u16string_view a, std::u16string_view b) const;
+    };
+
 private:
     friend struct RegistryAccess;
     mutable std::mutex mutex_;
-    std::map<std::u16string, std::map<std::u16string, Value>> keys_;  // keys upper-cased
-    std::map<uintptr_t, std::u16string> handles_;
+    std::map<std::u16string, std::map<std::u16string, Value, NoCase>, NoCase> keys_;
+    std::map<uintptr_t, std::u16string> handles_;  // the key each open handle names
+    bool exists(std::u16string_view key) const;     // with the mutex held
     uintptr_t next_handle_ = 0x100;
     bool service_key_present_ = true;
 };

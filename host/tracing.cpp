@@ -131,7 +131,7 @@ void Traces::record(const GUID& guid, uint16_t number, uint32_t message_flags, i
     }
     // Once full, the oldest slot is reused, with what it allocated.
     if (recorded_ < kEventsKept && recorded_ % kChunk == 0) {
-        chunks_.push_back(std::make_unique<Stored[]>(kChunk));
+        chunks_.push_back(std::make_unique_for_overwrite<Stored[]>(kChunk));
     }
     Stored& e = slot(recorded_++);
     e.guid = guid;

@@ -159,6 +159,8 @@ TEST(HostRegistryTest, ValuesAreReadAsTheyWereStoredWithWindowsStatuses)
         {u"Long", 16, STATUS_BUFFER_OVERFLOW, 22, 10},
         {u"Long", 8, STATUS_BUFFER_TOO_SMALL, 22, 0},
         {u"Absent", 64, STATUS_OBJECT_NAME_NOT_FOUND, 0, 0},
+        {u"MIPILANE", 64, STATUS_OBJECT_NAME_NOT_FOUND, 0, 0},
+        {u"MipiLanes_", 64, STATUS_OBJECT_NAME_NOT_FOUND, 0, 0},
     };
     for (auto c : cases) {
         SCOPED_TRACE(host::to_utf8(c.name));
@@ -173,6 +175,22 @@ TEST(HostRegistryTest, ValuesAreReadAsTheyWereStoredWithWindowsStatuses)
     EXPECT_EQ(sys.registry().open_keys(), 1u);
     EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
     EXPECT_EQ(sys.registry().open_keys(), 0u);
+
+    // Any other key is found by its whole name in any case.
+    sys.registry().set_value(u"\\Registry\\Machine\\Other", u"Value", REG_DWORD, {1, 0, 0, 0});
+    for (auto [path, status] : {std::pair{u"\\REGISTRY\\machine\\other", STATUS_SUCCESS},
+                                std::pair{u"\\REGISTRY\\machine\\othe", STATUS_OBJECT_NAME_NOT_FOUND}}) {
+        UNICODE_STRING other;
+        RtlInitUnicodeString(&other, path);
+        OBJECT_ATTRIBUTES other_attributes;
+        InitializeObjectAttributes(&other_attributes, &other, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
+                                   nullptr);
+        HANDLE other_handle;
+        EXPECT_EQ(ZwOpenKey(&other_handle, KEY_READ, &other_attributes), status);
+        if (NT_SUCCESS(status)) {
+            ZwClose(other_handle);
+        }
+    }
 
     EXPECT_EQ(ZwClose(handle), STATUS_INVALID_HANDLE);
     EXPECT_EQ(sys.faults().errors().size(), 1u) << "a second close went unnoticed";
