@@ -282,50 +282,21 @@ static NTSTATUS NvmBlockCommand(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT 
     return status;
 }
 
-NTSTATUS Cmd_Brca016Read(PDEVICE_CONTEXT DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length)
-{
-    PAGED_CODE();
-    return NvmBlockCommand(&NvmBrca016, DeviceContext, Address, Buffer, Length, FALSE);
-}
+/* The named read and write of each family: its member record and the
+ * direction, nothing else. */
+#define NVM_BLOCK_ROUTINES(Name, Member)                                                              \
+    NTSTATUS Cmd_##Name##Read(PDEVICE_CONTEXT DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length) \
+    {                                                                                                 \
+        PAGED_CODE();                                                                                 \
+        return NvmBlockCommand(&Member, DeviceContext, Address, Buffer, Length, FALSE);               \
+    }                                                                                                 \
+    NTSTATUS Cmd_##Name##Write(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* Data, LONG Length) \
+    {                                                                                                 \
+        PAGED_CODE();                                                                                 \
+        return NvmBlockCommand(&Member, DeviceContext, Address, (PUCHAR)Data, Length, TRUE);          \
+    }
 
-NTSTATUS Cmd_Brca016Write(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* Data, LONG Length)
-{
-    PAGED_CODE();
-    return NvmBlockCommand(&NvmBrca016, DeviceContext, Address, (PUCHAR)Data, Length, TRUE);
-}
-
-NTSTATUS Cmd_Cat24cRead(PDEVICE_CONTEXT DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length)
-{
-    PAGED_CODE();
-    return NvmBlockCommand(&NvmCat24c, DeviceContext, Address, Buffer, Length, FALSE);
-}
-
-NTSTATUS Cmd_Cat24cWrite(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* Data, LONG Length)
-{
-    PAGED_CODE();
-    return NvmBlockCommand(&NvmCat24c, DeviceContext, Address, (PUCHAR)Data, Length, TRUE);
-}
-
-NTSTATUS Cmd_Cat24c16Read(PDEVICE_CONTEXT DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length)
-{
-    PAGED_CODE();
-    return NvmBlockCommand(&NvmCat24c16, DeviceContext, Address, Buffer, Length, FALSE);
-}
-
-NTSTATUS Cmd_Cat24c16Write(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* Data, LONG Length)
-{
-    PAGED_CODE();
-    return NvmBlockCommand(&NvmCat24c16, DeviceContext, Address, (PUCHAR)Data, Length, TRUE);
-}
-
-NTSTATUS Cmd_DW9806BRead(PDEVICE_CONTEXT DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length)
-{
-    PAGED_CODE();
-    return NvmBlockCommand(&NvmDW9806B, DeviceContext, Address, Buffer, Length, FALSE);
-}
-
-NTSTATUS Cmd_DW9806BWrite(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* Data, LONG Length)
-{
-    PAGED_CODE();
-    return NvmBlockCommand(&NvmDW9806B, DeviceContext, Address, (PUCHAR)Data, Length, TRUE);
-}
+NVM_BLOCK_ROUTINES(Brca016, NvmBrca016)
+NVM_BLOCK_ROUTINES(Cat24c, NvmCat24c)
+NVM_BLOCK_ROUTINES(Cat24c16, NvmCat24c16)
+NVM_BLOCK_ROUTINES(DW9806B, NvmDW9806B)
