@@ -87,12 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     default:
         break;
     }
-    if (in.flag()) {
-        sys.bus().set_speed(korvanel::host::BusSpeed::Fast);
-    }
-    for (unsigned faults = in.pick(4); faults > 0; faults--) {
-        sys.bus().fail_transfer(in.pick(120), korvanel::fuzz::bus_fault(in));
-    }
+    korvanel::fuzz::fault_bus(in, sys, 120);
     if (in.pick(4) == 0) {
         sys.faults().fail("KeWaitForSingleObject", STATUS_UNSUCCESSFUL, in.pick(8));
     }

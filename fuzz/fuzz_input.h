@@ -76,6 +76,18 @@ inline host::BusFault bus_fault(Input& in)
     }
 }
 
+// The bus at either speed, with up to three of the transfers numbered below
+// `transfers` (counted from the bench's start) going wrong.
+inline void fault_bus(Input& in, host::System& sys, unsigned transfers)
+{
+    if (in.flag()) {
+        sys.bus().set_speed(host::BusSpeed::Fast);
+    }
+    for (unsigned faults = in.pick(4); faults > 0; faults--) {
+        sys.bus().fail_transfer(in.pick(transfers), bus_fault(in));
+    }
+}
+
 // The end of every run: whatever happened, the driver unloads clean.
 inline void unload_clean(host::System& sys)
 {

@@ -64,12 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     ctx->NvmAvailable = in.pick(8) != 0;
     ctx->NvmEnabled = in.pick(8) != 0;
-    if (in.flag()) {
-        sys.bus().set_speed(korvanel::host::BusSpeed::Fast);
-    }
-    for (unsigned faults = in.pick(4); faults > 0; faults--) {
-        sys.bus().fail_transfer(in.pick(400), korvanel::fuzz::bus_fault(in));
-    }
+    korvanel::fuzz::fault_bus(in, sys, 400);
     if (in.pick(4) == 0) {
         sys.faults().fail("WdfIoTargetOpen", STATUS_OBJECT_NAME_NOT_FOUND, in.pick(10));
     }
