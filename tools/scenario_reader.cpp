@@ -1,9 +1,10 @@
-// scenario_file.cpp - reading a scenario file: JSON with comments, every
+// scenario_reader.cpp - reading a scenario file: JSON with comments, every
 // field checked before anything runs, each problem reported with its line.
-#include "scenario_file.h"
+#include "scenario_reader.h"
 
 #include "bus_report.h"
 #include "parse.h"
+#include "scenario_json.h"
 
 #include "host/system.h"
 #include "nvm/nvm.h"
@@ -22,101 +23,6 @@ using json = nlohmann::ordered_json;
 
 namespace {
 
-// ---- Where each field of the file is ------------------------------------------------
-
-std::string pointer_token(const std::string& key)
-{
-    std::string out;
-    for (char c : key) {
-        out += c == '~' ? "~0" : c == '/' ? "~1" : std::string(1, c);
-    }
-    return out;
-}
-
-// The line of every member and array element, by JSON pointer ("/steps/3/
-// expect"): a light scan of a text the JSON parser has already accepted,
-// which knows strings, comments and nesting and nothing else.
-std::map<std::string, int> field_lines(const std::string& text)
-{
-    struct Frame {
-        std::string path;
-        bool object;
-        size_t index = 0;
-        bool want_key = true;     // object: the next string is a key
-        bool recorded = false;    // array: element `index` has its line
-        std::string key = {};     // object: the member being read
-    };
-    std::map<std::string, int> lines;
-    std::vector<Frame> stack;
-    int line = 1;
-    // The path of the value starting here, recorded when it is an element.
-    auto value_path = [&]() -> std::string {
-        if (stack.empty()) {
-            return "";
-        }
-        Frame& f = stack.back();
-        if (f.object) {
-            return f.path + "/" + pointer_token(f.key);
-        }
-        std::string path = f.path + "/" + std::to_string(f.index);
-        if (!f.recorded) {
-            lines.emplace(path, line);
-            f.recorded = true;
-        }
-        return path;
-    };
-    for (size_t i = 0; i < text.size(); i++) {
-        char c = text[i];
-        if (c == '\n') {
-            line++;
-        } else if (c == '/' && i + 1 < text.size() && text[i + 1] == '/') {
-            while (i + 1 < text.size() && text[i + 1] != '\n') {
-                i++;
-            }
-        } else if (c == '/' && i + 1 < text.size() && text[i + 1] == '*') {
-            for (i += 2; i + 1 < text.size() && !(text[i] == '*' && text[i + 1] == '/'); i++) {
-                line += text[i] == '\n';
-            }
-            i++;
-        } else if (c == '"') {
-            std::string s;
-            for (i++; i < text.size() && text[i] != '"'; i++) {
-                if (text[i] == '\\' && i + 1 < text.size()) {
-                    i++;
-                    // Keys with escapes other than these are not looked up.
-                    s += text[i] == 'n' ? '\n' : text[i] == 't' ? '\t' : text[i];
-                } else {
-                    s += text[i];
-                }
-            }
-            if (!stack.empty() && stack.back().object && stack.back().want_key) {
-                stack.back().key = s;
-                stack.back().want_key = false;
-                lines.emplace(stack.back().path + "/" + pointer_token(s), line);
-            } else {
-                value_path();
-            }
-        } else if (c == '{' || c == '[') {
-            std::string path = value_path();
-            stack.push_back({path, c == '{'});
-        } else if (c == '}' || c == ']') {
-            if (!stack.empty()) {
-                stack.pop_back();
-            }
-        } else if (c == ',') {
-            if (!stack.empty()) {
-                Frame& f = stack.back();
-                f.want_key = f.object;
-                f.recorded = false;
-                f.index += f.object ? 0 : 1;
-            }
-        } else if (c != ':' && !isspace(uint8_t(c))) {
-            value_path();  // a number, true, false or null
-        }
-    }
-    return lines;
-}
-
 // ---- Reading ------------------------------------------------------------------------
 
 struct ScenarioError {
@@ -127,25 +33,6 @@ struct ScenarioError {
 [[noreturn]] void fail(const std::string& path, const std::string& message) { throw ScenarioError{path, message}; }
 
 std::string json_text(const json& v) { return v.is_string() ? v.get<std::string>() : v.dump(); }
-
-// An argument as a step's title shows it: texts bare, objects as {name=value ...}.
-std::string brief(const json& v)
-{
-    std::string out;
-    if (v.is_object()) {
-        for (auto& [key, value] : v.items()) {
-            out += (out.empty() ? "{" : " ") + key + "=" + brief(value);
-        }
-        return out.empty() ? "{}" : out + "}";
-    }
-    if (v.is_array()) {
-        for (auto& value : v) {
-            out += (out.empty() ? "[" : ", ") + brief(value);
-        }
-        return out.empty() ? "[]" : out + "]";
-    }
-    return json_text(v);
-}
 
 // Reads the document into a Scenario; the first problem throws with the
 // field's path.
@@ -453,29 +340,32 @@ private:
         return setup;
     }
 
+    // The step keys: each names what the step does.
+    enum class Kind { Call, Actuator, Memory, Advance, BusSpeed, Fault, Pnp, Interface };
+    static constexpr std::pair<const char*, Kind> step_keys[] = {
+        {"call", Kind::Call},           {"vcm", Kind::Actuator},
+        {"nvm", Kind::Memory},          {"advance_ms", Kind::Advance},
+        {"bus_speed", Kind::BusSpeed},  {"fault", Kind::Fault},         {"fail_routine", Kind::Fault},
+        {"pnp", Kind::Pnp},             {"interface", Kind::Interface},
+    };
+
     Step step(const json& s, size_t index) const
     {
         std::string path = "/steps/" + std::to_string(index);
         if (!s.is_object()) {
             fail(path, "a step is an object");
         }
-        Step step{index, 0, Step::Kind::Check};
-        static const std::pair<const char*, Step::Kind> kinds[] = {
-            {"call", Step::Kind::Call},           {"vcm", Step::Kind::Vcm},
-            {"nvm", Step::Kind::Nvm},             {"advance_ms", Step::Kind::Advance},
-            {"bus_speed", Step::Kind::BusSpeed},  {"fault", Step::Kind::Fault},
-            {"fail_routine", Step::Kind::Fault},  {"pnp", Step::Kind::Pnp},
-            {"interface", Step::Kind::Interface},
-        };
+        Step step{index, 0};
         const char* kind_key = nullptr;
-        for (auto& [key, kind] : kinds) {
+        Kind kind{};
+        for (auto& [key, k] : step_keys) {
             if (s.contains(key)) {
                 if (kind_key != nullptr) {
                     fail(path + "/" + key, std::string("a step does one thing: '") + kind_key + "' and '" + key +
                                                "' are two");
                 }
                 kind_key = key;
-                step.kind = kind;
+                kind = k;
             }
         }
         if (kind_key == nullptr && !s.contains("expect")) {
@@ -492,51 +382,59 @@ private:
                 fail(path + "/device", "no device is called '" + name + "'");
             }
             step.device = size_t(it - devices_->begin());
+            step.device_given = true;
         }
         const DeviceSetup& device = (*devices_)[step.device];
-        std::string key = kind_key ? kind_key : "";
+        if (kind_key == nullptr) {
+            only(s, path, {"device", "expect", "note"});
+        } else {
+            step.action = action(kind, s, path, kind_key, device);
+        }
+        if (s.contains("expect")) {
+            step.expect = expect(s["expect"], path + "/expect", device);
+        }
+        return step;
+    }
+
+    Action action(Kind kind, const json& s, const std::string& path, const std::string& key,
+                  const DeviceSetup& device) const
+    {
         std::string kp = path + "/" + key;
-        switch (step.kind) {
-        case Step::Kind::Call: {
-            json args = s;
+        if (kind != Kind::Call && kind != Kind::Fault) {
+            only(s, path, {key.c_str(), "device", "expect", "note"});
+        }
+        switch (kind) {
+        case Kind::Call: {
+            CallAction call{text(s[key], kp), s};
             for (auto* own : {"call", "device", "expect", "note"}) {
-                args.erase(own);
+                call.args.erase(own);
             }
-            std::string name = text(s["call"], kp);
             ArgumentError error;
-            step.call = prepare_call(name, args, error);
-            if (!step.call) {
+            call.call = prepare_call(call.name, call.args, error);
+            if (!call.call) {
                 fail(error.field.empty() ? kp : path + "/" + error.field, error.message);
             }
-            step.record = call_record(name);
-            step.title = name;
-            for (auto& [arg, value] : args.items()) {
-                step.title += " " + arg + "=" + brief(value);
-            }
-            break;
+            call.record = call_record(call.name);
+            return call;
         }
-        case Step::Kind::Vcm: {
-            only(s, path, {"vcm", "device", "expect", "note"});
+        case Kind::Actuator: {
             if (!device.actuator) {
                 fail(kp, "device '" + device.name + "' has no \"actuator\"");
             }
             std::string error;
-            auto op = parse_actuator_op(text(s["vcm"], kp), error);
+            auto op = parse_actuator_op(text(s[key], kp), error);
             if (!op) {
                 fail(kp, error);
             }
-            step.vcm = *op;
-            step.title = "vcm " + op->text;
-            break;
+            return ActuatorAction{*op};
         }
-        case Step::Kind::Nvm: {
-            only(s, path, {"nvm", "device", "expect", "note"});
+        case Kind::Memory: {
             if (!device.memory) {
                 fail(kp, "device '" + device.name + "' has no \"memory\"");
             }
-            std::string op = text(s["nvm"], kp);
-            auto fields = split(op, ':');
-            std::string resolved = op;
+            std::string written = text(s[key], kp);
+            auto fields = split(written, ':');
+            std::string resolved = written;
             if (fields.size() == 3 && fields[0] == "writefile") {
                 resolved = fields[0] + ":" + fields[1] + ":" + beside(fields[2]);
             }
@@ -548,76 +446,49 @@ private:
                 fail(kp, "one memory operation a step: load, read:ADDR:LEN, write:ADDR:HEXBYTES or "
                          "writefile:ADDR:FILE");
             }
-            step.nvm = ops[0];
-            step.title = "nvm " + op;
-            if (step.nvm.kind == MemoryOp::Kind::Write && step.nvm.data.size() > 8) {
-                step.title = "nvm " + fields[0] + ":" + fields[1] + ":" + hex_bytes(step.nvm.data.data(), 8) +
-                             " ... (" + std::to_string(step.nvm.data.size()) + " bytes)";
-            }
-            break;
+            return MemoryAction{ops[0], written};
         }
-        case Step::Kind::Advance: {
-            only(s, path, {"advance_ms", "device", "expect", "note"});
+        case Kind::Advance: {
             if (!s[key].is_number() || s[key].get<double>() < 0 || s[key].get<double>() > 86400000.0) {
                 fail(kp, "takes milliseconds, a number from 0 to 86400000");
             }
-            double ms = s[key].get<double>();
-            step.advance = int64_t(std::llround(ms * 10000.0));
-            step.title = "advance " + json_text(s[key]) + " ms";
-            break;
+            return AdvanceAction{int64_t(std::llround(s[key].get<double>() * 10000.0)), json_text(s[key])};
         }
-        case Step::Kind::BusSpeed:
-            only(s, path, {"bus_speed", "device", "expect", "note"});
-            step.speed = bus_speed(s[key], kp);
-            step.title = "bus speed " + json_text(s[key]);
-            break;
-        case Step::Kind::Fault:
-            step.fault = fault(s, path, key);
-            step.title = key + " " + json_text(s[key]);
-            for (auto* arg : {"transfer", "match", "status", "skip", "times"}) {
-                if (s.contains(arg)) {
-                    step.title += std::string(" ") + arg + "=" + brief(s[arg]);
-                }
+        case Kind::BusSpeed:
+            return BusSpeedAction{bus_speed(s[key], kp), json_text(s[key])};
+        case Kind::Fault:
+            return fault(s, path, key);
+        case Kind::Pnp: {
+            std::string word = text(s[key], kp);
+            if (word != "query_remove" && word != "query_stop") {
+                fail(kp, "takes query_remove or query_stop");
             }
-            break;
-        case Step::Kind::Pnp:
-        case Step::Kind::Interface: {
-            only(s, path, {key.c_str(), "device", "expect", "note"});
-            step.action = text(s[key], kp);
-            bool pnp = step.kind == Step::Kind::Pnp;
-            if (pnp ? step.action != "query_remove" && step.action != "query_stop"
-                    : step.action != "take" && step.action != "release") {
-                fail(kp, pnp ? "takes query_remove or query_stop" : "takes take or release");
+            return word == "query_remove" ? PnpAction::QueryRemove : PnpAction::QueryStop;
+        }
+        case Kind::Interface: {
+            std::string word = text(s[key], kp);
+            if (word != "take" && word != "release") {
+                fail(kp, "takes take or release");
             }
-            step.title = (pnp ? "" : "interface ") + step.action;
-            break;
+            return word == "take" ? InterfaceAction::Take : InterfaceAction::Release;
         }
-        case Step::Kind::Check:
-            only(s, path, {"device", "expect", "note"});
-            step.title = "check";
-            break;
         }
-        // Steps on the bench as a whole (the clock, the bus) belong to no device.
-        bool on_device = step.kind == Step::Kind::Call || step.kind == Step::Kind::Vcm ||
-                         step.kind == Step::Kind::Nvm || step.kind == Step::Kind::Pnp ||
-                         step.kind == Step::Kind::Interface || step.kind == Step::Kind::Check;
-        if (devices_->size() > 1 && (on_device || s.contains("device"))) {
-            step.title = "[" + device.name + "] " + step.title;
-        }
-        if (s.contains("expect")) {
-            step.expect = expect(s["expect"], path + "/expect", device);
-        }
-        return step;
+        return CheckAction{};
     }
 
-    FaultStep fault(const json& s, const std::string& path, const std::string& key) const
+    FaultAction fault(const json& s, const std::string& path, const std::string& key) const
     {
-        FaultStep f{FaultStep::What::Bus};
+        FaultAction f{FaultAction::What::Bus};
+        for (auto* arg : {"transfer", "match", "status", "skip", "times"}) {
+            if (s.contains(arg)) {
+                f.shown[arg] = s[arg];
+            }
+        }
         std::string kp = path + "/" + key;
         std::string what = text(s[key], kp);
         if (key == "fail_routine") {
             only(s, path, {"fail_routine", "status", "skip", "times", "device", "expect", "note"});
-            f.what = FaultStep::What::Routine;
+            f.what = FaultAction::What::Routine;
             f.routine = what;
             if (!s.contains("status")) {
                 fail(kp, "a routine fails with a \"status\"");
@@ -627,7 +498,7 @@ private:
             only(s, path, {"fault", "transfer", "match", "status", "skip", "times", "device", "expect", "note"});
             bool with_status = what == "fail" || what == "complete";
             if (what == "clear") {
-                f.what = FaultStep::What::Clear;
+                f.what = FaultAction::What::Clear;
                 only(s, path, {"fault", "device", "expect", "note"});
                 return f;
             }
@@ -825,30 +696,6 @@ public:
     }
 };
 
-// Where a field is, for people: "step 4: field \"expect.status\"" for
-// "/steps/3/expect/status", "field \"device.registry.MipiLanes\"" elsewhere.
-std::string field_name(const std::string& pointer)
-{
-    auto tokens = split(pointer.substr(pointer.empty() ? 0 : 1), '/');
-    std::string step;
-    size_t first = 0;
-    if (tokens.size() >= 2 && tokens[0] == "steps") {
-        step = "step " + std::to_string(std::stoul(tokens[1]) + 1) + ": ";
-        first = 2;
-    }
-    std::string out;
-    for (size_t i = first; i < tokens.size(); i++) {
-        std::string key;
-        for (size_t c = 0; c < tokens[i].size(); c++) {  // undo pointer_token()
-            bool escaped = tokens[i][c] == '~' && c + 1 < tokens[i].size();
-            key += escaped ? (tokens[i][++c] == '1' ? '/' : '~') : tokens[i][c];
-        }
-        bool index = !key.empty() && std::all_of(key.begin(), key.end(), ::isdigit);
-        out += index ? "[" + key + "]" : (out.empty() ? "" : ".") + key;
-    }
-    return step + (out.empty() ? "" : "field \"" + out + "\": ");
-}
-
 }  // namespace
 
 std::optional<Scenario> read_scenario(const std::string& text, const std::string& name, const std::string& base_dir,
@@ -858,10 +705,9 @@ std::optional<Scenario> read_scenario(const std::string& text, const std::string
     try {
         doc = json::parse(text, nullptr, true, /*ignore_comments=*/true);
     } catch (const json::parse_error& e) {
-        size_t at = std::min<size_t>(e.byte > 0 ? e.byte - 1 : 0, text.size());
-        int line = 1 + int(std::count(text.begin(), text.begin() + ptrdiff_t(at), '\n'));
         std::string what = e.what();
-        error = name + ":" + std::to_string(line) + ": not valid JSON: " + what.substr(what.find(']') + 2);
+        error = name + ":" + std::to_string(line_at(text, e.byte > 0 ? e.byte - 1 : 0)) +
+                ": not valid JSON: " + what.substr(what.find(']') + 2);
         return std::nullopt;
     }
     auto lines = field_lines(text);
@@ -873,14 +719,7 @@ std::optional<Scenario> read_scenario(const std::string& text, const std::string
         return scenario;
     } catch (const ScenarioError& e) {
         // The field's own line, or its nearest enclosing one.
-        int line = 1;
-        for (std::string path = e.path; !path.empty(); path = path.substr(0, path.rfind('/'))) {
-            if (auto it = lines.find(path); it != lines.end()) {
-                line = it->second;
-                break;
-            }
-        }
-        error = name + ":" + std::to_string(line) + ": " + field_name(e.path) + e.message;
+        error = name + ":" + std::to_string(line_of(lines, e.path)) + ": " + field_name(e.path) + e.message;
         return std::nullopt;
     }
 }
