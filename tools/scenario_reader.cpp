@@ -340,11 +340,12 @@ private:
         return setup;
     }
 
-    // The step keys: each names what the step does.
+    // The step keys: each names what the step does. A part's step takes the
+    // part's own name, as the device does, or its older short name.
     enum class Kind { Call, Actuator, Memory, Advance, BusSpeed, Fault, Pnp, Interface };
     static constexpr std::pair<const char*, Kind> step_keys[] = {
-        {"call", Kind::Call},           {"vcm", Kind::Actuator},
-        {"nvm", Kind::Memory},          {"advance_ms", Kind::Advance},
+        {"call", Kind::Call},           {"actuator", Kind::Actuator},   {"vcm", Kind::Actuator},
+        {"memory", Kind::Memory},       {"nvm", Kind::Memory},          {"advance_ms", Kind::Advance},
         {"bus_speed", Kind::BusSpeed},  {"fault", Kind::Fault},         {"fail_routine", Kind::Fault},
         {"pnp", Kind::Pnp},             {"interface", Kind::Interface},
     };
