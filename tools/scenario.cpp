@@ -7,6 +7,7 @@
 
 #include "host/bus.h"
 #include "host/system.h"
+#include "platform/device.h"
 #include "sensor/device_context.h"
 #include "sim/actuator.h"
 #include "sim/eeprom.h"
@@ -165,7 +166,7 @@ bool Runner::set_up(std::string& problem)
         sys_.traces().enable(TRACE_INFO | TRACE_ERROR);
     }
     origin_ = sys_.clock().now();
-    NTSTATUS status = sys_.load_driver();
+    NTSTATUS status = platform::load_driver(sys_);
     if (!NT_SUCCESS(status)) {
         problem = "DriverEntry failed: " + host::status_name(status);
         return false;
@@ -195,11 +196,10 @@ bool Runner::set_up(std::string& problem)
         }
         d.held = 1;
         if (setup.actuator) {
-            attach_actuator(sys_, d.context, *setup.actuator);
-            d.lens = std::dynamic_pointer_cast<sim::ActuatorModel>(sys_.bus().peripheral(setup.actuator->connection));
+            d.lens = platform::select_actuator(sys_, d.context, *setup.actuator);
         }
         if (setup.memory) {
-            d.memory = attach_memory(sys_, d.context, *setup.memory);
+            d.memory = platform::select_memory(sys_, d.context, *setup.memory);
             d.memory->set_contents(0, setup.contents);
         }
         devices_.push_back(std::move(d));
