@@ -265,7 +265,7 @@ static NTSTATUS NvmBlockCommand(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT 
 
     // As for CmdRead and CmdWrite, the wait's status is not examined: a
     // kernel-mode wait without time-out on an event returns only success.
-    (VOID) NvmAcquireBusLock(DeviceContext);
+    (VOID) AcquireBusLock(&DeviceContext->BusLock);
     NTSTATUS status = NvmBlockTransfer(Member, DeviceContext, Address, Buffer, Length, Write);
 
     // Every path from here: the cache copy of a write, slot 2 closed when it
@@ -276,7 +276,7 @@ static NTSTATUS NvmBlockCommand(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT 
     if (!Member->SlotPerBlock) {
         DeinitI2c(DeviceContext, I2C_SLOT_NVM);
     }
-    NvmReleaseBusLock(DeviceContext);
+    ReleaseBusLock(&DeviceContext->BusLock);
     NvmTraceExit(DeviceContext, Write ? Member->WriteExitTexts : Member->ReadExitTexts, Address, Buffer, Length,
                  status);
     return status;

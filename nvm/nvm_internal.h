@@ -1,12 +1,13 @@
 /*
  * nvm_internal.h - what the memory sources share: the page-engine record
  * that says how one engine differs from the others, the one read and one
- * write body every engine runs, the memory's text traces and the bus lock.
+ * write body every engine runs, and the memory's text traces.
  */
 #pragma once
 
 #include "nvm.h"
 #include "../sensor/device_context.h"
+#include "../bus/bus_lock.h"
 
 /* How an engine puts the memory address on the wire. */
 typedef enum _NVM_ADDRESSING {
@@ -66,9 +67,5 @@ VOID NvmTrace(PDEVICE_CONTEXT DeviceContext, BOOLEAN Error, const CHAR* Text, UL
  * when the length leaves no byte), then length and status. */
 VOID NvmTraceExit(PDEVICE_CONTEXT DeviceContext, const CHAR* const Texts[2], USHORT Address, const UCHAR* Data,
                   LONG Length, NTSTATUS Status);
-
-/* BusLock: a wait with no time-out, and its release. */
-NTSTATUS NvmAcquireBusLock(PDEVICE_CONTEXT DeviceContext);
-VOID NvmReleaseBusLock(PDEVICE_CONTEXT DeviceContext);
 
 EXTERN_C_END

@@ -161,7 +161,7 @@ static NTSTATUS NvmLinearRead(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT D
         return STATUS_INVALID_PARAMETER;
     }
 
-    NTSTATUS status = NvmAcquireBusLock(DeviceContext);
+    NTSTATUS status = AcquireBusLock(&DeviceContext->BusLock);
     if (Member->WaitChecked && !NT_SUCCESS(status)) {
         NvmTrace(DeviceContext, TRUE, Member->ReadWaitText, (ULONG)status, NVM_TRACE_NO_NUMBER);
         return status;
@@ -180,7 +180,7 @@ static NTSTATUS NvmLinearRead(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT D
     }
 
     DeinitI2c(DeviceContext, I2C_SLOT_NVM);
-    NvmReleaseBusLock(DeviceContext);
+    ReleaseBusLock(&DeviceContext->BusLock);
     NvmTraceExit(DeviceContext, Member->ReadExitTexts, Address, Buffer, Length, status);
     return status;
 }
@@ -254,7 +254,7 @@ static NTSTATUS NvmLinearWrite(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT 
         return STATUS_INVALID_PARAMETER;
     }
 
-    NTSTATUS status = NvmAcquireBusLock(DeviceContext);
+    NTSTATUS status = AcquireBusLock(&DeviceContext->BusLock);
     if (Member->WaitChecked && !NT_SUCCESS(status)) {
         NvmTrace(DeviceContext, TRUE, Member->WriteWaitText, (ULONG)status, NVM_TRACE_NO_NUMBER);
         return status;
@@ -269,7 +269,7 @@ static NTSTATUS NvmLinearWrite(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT 
 
     NvmCacheWrite(DeviceContext, Address, Data, Length);
     DeinitI2c(DeviceContext, I2C_SLOT_NVM);
-    NvmReleaseBusLock(DeviceContext);
+    ReleaseBusLock(&DeviceContext->BusLock);
     NvmTraceExit(DeviceContext, Member->WriteExitTexts, Address, Data, Length, status);
     return status;
 }

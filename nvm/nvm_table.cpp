@@ -1,8 +1,7 @@
 /*
  * nvm_table.cpp - the memory type table, the 750-byte cache that the memory
  * is loaded into once and served from afterwards, the stub operations of
- * types 3 and 4, and what every memory source shares: its text traces and
- * the bus lock.
+ * types 3 and 4, and what every memory source shares: its text traces.
  */
 #include "nvm_internal.h"
 #include "../trace/trace.h"
@@ -27,8 +26,6 @@ EXTERN_C_END
 #pragma alloc_text(PAGE, NvmStubWrite)
 #pragma alloc_text(PAGE, NvmTrace)
 #pragma alloc_text(PAGE, NvmTraceExit)
-#pragma alloc_text(PAGE, NvmAcquireBusLock)
-#pragma alloc_text(PAGE, NvmReleaseBusLock)
 #endif
 
 /* Type 3 loads a fixed 432 bytes through its stub, whatever the cache length. */
@@ -174,23 +171,4 @@ VOID NvmTraceExit(PDEVICE_CONTEXT DeviceContext, const CHAR* const Texts[2], USH
     // The first byte only when the caller's buffer has one.
     NvmTrace(DeviceContext, FALSE, Texts[0], Address, Length >= 1 ? Data[0] : NVM_TRACE_NO_NUMBER);
     NvmTrace(DeviceContext, FALSE, Texts[1], (ULONG)Length, (ULONG)Status);
-}
-
-NTSTATUS NvmAcquireBusLock(PDEVICE_CONTEXT DeviceContext)
-{
-    PAGED_CODE();
-
-    if (DeviceContext == NULL) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    return KeWaitForSingleObject(&DeviceContext->BusLock, Executive, KernelMode, FALSE, NULL);
-}
-
-VOID NvmReleaseBusLock(PDEVICE_CONTEXT DeviceContext)
-{
-    PAGED_CODE();
-
-    if (DeviceContext != NULL) {
-        (VOID) KeSetEvent(&DeviceContext->BusLock, 0, FALSE);
-    }
 }

@@ -74,7 +74,7 @@ NTSTATUS DW9714_SetPos(PDEVICE_CONTEXT DeviceContext, SHORT Position)
     if (NT_SUCCESS(status)) {
         VcmRecordMove(DeviceContext, code);
     }
-    VcmUnlockBus(DeviceContext);
+    ReleaseBusLock(&DeviceContext->BusLock);
 
     VcmTrace(TRACE_INFO, DeviceContext, " %d %!STATUS!", Dw9714Chip.Markers.SetPos, code, status);
     return status;
@@ -98,7 +98,7 @@ NTSTATUS DW9714_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)
     if (NT_SUCCESS(status)) {
         *Position = value;
     }
-    VcmUnlockBus(DeviceContext);
+    ReleaseBusLock(&DeviceContext->BusLock);
 
     VcmTrace(TRACE_INFO, DeviceContext, " %u %!STATUS!", Dw9714Chip.Markers.GetPos, value, status);
     return status;

@@ -178,7 +178,7 @@ NTSTATUS VcmRegSetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, S
     if (NT_SUCCESS(status)) {
         VcmRecordMove(DeviceContext, recorded);
     }
-    VcmUnlockBus(DeviceContext);
+    ReleaseBusLock(&DeviceContext->BusLock);
 
     VcmTrace(TRACE_INFO, DeviceContext, " %d %!STATUS!", m->SetPos, (LONG)(SHORT)recorded, status);
     return status;
@@ -214,7 +214,7 @@ NTSTATUS VcmRegGetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, P
         position = (USHORT)((((high & Chip->HighMask) << 8) | low) >> Chip->CodeShift);
         *Position = position;
     }
-    VcmUnlockBus(DeviceContext);
+    ReleaseBusLock(&DeviceContext->BusLock);
 
     VcmTrace(TRACE_INFO, DeviceContext, " %u %!STATUS!", m->GetPos, position, status);
     return status;
@@ -240,7 +240,7 @@ NTSTATUS VcmRegGetStatus(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip
         moving = value & 1;
         *Status = moving;
     }
-    VcmUnlockBus(DeviceContext);
+    ReleaseBusLock(&DeviceContext->BusLock);
 
     VcmTrace(TRACE_INFO, DeviceContext, " %u %!STATUS!", m->GetStatus, moving, status);
     return status;

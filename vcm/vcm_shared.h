@@ -11,6 +11,7 @@
 #pragma once
 
 #include "vcm.h"
+#include "../bus/bus_lock.h"
 #include "../bus/delay.h"
 #include "../trace/trace.h"
 
@@ -190,7 +191,6 @@ EXTERN_C_START
 /* Waits for BusLock; a wait that does not return STATUS_SUCCESS is traced
  * with the routine's lock-failure text and returned, the lock not taken. */
 NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker);
-VOID VcmUnlockBus(PDEVICE_CONTEXT DeviceContext);
 /* After the chip accepted a new position, still under BusLock. */
 VOID VcmRecordMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition);
 /* The settle rule with the chip's GetHPStatus trace. */

@@ -29,7 +29,6 @@ EXTERN_C_END
 #pragma alloc_text(PAGE, VcmTimedGetStatus)
 #pragma alloc_text(PAGE, VcmTimedGetHPStatus)
 #pragma alloc_text(PAGE, VcmLockBus)
-#pragma alloc_text(PAGE, VcmUnlockBus)
 #pragma alloc_text(PAGE, VcmRecordMove)
 #pragma alloc_text(PAGE, VcmReportSettled)
 #pragma alloc_text(PAGE, VcmSetConfig)
@@ -160,19 +159,12 @@ NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker)
 
     // Any other answer, a success code such as STATUS_ALERTED included, means
     // the lock is not ours.
-    NTSTATUS status = KeWaitForSingleObject(&DeviceContext->BusLock, Executive, KernelMode, FALSE, NULL);
+    NTSTATUS status = AcquireBusLock(&DeviceContext->BusLock);
     if (status != STATUS_SUCCESS) {
         VcmTrace(TRACE_INFO, DeviceContext, " %!STATUS!", LockFailedMarker, status);
         return status;
     }
     return STATUS_SUCCESS;
-}
-
-VOID VcmUnlockBus(PDEVICE_CONTEXT DeviceContext)
-{
-    PAGED_CODE();
-
-    (VOID) KeSetEvent(&DeviceContext->BusLock, 0, FALSE);
 }
 
 VOID VcmRecordMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition)
