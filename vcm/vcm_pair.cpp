@@ -175,13 +175,7 @@ NTSTATUS VcmRegSetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, S
     if (NT_SUCCESS(status) || (Chip->Flags & VCM_HIGH_STATUS_IGNORED)) {
         status = VcmRegWrite(DeviceContext, Chip, Chip->LowReg, low);
     }
-    if (NT_SUCCESS(status)) {
-        VcmRecordMove(DeviceContext, recorded);
-    }
-    ReleaseBusLock(&DeviceContext->BusLock);
-
-    VcmTrace(TRACE_INFO, DeviceContext, " %d %!STATUS!", m->SetPos, (LONG)(SHORT)recorded, status);
-    return status;
+    return VcmEndMove(DeviceContext, m->SetPos, recorded, status);
 }
 
 NTSTATUS VcmRegGetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PUSHORT Position)
@@ -214,10 +208,7 @@ NTSTATUS VcmRegGetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, P
         position = (USHORT)((((high & Chip->HighMask) << 8) | low) >> Chip->CodeShift);
         *Position = position;
     }
-    ReleaseBusLock(&DeviceContext->BusLock);
-
-    VcmTrace(TRACE_INFO, DeviceContext, " %u %!STATUS!", m->GetPos, position, status);
-    return status;
+    return VcmEndRead(DeviceContext, m->GetPos, position, status);
 }
 
 NTSTATUS VcmRegGetStatus(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PULONG Status)
@@ -240,10 +231,7 @@ NTSTATUS VcmRegGetStatus(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip
         moving = value & 1;
         *Status = moving;
     }
-    ReleaseBusLock(&DeviceContext->BusLock);
-
-    VcmTrace(TRACE_INFO, DeviceContext, " %u %!STATUS!", m->GetStatus, moving, status);
-    return status;
+    return VcmEndRead(DeviceContext, m->GetStatus, moving, status);
 }
 
 /* ---- The five register-pair chips ---- */

@@ -1,7 +1,8 @@
 /*
  * vcm_shared.h - what the actuator chip drivers have in common, said once:
  * the trace convention, the marker texts of a chip's routines, the bus lock
- * protocol, the bookkeeping of a move, SetConfig checks, reset ramps, and
+ * protocol and the end of every locked exchange with the bookkeeping of a
+ * move, SetConfig checks, reset ramps, and
  * the two-register position scheme that every chip but DW9714 uses.
  *
  * A chip is described by constant records (VCM_CHIP, VCM_REG_CHIP); one body
@@ -191,8 +192,13 @@ EXTERN_C_START
 /* Waits for BusLock; a wait that does not return STATUS_SUCCESS is traced
  * with the routine's lock-failure text and returned, the lock not taken. */
 NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker);
-/* After the chip accepted a new position, still under BusLock. */
-VOID VcmRecordMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition);
+/* How every locked exchange ends, given the status of its transfers: a
+ * SetPos records the move when the chip took it, then BusLock is released
+ * whatever happened, then the routine's exit event goes out with the
+ * recorded position (signed) or the value read (unsigned) and the status,
+ * which is returned. */
+NTSTATUS VcmEndMove(PDEVICE_CONTEXT DeviceContext, const CHAR* Marker, USHORT NewPosition, NTSTATUS Status);
+NTSTATUS VcmEndRead(PDEVICE_CONTEXT DeviceContext, const CHAR* Marker, ULONG Value, NTSTATUS Status);
 /* The settle rule with the chip's GetHPStatus trace. */
 NTSTATUS VcmReportSettled(PDEVICE_CONTEXT DeviceContext, PULONG Status, const CHAR* Marker);
 NTSTATUS VcmSetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config, const VCM_CHIP* Chip);
