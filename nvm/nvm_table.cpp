@@ -31,20 +31,24 @@ EXTERN_C_END
 /* Type 3 loads a fixed 432 bytes through its stub, whatever the cache length. */
 #define NVM_STUB_LOAD_LENGTH 432
 
+/* Every type loads from address 0 through NvmLoad. */
+#define NVM_ROW(Type, Write, Read) \
+    {Type, NvmGeometry[Type].Size, NvmGeometry[Type].PageSize, 0, Write, Read, NvmLoad}
+
 const NVM_DRIVER NvmDriverTable[NVM_TYPE_COUNT] = {
-    {0, 0, 0, 0, NULL, NULL, NvmLoad},
-    {1, 0, 0, 0, NULL, NULL, NvmLoad},
-    {2, 0, 0, 0, NULL, NULL, NvmLoad},
-    {3, 0, 0, 0, NvmStubWrite, NvmStubRead, NvmLoad},
-    {4, 0, 0, 0, NvmStubWrite, NvmStubRead, NvmLoad},
-    {5, 0x4000, 0x40, 0, CmdWrite, CmdRead, NvmLoad},
-    {6, 0x800, 0x100, 0, Cmd_Brca016Write, Cmd_Brca016Read, NvmLoad},
-    {7, 0x80, 0x8, 0, CmdWrite, CmdRead, NvmLoad},
-    {8, 0x1000, 0x20, 0, CmdWrite, CmdRead, NvmLoad},
-    {9, 0x400, 0x100, 0, Cmd_Cat24cWrite, Cmd_Cat24cRead, NvmLoad},
-    {10, 0x2000, 0x20, 0, Cmd_M24c64Write, Cmd_M24c64Read, NvmLoad},
-    {11, 0x2000, 0x400, 0, Cmd_DW9806BWrite, Cmd_DW9806BRead, NvmLoad},
-    {12, 0x800, 0x100, 0, Cmd_Cat24c16Write, Cmd_Cat24c16Read, NvmLoad},
+    NVM_ROW(0, NULL, NULL),
+    NVM_ROW(1, NULL, NULL),
+    NVM_ROW(2, NULL, NULL),
+    NVM_ROW(3, NvmStubWrite, NvmStubRead),
+    NVM_ROW(4, NvmStubWrite, NvmStubRead),
+    NVM_ROW(5, CmdWrite, CmdRead),
+    NVM_ROW(NVM_TYPE_BRCA016, Cmd_Brca016Write, Cmd_Brca016Read),
+    NVM_ROW(7, CmdWrite, CmdRead),
+    NVM_ROW(8, CmdWrite, CmdRead),
+    NVM_ROW(NVM_TYPE_CAT24C, Cmd_Cat24cWrite, Cmd_Cat24cRead),
+    NVM_ROW(NVM_TYPE_M24C64, Cmd_M24c64Write, Cmd_M24c64Read),
+    NVM_ROW(NVM_TYPE_DW9806B, Cmd_DW9806BWrite, Cmd_DW9806BRead),
+    NVM_ROW(NVM_TYPE_CAT24C16, Cmd_Cat24c16Write, Cmd_Cat24c16Read),
 };
 
 /* Reads the selected memory into the cache. Types without a read (0 to 2,
