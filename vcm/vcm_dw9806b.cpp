@@ -68,14 +68,11 @@ static const VCM_REG_CHIP Dw9806bChip = {
     .HighReg = 0x03,
     .LowReg = 0x04,
     .HighMask = 0x03,
-    .CodeShift = 0,
     .MinCode = 1,
     .MaxCode = DW9806B_MAX_CODE,
     .BusyReg = 0x05,
     .IdReg = 0x00,
     .IdText = "IC Info:",
-    .InitSteps = NULL,
-    .InitStepCount = 0,
 };
 
 /* The camera module, from the sensor name, ignoring ASCII case. */

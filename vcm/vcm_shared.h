@@ -126,21 +126,22 @@ typedef struct _VCM_INIT_STEP {
 
 /* A chip whose position code sits in a high and a low register. The code is
  * placed CodeShift bits up in the 16-bit value high:low; HighMask is the part
- * of the high register that holds code bits. */
+ * of the high register that holds code bits. What a chip's record leaves out
+ * is zero: no flags, no shift, no busy or identification register. */
 typedef struct _VCM_REG_CHIP {
     VCM_CHIP Chip;
-    ULONG Flags;
-    USHORT HighReg;
-    USHORT LowReg;
-    UCHAR HighMask;
-    UCHAR CodeShift;
-    LONG MinCode;
-    LONG MaxCode;
-    USHORT BusyReg;
-    USHORT IdReg;
-    const CHAR* IdText;       /* the identification's trace text; NULL: the byte goes into Init's exit event */
-    const VCM_INIT_STEP* InitSteps; /* NULL: every entry in order, to its own register */
-    ULONG InitStepCount;
+    ULONG Flags = 0;
+    USHORT HighReg = 0;
+    USHORT LowReg = 0;
+    UCHAR HighMask = 0;
+    UCHAR CodeShift = 0;
+    LONG MinCode = 0;
+    LONG MaxCode = 0;
+    USHORT BusyReg = 0;             /* with VCM_BUSY_REGISTER */
+    USHORT IdReg = 0;               /* with VCM_IDENTIFIES */
+    const CHAR* IdText = NULL;      /* the identification's trace text; NULL: the byte goes into Init's exit event */
+    const VCM_INIT_STEP* InitSteps = NULL; /* NULL: every entry in order, to its own register */
+    ULONG InitStepCount = 0;
 } VCM_REG_CHIP;
 
 /* SetPos's code from its argument, within the chip's range. */
