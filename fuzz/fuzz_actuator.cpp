@@ -5,7 +5,8 @@
 // flags, and nothing was touched out of bounds; the driver unloads clean.
 #include "fuzz_input.h"
 
-#include "tools/actuator_cli.h"
+#include "platform/actuator.h"
+#include "platform/device.h"
 #include "host/bus.h"
 #include "host/system.h"
 #include "sensor/device_context.h"
@@ -63,19 +64,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (in.flag()) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }
-    FUZZ_CHECK(sys.load_driver() == STATUS_SUCCESS);
+    FUZZ_CHECK(korvanel::platform::load_driver(sys) == STATUS_SUCCESS);
     auto& dev = sys.add_device();
     auto* ctx = static_cast<PDEVICE_CONTEXT>(dev.context());
 
     unsigned row = 1 + in.pick(VCM_TYPE_COUNT - 1);
-    korvanel::tool::ActuatorOptions options;
+    korvanel::platform::ActuatorSelection options;
     options.chip = std::to_string(row);
     options.low = in.pick(1100);
     options.high = in.pick(1100);
     if (in.flag()) {
         options.module = kModules[in.pick(5)];
     }
-    korvanel::tool::attach_actuator(sys, ctx, options);
+    korvanel::platform::select_actuator(sys, ctx, options);
     const VCM_DRIVER& chip = VcmDrivers[row];
     switch (in.pick(8)) {
     case 0:

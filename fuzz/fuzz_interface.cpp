@@ -7,6 +7,7 @@
 #include "fuzz_input.h"
 
 #include "host/system.h"
+#include "platform/device.h"
 #include "sensor/sensor_interface.h"
 #include "trace/trace.h"
 
@@ -214,7 +215,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     System sys;
     DeviceConfig device;
     Configure(in, sys, device);
-    FUZZ_CHECK(sys.load_driver() == STATUS_SUCCESS);
+    FUZZ_CHECK(korvanel::platform::load_driver(sys) == STATUS_SUCCESS);
     auto& dev = sys.add_device(device);
     FUZZ_CHECK(dev.add_status() == STATUS_SUCCESS);
 

@@ -7,6 +7,7 @@
 #include "fuzz_input.h"
 
 #include "host/system.h"
+#include "platform/device.h"
 #include "sensor/device_context.h"
 #include "sensor/sensor_interface.h"
 #include "trace/trace.h"
@@ -52,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (in.pick(4) == 0) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }
-    FUZZ_CHECK(sys.load_driver() == STATUS_SUCCESS);
+    FUZZ_CHECK(korvanel::platform::load_driver(sys) == STATUS_SUCCESS);
     std::vector<Held> devices;
 
     for (int step = 0; step < 96 && !in.empty(); step++) {

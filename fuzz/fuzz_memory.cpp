@@ -10,7 +10,8 @@
 
 #include "host/bus.h"
 #include "host/system.h"
-#include "tools/memory_cli.h"
+#include "platform/device.h"
+#include "platform/memory.h"
 #include "nvm/nvm.h"
 #include "sensor/device_context.h"
 #include "trace/trace.h"
@@ -43,14 +44,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (in.flag()) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }
-    FUZZ_CHECK(sys.load_driver() == STATUS_SUCCESS);
+    FUZZ_CHECK(korvanel::platform::load_driver(sys) == STATUS_SUCCESS);
     auto& dev = sys.add_device();
     auto* ctx = static_cast<PDEVICE_CONTEXT>(dev.context());
 
-    korvanel::tool::MemorySelection selection;
+    korvanel::platform::MemorySelection selection;
     selection.type = 5 + in.pick(8);
     selection.cache_length = in.pick(800);
-    auto model = korvanel::tool::attach_memory(sys, ctx, selection);
+    auto model = korvanel::platform::select_memory(sys, ctx, selection);
     FUZZ_CHECK(model != nullptr);
     if (in.pick(4) == 0) {
         ctx->NvmType = in.pick(16);  // another row, or none

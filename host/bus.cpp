@@ -162,9 +162,10 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
         status = sim::kNack;
         duration = address_only;
     } else {
+        sim::Transfer when{t.time, t.time + wire_time(speed, request.length)};
         status = request.direction == Direction::Write
-                     ? part->write(std::span<const uint8_t>(request.buffer, request.length))
-                     : part->read(std::span<uint8_t>(received));
+                     ? part->write(when, std::span<const uint8_t>(request.buffer, request.length))
+                     : part->read(when, std::span<uint8_t>(received));
         int64_t hold = part->hold_time();
         duration = NT_SUCCESS(status) ? wire_time(speed, request.length) : address_only;
         duration = hold == sim::kHoldForever ? sim::kHoldForever : duration + hold;

@@ -20,7 +20,7 @@
 // latest refusal is in last_rejection().
 #pragma once
 
-#include "wdm.h"
+#include "../wdk/wdm.h"
 #include "../wdk/kmdf.h"
 #include "../sim/peripheral.h"
 

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <sstream>
 
-extern "C" DRIVER_INITIALIZE DriverEntry;
 
 namespace korvanel::host {
 
@@ -195,13 +194,13 @@ System::~System()
 
 System* System::current_or_null() { return g_current; }
 
-NTSTATUS System::load_driver()
+NTSTATUS System::load_driver(DRIVER_INITIALIZE* entry)
 {
     std::u16string path(Registry::kServiceKey);
-    return load_driver(&path);
+    return load_driver(entry, &path);
 }
 
-NTSTATUS System::load_driver(const std::u16string* registry_path)
+NTSTATUS System::load_driver(DRIVER_INITIALIZE* entry, const std::u16string* registry_path)
 {
     if (loaded_) {
         return STATUS_INVALID_DEVICE_STATE;
@@ -214,7 +213,7 @@ NTSTATUS System::load_driver(const std::u16string* registry_path)
         registry_path_us_.MaximumLength = registry_path_us_.Length;
         path = &registry_path_us_;
     }
-    entry_status_ = DriverEntry(&wdm_driver_, path);
+    entry_status_ = entry(&wdm_driver_, path);
     if (!NT_SUCCESS(entry_status_)) {
         // A failed entry: the framework deletes the driver object it made.
         if (driver_ != nullptr) {

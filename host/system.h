@@ -4,7 +4,7 @@
 //
 //   korvanel::host::System sys;
 //   sys.registry().set_dword("MipiLanes", 4);
-//   sys.load_driver();
+//   sys.load_driver(DriverEntry);
 //   auto& dev = sys.add_device({.hardware_ids = {u"root\\KORVANEL\\rgbir"}});
 //   SENSOR_INTERFACE si{};
 //   dev.query_interface(GUID_SENSOR_INTERFACE, &si);
@@ -15,7 +15,7 @@
 // System::current().
 #pragma once
 
-#include "wdm.h"
+#include "../wdk/wdm.h"
 #include "../wdk/kmdf.h"
 
 #include <atomic>
@@ -443,8 +443,10 @@ public:
     void set_classic_tracing_available(bool available) { classic_tracing_ = available; }
     bool classic_tracing_available() const { return classic_tracing_; }
 
-    NTSTATUS load_driver();  // DriverEntry with the service key path
-    NTSTATUS load_driver(const std::u16string* registry_path);
+    // Loads a driver image: calls its entry point with the service key's path
+    // (or the path given; null passes no path at all).
+    NTSTATUS load_driver(DRIVER_INITIALIZE* entry);
+    NTSTATUS load_driver(DRIVER_INITIALIZE* entry, const std::u16string* registry_path);
     bool driver_loaded() const;
     NTSTATUS entry_status() const { return entry_status_; }
     std::optional<WDF_DRIVER_CONFIG> driver_config() const;

@@ -1,9 +1,6 @@
 // actuator.cpp - the lens-actuator models and the description of each chip.
 #include "actuator.h"
 
-#include "../host/bus.h"
-#include "../host/system.h"
-
 #include <algorithm>
 #include <cctype>
 #include <stdexcept>
@@ -45,8 +42,6 @@ constexpr uint16_t kDw9714Unlock = 0xECA3;
 constexpr uint8_t kDw9714Lock = 0xDC;
 constexpr uint8_t kDw9714Settings[] = {0xA1, 0xF2};
 constexpr uint16_t kDw9714PowerDown = 0x8000;
-
-int64_t now() { return host::System::current().clock().now(); }
 
 }  // namespace
 
@@ -104,10 +99,10 @@ std::vector<ActuatorModel::Point> ActuatorModel::trajectory() const
     return {trajectory_.begin(), trajectory_.end()};
 }
 
-bool ActuatorModel::busy() const
+bool ActuatorModel::busy(int64_t now) const
 {
     std::lock_guard lock(mutex_);
-    return now() < busy_until_;
+    return now < busy_until_;
 }
 
 int64_t ActuatorModel::busy_until() const
@@ -119,7 +114,7 @@ int64_t ActuatorModel::busy_until() const
 uint8_t ActuatorModel::peek(uint16_t reg) const
 {
     std::lock_guard lock(mutex_);
-    return read_register(reg % registers_.size());
+    return registers_[reg % registers_.size()];
 }
 
 void ActuatorModel::poke(uint16_t reg, uint8_t value)
@@ -128,19 +123,17 @@ void ActuatorModel::poke(uint16_t reg, uint8_t value)
     registers_[reg % registers_.size()] = value;
 }
 
-void ActuatorModel::power_on()
+void ActuatorModel::power_on(int64_t now)
 {
     std::lock_guard lock(mutex_);
-    ready_at_ = now() + chip_.power_up_us * 10;
+    ready_at_ = now + chip_.power_up_us * 10;
 }
 
-bool ActuatorModel::ready() const { return now() >= ready_at_; }
-
-// With the model locked.
-uint8_t ActuatorModel::read_register(uint16_t reg) const
+// With the model locked; `now` is when the register is read.
+uint8_t ActuatorModel::read_register(uint16_t reg, int64_t now) const
 {
     if (chip_.busy_reg && reg == *chip_.busy_reg) {
-        return now() < busy_until_ ? 1 : 0;
+        return now < busy_until_ ? 1 : 0;
     }
     return registers_[reg];
 }
@@ -161,12 +154,6 @@ void ActuatorModel::store_register(uint16_t reg, uint8_t value)
         }
     }
     registers_[reg] = value;
-}
-
-int64_t ActuatorModel::stop_time(size_t bytes) const
-{
-    auto& sys = host::System::current();
-    return sys.clock().now() + host::Bus::wire_time(sys.bus().speed(), bytes);
 }
 
 void ActuatorModel::latch(uint16_t code, int64_t at)
@@ -198,13 +185,14 @@ bool ActuatorModel::command_word(uint16_t word)
     return true;
 }
 
-NTSTATUS ActuatorModel::write(std::span<const uint8_t> bytes)
+NTSTATUS ActuatorModel::write(const Transfer& when, std::span<const uint8_t> bytes)
 {
     std::lock_guard lock(mutex_);
-    if (!ready()) {
+    if (when.start < ready_at_) {
         return kNack;
     }
-    int64_t at = stop_time(bytes.size());
+    // A new code takes effect at the stop condition.
+    int64_t at = when.stop;
 
     if (chip_.interface == Interface::CommandWord) {
         // Acted on word by word; a trailing half word is dropped.
@@ -236,10 +224,10 @@ NTSTATUS ActuatorModel::write(std::span<const uint8_t> bytes)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS ActuatorModel::read(std::span<uint8_t> bytes)
+NTSTATUS ActuatorModel::read(const Transfer& when, std::span<uint8_t> bytes)
 {
     std::lock_guard lock(mutex_);
-    if (!ready()) {
+    if (when.start < ready_at_) {
         return kNack;
     }
     if (chip_.interface == Interface::CommandWord) {
@@ -249,7 +237,7 @@ NTSTATUS ActuatorModel::read(std::span<uint8_t> bytes)
         return STATUS_SUCCESS;
     }
     for (auto& b : bytes) {
-        b = read_register(uint16_t(pointer_));
+        b = read_register(uint16_t(pointer_), when.start);
         pointer_ = (pointer_ + 1) % registers_.size();
     }
     return STATUS_SUCCESS;

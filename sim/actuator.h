@@ -6,7 +6,7 @@
 //   ... the driver programs and moves the lens ...
 //   vcm->code();          // where the lens is now
 //   vcm->trajectory();    // every position the chip latched, with its time
-//   vcm->busy();          // still settling after the last move
+//   vcm->busy(sys.clock().now());  // still settling after the last move
 //
 // Register chips keep an address pointer: a write sets it (one or two address
 // bytes, high byte first) and stores any data bytes from there on; a read
@@ -80,23 +80,21 @@ public:
     // The latched codes in order; a long run keeps the latest kPointsKept.
     static constexpr size_t kPointsKept = size_t(1) << 16;
     std::vector<Point> trajectory() const;
-    bool busy() const;                      // at the clock's present time
+    bool busy(int64_t now) const;           // still settling at clock time `now`
     int64_t busy_until() const;             // clock time the last move settles
-    uint8_t peek(uint16_t reg) const;       // a register as the part holds it
+    uint8_t peek(uint16_t reg) const;       // a register as the part stores it (the busy flag is busy())
     void poke(uint16_t reg, uint8_t value); // set a register behind the bus's back
-    void power_on();                        // starts the power-up time
+    void power_on(int64_t now);             // starts the power-up time at `now`
 
     // ---- Bus face ---------------------------------------------------------
-    NTSTATUS write(std::span<const uint8_t> bytes) override;
-    NTSTATUS read(std::span<uint8_t> bytes) override;
+    NTSTATUS write(const Transfer& when, std::span<const uint8_t> bytes) override;
+    NTSTATUS read(const Transfer& when, std::span<uint8_t> bytes) override;
 
 private:
-    bool ready() const;
-    uint8_t read_register(uint16_t reg) const;
+    uint8_t read_register(uint16_t reg, int64_t now) const;
     void store_register(uint16_t reg, uint8_t value);
     bool command_word(uint16_t word);  // true for a position word
     void latch(uint16_t code, int64_t at);
-    int64_t stop_time(size_t bytes) const;
 
     const ActuatorChip& chip_;
     mutable std::mutex mutex_;

@@ -1,8 +1,6 @@
 // eeprom.cpp - the module memories: address pointer, sequential read, page
 // writes with roll-over, the write cycle, erase commands, contents files.
 #include "eeprom.h"
-#include "../host/bus.h"
-#include "../host/system.h"
 
 #include <algorithm>
 #include <fstream>
@@ -29,8 +27,11 @@ constexpr int64_t kEraseCycle = 10 * 10000;
 class Eeprom::Connection : public Peripheral {
 public:
     Connection(std::shared_ptr<Eeprom> part, size_t block) : part_(std::move(part)), block_(block) {}
-    NTSTATUS write(std::span<const uint8_t> bytes) override { return part_->take_write(block_, bytes); }
-    NTSTATUS read(std::span<uint8_t> bytes) override { return part_->take_read(bytes); }
+    NTSTATUS write(const Transfer& when, std::span<const uint8_t> bytes) override
+    {
+        return part_->take_write(when, block_, bytes);
+    }
+    NTSTATUS read(const Transfer& when, std::span<uint8_t> bytes) override { return part_->take_read(when, bytes); }
 
 private:
     std::shared_ptr<Eeprom> part_;
@@ -38,24 +39,6 @@ private:
 };
 
 Eeprom::Eeprom(Geometry geometry) : geometry_(geometry), cells_(geometry.size, 0xFF) {}
-
-std::shared_ptr<Eeprom> Eeprom::for_type(unsigned type)
-{
-    // Sizes and write pages of the parts the memory types stand for. The
-    // DW9806B's physical write page is assumed to be 32 bytes, the chunk its
-    // driver writes; no datasheet figure was at hand.
-    switch (type) {
-    case 5: return std::make_shared<Eeprom>(Geometry{Kind::Serial16, 16384, 64});
-    case 7: return std::make_shared<Eeprom>(Geometry{Kind::Serial16, 128, 8});
-    case 8: return std::make_shared<Eeprom>(Geometry{Kind::Serial16, 4096, 32});
-    case 10: return std::make_shared<Eeprom>(Geometry{Kind::Serial16, 8192, 32});
-    case 6: return std::make_shared<Eeprom>(Geometry{Kind::Blocks, 2048, 16});
-    case 9: return std::make_shared<Eeprom>(Geometry{Kind::Blocks, 1024, 16});
-    case 12: return std::make_shared<Eeprom>(Geometry{Kind::Blocks, 2048, 16});
-    case 11: return std::make_shared<Eeprom>(Geometry{Kind::Paged, kPagedPages * kPagedPageSize, 32});
-    default: return nullptr;
-    }
-}
 
 std::vector<std::shared_ptr<Peripheral>> Eeprom::connections()
 {
@@ -69,24 +52,20 @@ std::vector<std::shared_ptr<Peripheral>> Eeprom::connections()
 
 // ---- Bus face ---------------------------------------------------------------
 
-bool Eeprom::busy() const
+bool Eeprom::busy(int64_t now) const
 {
-    auto* sys = host::System::current_or_null();
     std::lock_guard lock(mutex_);
-    return sys != nullptr && sys->clock().now() < busy_until_;
+    return now < busy_until_;
 }
 
-// The cycle runs from the stop condition, at the end of the transfer's wire
-// time; the bus has moved the clock to the transfer's start.
-void Eeprom::start_cycle(size_t bytes_on_wire, int64_t duration)
+// The cycle runs from the stop condition.
+void Eeprom::start_cycle(const Transfer& when, int64_t duration)
 {
-    auto& sys = host::System::current();
-    int64_t stop = sys.clock().now() + host::Bus::wire_time(sys.bus().speed(), bytes_on_wire);
-    busy_until_ = stop + duration;
+    busy_until_ = when.stop + duration;
     cycles_++;
 }
 
-bool Eeprom::take_erase(std::span<const uint8_t> bytes)
+bool Eeprom::take_erase(const Transfer& when, std::span<const uint8_t> bytes)
 {
     if (geometry_.kind != Kind::Paged || bytes.size() != 2 || bytes[1] != kEraseConfirm) {
         return false;
@@ -99,23 +78,22 @@ bool Eeprom::take_erase(std::span<const uint8_t> bytes)
     } else {
         return false;
     }
-    start_cycle(bytes.size(), kEraseCycle);
+    start_cycle(when, kEraseCycle);
     return true;
 }
 
-NTSTATUS Eeprom::take_write(size_t block, std::span<const uint8_t> bytes)
+NTSTATUS Eeprom::take_write(const Transfer& when, size_t block, std::span<const uint8_t> bytes)
 {
-    auto* sys = host::System::current_or_null();
     std::lock_guard lock(mutex_);
     // In its write cycle the part does not acknowledge its address.
-    if (sys != nullptr && sys->clock().now() < busy_until_) {
+    if (when.start < busy_until_) {
         return kNack;
     }
     size_t n = address_bytes();
     if (geometry_.kind == Kind::Paged && !bytes.empty() && (bytes[0] & 0x80)) {
         // A command byte: an erase, or something the part does not know and
         // does not acknowledge.
-        return take_erase(bytes) ? STATUS_SUCCESS : kNack;
+        return take_erase(when, bytes) ? STATUS_SUCCESS : kNack;
     }
     if (bytes.size() < n) {
         // An address cut short leaves the pointer where it was.
@@ -155,15 +133,14 @@ NTSTATUS Eeprom::take_write(size_t block, std::span<const uint8_t> bytes)
         }
     }
     pointer_ = base + offset;
-    start_cycle(bytes.size(), kWriteCycle);
+    start_cycle(when, kWriteCycle);
     return STATUS_SUCCESS;
 }
 
-NTSTATUS Eeprom::take_read(std::span<uint8_t> bytes)
+NTSTATUS Eeprom::take_read(const Transfer& when, std::span<uint8_t> bytes)
 {
-    auto* sys = host::System::current_or_null();
     std::lock_guard lock(mutex_);
-    if (sys != nullptr && sys->clock().now() < busy_until_) {
+    if (when.start < busy_until_) {
         return kNack;
     }
     // Sequential read: on from the pointer, across pages and blocks, rolling

@@ -26,7 +26,7 @@
 // in slot order), the backend face below for tests and tools (contents,
 // files), and faults, which come from the bus's rules before the part.
 //
-//   auto eeprom = sim::Eeprom::for_type(5);
+//   auto eeprom = std::make_shared<sim::Eeprom>(sim::Eeprom::Geometry{sim::Eeprom::Kind::Serial16, 16384, 64});
 //   sys.bus().attach(0x50, eeprom->connections()[0]);
 //   eeprom->set_contents(0, {0x12, 0x34});
 #pragma once
@@ -60,8 +60,6 @@ public:
     static constexpr int64_t kWriteCycle = 5 * 10000;  // 5 ms, 100 ns units
 
     explicit Eeprom(Geometry geometry);
-    // The part a memory type's platform carries; none for types without one.
-    static std::shared_ptr<Eeprom> for_type(unsigned type);
 
     const Geometry& geometry() const { return geometry_; }
     size_t size() const { return geometry_.size; }
@@ -84,15 +82,15 @@ public:
     std::optional<std::string> load_file(const std::string& path);
     std::optional<std::string> save_file(const std::string& path) const;
     size_t pointer() const;            // the address pointer
-    bool busy() const;                 // in a write or erase cycle now
+    bool busy(int64_t now) const;      // in a write or erase cycle at clock time `now`
     unsigned write_cycles() const;     // cycles started, erases included
 
 private:
     class Connection;
-    NTSTATUS take_write(size_t block, std::span<const uint8_t> bytes);
-    NTSTATUS take_read(std::span<uint8_t> bytes);
-    bool take_erase(std::span<const uint8_t> bytes);  // with the lock held
-    void start_cycle(size_t bytes_on_wire, int64_t duration);
+    NTSTATUS take_write(const Transfer& when, size_t block, std::span<const uint8_t> bytes);
+    NTSTATUS take_read(const Transfer& when, std::span<uint8_t> bytes);
+    bool take_erase(const Transfer& when, std::span<const uint8_t> bytes);  // with the lock held
+    void start_cycle(const Transfer& when, int64_t duration);
     size_t address_bytes() const { return geometry_.kind == Kind::Blocks ? 1 : 2; }
 
     Geometry geometry_;

@@ -1,6 +1,5 @@
 // recording.cpp - a part wrapper that records the transfers reaching it.
 #include "recording.h"
-#include "../host/system.h"
 
 namespace korvanel::sim {
 
@@ -30,24 +29,24 @@ void RecordingPeripheral::clear()
     records_.clear();
 }
 
-void RecordingPeripheral::record(Direction direction, std::span<const uint8_t> bytes, NTSTATUS status)
+void RecordingPeripheral::record(const Transfer& when, Direction direction, std::span<const uint8_t> bytes,
+                                 NTSTATUS status)
 {
-    auto* sys = host::System::current_or_null();
     std::lock_guard lock(mutex_);
-    records_.push_back({direction, {bytes.begin(), bytes.end()}, status, sys ? sys->clock().now() : 0});
+    records_.push_back({direction, {bytes.begin(), bytes.end()}, status, when.start});
 }
 
-NTSTATUS RecordingPeripheral::write(std::span<const uint8_t> bytes)
+NTSTATUS RecordingPeripheral::write(const Transfer& when, std::span<const uint8_t> bytes)
 {
-    NTSTATUS status = inner_->write(bytes);
-    record(Direction::Write, bytes, status);
+    NTSTATUS status = inner_->write(when, bytes);
+    record(when, Direction::Write, bytes, status);
     return status;
 }
 
-NTSTATUS RecordingPeripheral::read(std::span<uint8_t> bytes)
+NTSTATUS RecordingPeripheral::read(const Transfer& when, std::span<uint8_t> bytes)
 {
-    NTSTATUS status = inner_->read(bytes);
-    record(Direction::Read, bytes, status);
+    NTSTATUS status = inner_->read(when, bytes);
+    record(when, Direction::Read, bytes, status);
     return status;
 }
 

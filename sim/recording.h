@@ -22,7 +22,7 @@ public:
         Direction direction;
         std::vector<uint8_t> bytes;  // written, or what the part returned
         NTSTATUS status;
-        int64_t time;  // bench clock time of the transfer, 100 ns units
+        int64_t time;  // bench clock time the transfer started, 100 ns units
     };
 
     explicit RecordingPeripheral(std::shared_ptr<Peripheral> inner);
@@ -32,12 +32,12 @@ public:
     std::vector<std::vector<uint8_t>> writes() const;  // the bytes of each write, in order
     void clear();
 
-    NTSTATUS write(std::span<const uint8_t> bytes) override;
-    NTSTATUS read(std::span<uint8_t> bytes) override;
+    NTSTATUS write(const Transfer& when, std::span<const uint8_t> bytes) override;
+    NTSTATUS read(const Transfer& when, std::span<uint8_t> bytes) override;
     int64_t hold_time() const override { return inner_->hold_time(); }
 
 private:
-    void record(Direction direction, std::span<const uint8_t> bytes, NTSTATUS status);
+    void record(const Transfer& when, Direction direction, std::span<const uint8_t> bytes, NTSTATUS status);
 
     std::shared_ptr<Peripheral> inner_;
     mutable std::mutex mutex_;

@@ -76,7 +76,7 @@ ScriptedPeripheral::Step ScriptedPeripheral::take(Direction direction)
     return step;
 }
 
-NTSTATUS ScriptedPeripheral::write(std::span<const uint8_t> bytes)
+NTSTATUS ScriptedPeripheral::write(const Transfer&, std::span<const uint8_t> bytes)
 {
     std::lock_guard lock(mutex_);
     size_t number = taken_;
@@ -90,7 +90,7 @@ NTSTATUS ScriptedPeripheral::write(std::span<const uint8_t> bytes)
     return step.status;
 }
 
-NTSTATUS ScriptedPeripheral::read(std::span<uint8_t> bytes)
+NTSTATUS ScriptedPeripheral::read(const Transfer&, std::span<uint8_t> bytes)
 {
     std::lock_guard lock(mutex_);
     size_t number = taken_;

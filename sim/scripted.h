@@ -40,8 +40,8 @@ public:
     // reply longer than the read).
     std::vector<std::string> mismatches() const;
 
-    NTSTATUS write(std::span<const uint8_t> bytes) override;
-    NTSTATUS read(std::span<uint8_t> bytes) override;
+    NTSTATUS write(const Transfer& when, std::span<const uint8_t> bytes) override;
+    NTSTATUS read(const Transfer& when, std::span<uint8_t> bytes) override;
     int64_t hold_time() const override;
 
 private:

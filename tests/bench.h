@@ -5,18 +5,34 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <string>
+
 #include "host/system.h"
+#include "platform/device.h"
 #include "sensor/device_context.h"
 #include "sensor/sensor_interface.h"
 #include "trace/trace.h"
 
 namespace korvanel::test {
 
+// "03 80 1F": bytes as a transcript shows them.
+inline std::string hex_bytes(const uint8_t* data, size_t n)
+{
+    std::string out;
+    char b[4];
+    for (size_t i = 0; i < n; i++) {
+        snprintf(b, sizeof b, i ? " %02X" : "%02X", data[i]);
+        out += b;
+    }
+    return out;
+}
+
 class DriverTest : public ::testing::Test {
 protected:
     host::System sys;
 
-    void SetUp() override { ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS); }
+    void SetUp() override { ASSERT_EQ(platform::load_driver(sys), STATUS_SUCCESS); }
 
     void TearDown() override
     {

@@ -20,9 +20,10 @@ protected:
     void open(host::DeviceConfig config = {})
     {
         close();
-        dev = &sys.add_device(std::move(config));
-        ASSERT_EQ(dev->add_status(), STATUS_SUCCESS);
-        si = take_interface(*dev);
+        auto opened = platform::open_device(sys, std::move(config));
+        dev = opened.device;
+        ASSERT_EQ(opened.status, STATUS_SUCCESS);
+        si = opened.si;
         ctx = (PSENSOR_CONTEXT)si.InterfaceHeader.Context;
     }
 

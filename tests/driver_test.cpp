@@ -218,7 +218,7 @@ TEST(DriverEntryTest, FailedFrameworkDriverCreationSetsNothingUp)
     System sys;
     sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     sys.faults().fail("WdfDriverCreate", STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(sys.load_driver(), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(sys.load_driver(DriverEntry), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(sys.traces().registration(), host::Traces::Registration::None);
     EXPECT_TRUE(sys.traces().events().empty());
     EXPECT_EQ(sys.pool().allocations_made(), 0u) << "the registry path was saved";
@@ -229,7 +229,7 @@ TEST(DriverEntryTest, FailedFrameworkDriverCreationSetsNothingUp)
 TEST(DriverEntryTest, SavesTheRegistryPathAndFreesItAtUnload)
 {
     System sys;
-    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     ASSERT_NE(DriverRegistryPath.Buffer, nullptr);
     std::u16string saved(DriverRegistryPath.Buffer, DriverRegistryPath.Length / 2);
     EXPECT_EQ(saved, host::Registry::kServiceKey);
@@ -263,7 +263,7 @@ TEST(DriverEntryTest, APathThatCannotBeCopiedLeavesTheDefaultsAndSaysWhy)
         if (c.allocation_fails) {
             sys.faults().fail("ExAllocatePoolWithTag", STATUS_INSUFFICIENT_RESOURCES);
         }
-        EXPECT_EQ(c.path ? sys.load_driver(c.path) : sys.load_driver(), STATUS_SUCCESS);
+        EXPECT_EQ(c.path ? sys.load_driver(DriverEntry, c.path) : sys.load_driver(DriverEntry), STATUS_SUCCESS);
         if (c.path != nullptr) {
             // Again directly, for the status driver entry ignores.
             FreeRegistryPath();

@@ -4,8 +4,7 @@
 // then what only the DW9806B memory does (erase commands, flash cells).
 #include <gtest/gtest.h>
 
-#include "host/bus.h"
-#include "host/system.h"
+#include "platform/memory.h"
 #include "sim/eeprom.h"
 
 #include <cstdio>
@@ -16,10 +15,15 @@ namespace {
 
 using sim::Eeprom;
 
+// Each transfer takes kWire on the wire, from `now`; the part needs no bus
+// to be driven, only the times a bus would give it.
+constexpr int64_t kWire = 1000;
+
 class EepromContract : public ::testing::TestWithParam<unsigned> {
 protected:
-    host::System sys;
-    std::shared_ptr<Eeprom> part = Eeprom::for_type(GetParam());
+    int64_t now = 0;
+    sim::Transfer when() const { return {now, now + kWire}; }
+    std::shared_ptr<Eeprom> part = std::make_shared<Eeprom>(platform::memory_geometry(GetParam())->part);
     std::vector<std::shared_ptr<sim::Peripheral>> conns = part->connections();
 
     // The address bytes that put the pointer on `address`, and the
@@ -38,15 +42,15 @@ protected:
         sim::Peripheral* conn;
         auto bytes = at(address, &conn);
         bytes.insert(bytes.end(), data.begin(), data.end());
-        return conn->write(bytes);
+        return conn->write(when(), bytes);
     }
     std::vector<uint8_t> read(size_t address, size_t n)
     {
         sim::Peripheral* conn;
         auto bytes = at(address, &conn);
-        EXPECT_EQ(conn->write(bytes), STATUS_SUCCESS);
+        EXPECT_EQ(conn->write(when(), bytes), STATUS_SUCCESS);
         std::vector<uint8_t> out(n);
-        EXPECT_EQ(conns.back()->read(out), STATUS_SUCCESS);  // a bare read goes on from the pointer
+        EXPECT_EQ(conns.back()->read(when(), out), STATUS_SUCCESS);  // a bare read goes on from the pointer
         return out;
     }
 };
@@ -81,22 +85,20 @@ TEST_P(EepromContract, APageWriteWrapsWithinItsPhysicalPage)
 
 TEST_P(EepromContract, DoesNotAcknowledgeForFiveMillisecondsAfterTheStopCondition)
 {
-    sys.bus().set_speed(host::BusSpeed::Fast);
-    int64_t start = sys.clock().now();
+    now = 123456;
     std::vector<uint8_t> data = {1, 2, 3, 4};
     ASSERT_EQ(write(64, data), STATUS_SUCCESS);
-    size_t on_wire = data.size() + (part->geometry().kind == Eeprom::Kind::Blocks ? 1 : 2);
-    int64_t ready = start + host::Bus::wire_time(host::BusSpeed::Fast, on_wire) + Eeprom::kWriteCycle;
+    int64_t ready = now + kWire + Eeprom::kWriteCycle;
 
-    sys.clock().advance(ready - 1 - sys.clock().now());
+    now = ready - 1;
     std::vector<uint8_t> one(1);
-    EXPECT_EQ(conns[0]->read(one), sim::kNack);
+    EXPECT_EQ(conns[0]->read(when(), one), sim::kNack);
     EXPECT_EQ(write(0, {9}), sim::kNack);
-    EXPECT_TRUE(part->busy());
+    EXPECT_TRUE(part->busy(now));
     EXPECT_EQ(part->bytes(0, 1), std::vector<uint8_t>{0xFF}) << "a refused write stored data";
 
-    sys.clock().advance(1);
-    EXPECT_FALSE(part->busy());
+    now = ready;
+    EXPECT_FALSE(part->busy(now));
     EXPECT_EQ(read(64, 4), data);
     EXPECT_EQ(part->write_cycles(), 1u) << "address phases start no write cycle";
 }
@@ -106,7 +108,7 @@ TEST_P(EepromContract, ContentsLoadFromAndSaveToAFile)
     std::string path = ::testing::TempDir() + "eeprom_contract_" + std::to_string(GetParam()) + ".bin";
     part->set_contents(3, {0xC3, 0xC4});
     ASSERT_FALSE(part->save_file(path));
-    auto copy = Eeprom::for_type(GetParam());
+    auto copy = std::make_shared<Eeprom>(platform::memory_geometry(GetParam())->part);
     ASSERT_FALSE(copy->load_file(path));
     EXPECT_EQ(copy->contents(), part->contents());
 
@@ -122,29 +124,30 @@ INSTANTIATE_TEST_SUITE_P(EveryMemoryType, EepromContract, ::testing::Values(5u, 
 
 TEST(EepromPaged, ErasesByCommandAndProgramsOnlyOnesToZeros)
 {
-    host::System sys;
-    auto part = Eeprom::for_type(11);
+    int64_t now = 0;
+    auto part = std::make_shared<Eeprom>(platform::memory_geometry(11)->part);
     auto conn = part->connections().at(0);
-    auto settle = [&] { sys.clock().advance_ms(10); };
+    auto settle = [&] { now += 10 * 10000 + kWire; };
+    auto write = [&](std::vector<uint8_t> bytes) { return conn->write({now, now + kWire}, bytes); };
     part->set_contents(0, std::vector<uint8_t>(8192, 0x00));
 
     // Page erase: 0x82 + page; the page's cells only.
-    ASSERT_EQ(conn->write(std::vector<uint8_t>{0x83, 0xEE}), STATUS_SUCCESS);
-    EXPECT_TRUE(part->busy());
+    ASSERT_EQ(write({0x83, 0xEE}), STATUS_SUCCESS);
+    EXPECT_TRUE(part->busy(now));
     settle();
     EXPECT_EQ(part->bytes(1023, 3), (std::vector<uint8_t>{0x00, 0xFF, 0xFF}));
     EXPECT_EQ(part->bytes(2047, 2), (std::vector<uint8_t>{0xFF, 0x00}));
 
     // Programming clears bits and never sets them.
-    ASSERT_EQ(conn->write(std::vector<uint8_t>{0x04, 0x00, 0xF0, 0x0F}), STATUS_SUCCESS);
+    ASSERT_EQ(write({0x04, 0x00, 0xF0, 0x0F}), STATUS_SUCCESS);
     settle();
-    ASSERT_EQ(conn->write(std::vector<uint8_t>{0x04, 0x00, 0x3C, 0xFF}), STATUS_SUCCESS);
+    ASSERT_EQ(write({0x04, 0x00, 0x3C, 0xFF}), STATUS_SUCCESS);
     settle();
     EXPECT_EQ(part->bytes(1024, 2), (std::vector<uint8_t>{0x30, 0x0F}));
 
     // An unknown command is not acknowledged.
-    EXPECT_EQ(conn->write(std::vector<uint8_t>{0x81, 0x00}), sim::kNack);
-    EXPECT_EQ(conn->write(std::vector<uint8_t>{0x8A, 0xEE}), sim::kNack);
+    EXPECT_EQ(write({0x81, 0x00}), sim::kNack);
+    EXPECT_EQ(write({0x8A, 0xEE}), sim::kNack);
 }
 
 }  // namespace

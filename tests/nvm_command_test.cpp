@@ -10,7 +10,7 @@ namespace {
 // "w50 00 3C " followed by data[from, from + n).
 std::string w(const char* head, const std::vector<uint8_t>& data, size_t from, size_t n)
 {
-    return std::string(head) + " " + tool::hex_bytes(data.data() + from, n);
+    return std::string(head) + " " + hex_bytes(data.data() + from, n);
 }
 
 class NvmCommandTest : public NvmTest {

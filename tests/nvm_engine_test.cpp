@@ -86,7 +86,7 @@ TEST_F(NvmEngineTest, WritesSendAddressAndDataInOneRequestAndWaitAfterwards)
         {10, "bulkWrite too long", [](auto c, auto d) { return bulkWrite(c, 0, d, 33); }, STATUS_INVALID_PARAMETER,
          {}},
         {6, "RomWrite1 16", [](auto c, auto d) { return RomWrite1(c, 2, 0x10, d, 16); }, STATUS_SUCCESS,
-         {"w52 10 " + tool::hex_bytes(data.data(), 16), "spin 5"}},
+         {"w52 10 " + hex_bytes(data.data(), 16), "spin 5"}},
         {6, "RomWrite1 17", [](auto c, auto d) { return RomWrite1(c, 0, 0, d, 17); }, STATUS_INVALID_PARAMETER,
          {"spin 5"}},
         {6, "RomWrite1 past the blocks", [](auto c, auto d) { return RomWrite1(c, 8, 0, d, 1); },

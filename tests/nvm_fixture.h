@@ -8,10 +8,10 @@
 #include "host/bus.h"
 #include "nvm/nvm.h"
 #include "sim/eeprom.h"
-#include "tools/bus_report.h"
-#include "tools/memory_cli.h"
+#include "platform/memory.h"
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -59,7 +59,7 @@ protected:
 
     void select(unsigned type, uint32_t cache_length = NVM_CACHE_SIZE)
     {
-        part = tool::attach_memory(sys, ctx, {type, kNvmConnection, cache_length});
+        part = platform::select_memory(sys, ctx, {type, kNvmConnection, cache_length});
         row = &NvmDriverTable[type];
         if (part == nullptr) {  // types without a part: the selection alone
             ctx->NvmType = type;
@@ -118,7 +118,7 @@ protected:
                      (unsigned long long)(t.connection & 0xFF));
             std::string line = head;
             if (t.direction == host::Direction::Write) {
-                line += " " + tool::hex_bytes(t.bytes.data(), t.bytes.size());
+                line += " " + hex_bytes(t.bytes.data(), t.bytes.size());
             } else {
                 line += " " + std::to_string(t.length);
             }

@@ -6,8 +6,8 @@
 #include "host/bus.h"
 #include "nvm/nvm.h"
 #include "sim/actuator.h"
-#include "tools/actuator_cli.h"
-#include "tools/memory_cli.h"
+#include "platform/actuator.h"
+#include "platform/memory.h"
 #include "vcm/vcm.h"
 
 #include <malloc.h>
@@ -54,11 +54,8 @@ TEST_F(SoakTest, ALongLensAndMemoryWorkloadLeavesTheHostFlat)
 {
     open();
     sys.bus().set_speed(host::BusSpeed::Fast);
-    tool::ActuatorOptions options;
-    options.chip = "DW9719";
-    tool::attach_actuator(sys, ctx, options);
-    auto lens = std::static_pointer_cast<sim::ActuatorModel>(sys.bus().peripheral(options.connection));
-    auto memory = tool::attach_memory(sys, ctx, {10, 0x50, 64});
+    auto lens = platform::select_actuator(sys, ctx, {"DW9719"});
+    auto memory = platform::select_memory(sys, ctx, {10, 0x50, 64});
     const VCM_DRIVER& chip = VcmDrivers[VCM_TYPE_DW9719];
     const NVM_DRIVER& nvm = NvmDriverTable[10];
     ASSERT_EQ(chip.Init(ctx), STATUS_SUCCESS);

@@ -7,8 +7,8 @@
 
 #include "host/bus.h"
 #include "nvm/nvm.h"
-#include "tools/actuator_cli.h"
-#include "tools/memory_cli.h"
+#include "platform/actuator.h"
+#include "platform/memory.h"
 #include "vcm/vcm.h"
 
 #include <map>
@@ -26,11 +26,8 @@ TEST_F(StressTest, EightThreadsOnOneDevice)
 {
     open({u"root\\KORVANEL\\rgbir"});
     auto* context = static_cast<PDEVICE_CONTEXT>(ctx);
-    tool::ActuatorOptions actuator;
-    actuator.chip = "DW9719";
-    actuator.low = 100;
-    tool::attach_actuator(sys, context, actuator);
-    auto memory = tool::attach_memory(sys, context, {10, kMemoryConnection, 64});
+    platform::select_actuator(sys, context, {.chip = "DW9719", .low = 100});
+    auto memory = platform::select_memory(sys, context, {10, kMemoryConnection, 64});
     ASSERT_NE(memory, nullptr);
     const VCM_DRIVER& lens = VcmDrivers[VCM_TYPE_DW9719];
     const NVM_DRIVER& nvm = NvmDriverTable[10];

@@ -56,7 +56,7 @@ TEST(TraceTest, RegistrationFollowsTheSystemVersionAndTheRoutinesFound)
         sys.set_os_major_version(c.major);
         sys.set_classic_tracing_available(c.classic_routines);
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
-        ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+        ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
         EXPECT_EQ(sys.traces().registration(), c.expected);
         sys.add_device();
 
@@ -84,7 +84,7 @@ TEST(TraceTest, RegistrationFollowsTheSystemVersionAndTheRoutinesFound)
 TEST(TraceTest, OnlyEnabledFlagsGoOutAndOnlyWhileASessionIsOn)
 {
     System sys;
-    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     sys.faults().fail("WdfDeviceAssignS0IdleSettings", STATUS_INVALID_DEVICE_REQUEST);
     sys.add_device();
     EXPECT_TRUE(sys.traces().events().empty()) << "events went out with no consumer";
@@ -121,7 +121,7 @@ TEST(TraceTest, MessagesAreNumberedFromTenInEachModule)
 {
     System sys;
     sys.traces().enable(TRACE_INFO | TRACE_ERROR);
-    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     sys.add_device();
 
     // The first two call sites of the driver module.
@@ -152,7 +152,7 @@ TEST(TraceTest, ArgumentsCarryTheirTerminatorsAndWidths)
 {
     System sys;
     sys.traces().enable(TRACE_INFO | TRACE_ERROR);
-    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     sys.traces().clear();
 
     CHAR field[8] = {'a', 'b', 0, 'z', 'z', 'z', 'z', 'z'};
@@ -188,7 +188,7 @@ TEST(TraceTest, NothingGoesOutWhenTheDriverObjectIsNotCreated)
     System sys;
     sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     sys.faults().fail("WdfDriverCreate", STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(sys.load_driver(), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(sys.load_driver(DriverEntry), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(sys.traces().registration(), Traces::Registration::None);
     EXPECT_EQ(TraceControl.Flags, 0u);
     EXPECT_TRUE(sys.traces().events().empty());
@@ -197,7 +197,7 @@ TEST(TraceTest, NothingGoesOutWhenTheDriverObjectIsNotCreated)
 TEST(TraceTest, OnlyTheEnabledSessionsLoggerTakesEvents)
 {
     System sys;
-    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     sys.traces().enable(TRACE_INFO, 4);
     TRACEHANDLE earlier = TraceLogger();
     sys.traces().enable(TRACE_INFO | TRACE_ERROR, 4);
@@ -249,7 +249,7 @@ TEST(TraceTest, TheRecordKeepsTheLatestEvents)
 {
     System sys;
     sys.traces().enable(TRACE_INFO);
-    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     sys.traces().clear();
     const ULONG total = ULONG(Traces::kEventsKept) + 10;
     for (ULONG i = 0; i < total; i++) {
@@ -268,7 +268,7 @@ TEST(TraceTest, DecodedLinesFormatEachSpecifier)
 {
     System sys;
     sys.traces().enable(TRACE_INFO | TRACE_ERROR);
-    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     sys.traces().clear();
 
     // The counted string has no terminator; the decoder stops at its length.

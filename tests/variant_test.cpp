@@ -118,7 +118,7 @@ TEST_F(VariantTest, AFailedQueryLeavesTheDefaultIdentityAndReturnsItsStatus)
 TEST(VariantWaitTest, AFailedWaitForAPendingQueryIsReportedAndWaitedOut)
 {
     host::System sys;
-    ASSERT_EQ(sys.load_driver(), STATUS_SUCCESS);
+    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     sys.faults().fail("KeWaitForSingleObject", STATUS_UNSUCCESSFUL);
     DeviceConfig config;
     config.hardware_ids = {u"root\\KORVANEL\\rgbir"};

@@ -58,7 +58,7 @@ TEST_P(VcmContractTest, TheBusyStateClearsAfterASettleTimeThatGrowsWithTheDistan
         // their status register.
         for (uint8_t busy : {1, 0}) {
             sys.clock().advance(busy ? 0 : vcm->busy_until() - sys.clock().now());
-            EXPECT_EQ(vcm->busy(), busy != 0);
+            EXPECT_EQ(vcm->busy(sys.clock().now()), busy != 0);
             if (auto reg = vcm->chip().busy_reg) {
                 clear();
                 ULONG status = 7;
@@ -74,7 +74,7 @@ TEST_P(VcmContractTest, TheBusyStateClearsAfterASettleTimeThatGrowsWithTheDistan
 
 TEST_P(VcmContractTest, APartInItsPowerUpTimeDoesNotAcknowledge)
 {
-    vcm->power_on();
+    vcm->power_on(sys.clock().now());
     NTSTATUS expected = vcm->chip().power_up_us > 0 ? sim::kNack : STATUS_SUCCESS;
     EXPECT_EQ(row().SetPos(ctx, 300), expected);
     sys.clock().advance(vcm->chip().power_up_us * 10);

@@ -8,7 +8,7 @@
 #include "bench.h"
 
 #include "host/bus.h"
-#include "sim/actuator.h"
+#include "platform/actuator.h"
 #include "vcm/vcm.h"
 
 #include <cstdio>
@@ -119,11 +119,9 @@ protected:
                                uint64_t connection = kConnection)
     {
         device = device ? device : ctx;
-        part = std::make_shared<sim::ActuatorModel>(sim::actuator_chip(chip));
-        sys.bus().attach(connection, part);
-        device->VcmType = LONG(part->chip().vcm_type);
-        device->I2cConnections[I2C_SLOT_VCM].ConnectionId = connection;
-        device->I2cConnections[I2C_SLOT_VCM].Present = 1;
+        // The module's positions are the test's to set.
+        USHORT low = device->VcmLowPosition, high = device->VcmHighPosition;
+        part = platform::select_actuator(sys, device, {chip, connection, low, high});
         return *part;
     }
 

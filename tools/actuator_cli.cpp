@@ -119,11 +119,11 @@ std::optional<std::vector<ActuatorOp>> parse_actuator_ops(const std::string& lis
 
 void add_actuator_options(CLI::App& app, ActuatorOptions& options)
 {
-    app.add_option("--vcm", options.chip, "attach a lens actuator: " + actuator_chip_names() + ", or its table row 1-8");
-    app.add_option("--vcm-connection", options.connection, "its resource-hub connection id (default 0x1C)");
-    app.add_option("--vcm-low", options.low, "VcmLowPosition of the module")->check(CLI::Range(0, 65535));
-    app.add_option("--vcm-high", options.high, "VcmHighPosition of the module")->check(CLI::Range(0, 65535));
-    app.add_option("--module", options.module, "module name put into SensorName (DW9806B ramps by it)");
+    app.add_option("--vcm", options.selection.chip, "attach a lens actuator: " + actuator_chip_names() + ", or its table row 1-8");
+    app.add_option("--vcm-connection", options.selection.connection, "its resource-hub connection id (default 0x1C)");
+    app.add_option("--vcm-low", options.selection.low, "VcmLowPosition of the module")->check(CLI::Range(0, 65535));
+    app.add_option("--vcm-high", options.selection.high, "VcmHighPosition of the module")->check(CLI::Range(0, 65535));
+    app.add_option("--module", options.selection.module, "module name put into SensorName (DW9806B ramps by it)");
     app.add_option("--vcm-ops", options.ops,
                    "actuator operations, in order: init,setpos:N,getpos,status,hpstatus,setconfig:COUNT:REG:DATA:...,"
                    "resetpos,advance:MS")
@@ -133,32 +133,18 @@ void add_actuator_options(CLI::App& app, ActuatorOptions& options)
 
 std::optional<std::vector<ActuatorOp>> check_actuator_options(const ActuatorOptions& options, std::string& error)
 {
-    if (options.chip.empty()) {
+    if (options.selection.chip.empty()) {
         if (options.ops_given || !options.svg.empty()) {
             error = "no actuator is connected: --vcm CHIP attaches one (on --vcm-connection)";
             return std::nullopt;
         }
         return std::vector<ActuatorOp>{};
     }
-    if (sim::find_actuator_chip(options.chip) == nullptr) {
-        error = "unknown actuator chip '" + options.chip + "' (" + actuator_chip_names() + ", or 1-8)";
+    if (sim::find_actuator_chip(options.selection.chip) == nullptr) {
+        error = "unknown actuator chip '" + options.selection.chip + "' (" + actuator_chip_names() + ", or 1-8)";
         return std::nullopt;
     }
     return parse_actuator_ops(options.ops, error);
-}
-
-void attach_actuator(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOptions& options)
-{
-    auto& chip = sim::actuator_chip(options.chip);
-    sys.bus().attach(options.connection, std::make_shared<sim::ActuatorModel>(chip));
-    context->I2cConnections[I2C_SLOT_VCM].ConnectionId = options.connection;
-    context->I2cConnections[I2C_SLOT_VCM].Present = 1;
-    context->VcmType = LONG(chip.vcm_type);
-    context->VcmLowPosition = USHORT(options.low);
-    context->VcmHighPosition = USHORT(options.high);
-    if (options.module) {
-        snprintf(context->SensorName, sizeof context->SensorName, "%s", options.module->c_str());
-    }
 }
 
 ordered_json run_actuator_op(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOp& op)
@@ -258,7 +244,7 @@ ordered_json run_actuator(host::System& sys, PDEVICE_CONTEXT context, const std:
 bool run_actuator_options(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOptions& options,
                           const std::vector<ActuatorOp>& ops, ordered_json& result, std::string& error)
 {
-    attach_actuator(sys, context, options);
+    platform::select_actuator(sys, context, options.selection);
     result = run_actuator(sys, context, ops);
     if (!options.svg.empty() && !(std::ofstream(options.svg) << trajectory_svg(result))) {
         error = "cannot write " + options.svg;

@@ -11,9 +11,7 @@
 // decimal or 0x-hex), resetpos, advance:MS (let virtual time pass).
 #pragma once
 
-#include "host/system.h"
-#include "sensor/device_context.h"
-#include "sim/actuator.h"
+#include "platform/actuator.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -41,11 +39,7 @@ std::optional<ActuatorOp> parse_actuator_op(const std::string& token, std::strin
 std::optional<std::vector<ActuatorOp>> parse_actuator_ops(const std::string& list, std::string& error);
 
 struct ActuatorOptions {
-    std::string chip;                    // name or table row; empty: no actuator
-    uint64_t connection = 0x1C;          // resource-hub connection id of slot 1
-    unsigned low = 0;                    // VcmLowPosition
-    unsigned high = 1023;                // VcmHighPosition
-    std::optional<std::string> module;   // into SensorName
+    platform::ActuatorSelection selection;  // chip: name or table row; empty: no actuator
     std::string ops = "init,setpos:512,getpos,status,hpstatus,resetpos";
     bool ops_given = false;
     std::string svg;                     // trajectory chart file
@@ -55,10 +49,6 @@ void add_actuator_options(CLI::App& app, ActuatorOptions& options);
 
 // The checked operation list, or a message for the user (exit status 2).
 std::optional<std::vector<ActuatorOp>> check_actuator_options(const ActuatorOptions& options, std::string& error);
-
-// What a platform that selects an actuator does: the model on the
-// connection, slot 1 pointing at it, VcmType and the module's positions.
-void attach_actuator(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOptions& options);
 
 // Runs the operations through the row VcmType selects. The result holds the
 // chip, each operation with its status and outputs, the decoded bus

@@ -18,7 +18,7 @@
 
 #include "records.h"
 
-#include "host/wdm.h"
+#include "wdk/wdm.h"
 #include "sensor/sensor_interface.h"
 
 #include <nlohmann/json.hpp>

@@ -23,6 +23,7 @@
 #include "trace_view.h"
 #include "host/bus.h"
 #include "host/system.h"
+#include "platform/device.h"
 #include "sensor/sensor_interface.h"
 #include "trace/trace.h"
 
@@ -312,31 +313,26 @@ int main(int argc, char** argv)
     }
     int64_t origin = sys.clock().now();
 
-    NTSTATUS status = sys.load_driver();
+    NTSTATUS status = korvanel::platform::load_driver(sys);
     if (!NT_SUCCESS(status)) {
         std::cerr << "korvanel-sim: DriverEntry failed: " << status_name(status) << "\n";
         return 1;
     }
     DeviceConfig config;
     config.hardware_ids = {korvanel::host::to_utf16(hwid)};
-    auto& dev = sys.add_device(config);
-    if (!NT_SUCCESS(dev.add_status())) {
-        std::cerr << "korvanel-sim: device add failed: " << status_name(dev.add_status()) << "\n";
+    auto dev = korvanel::platform::open_device(sys, config);
+    if (!NT_SUCCESS(dev.status)) {
+        std::cerr << "korvanel-sim: " << (dev.context == nullptr ? "device add" : "query interface")
+                  << " failed: " << status_name(dev.status) << "\n";
         return 1;
     }
-
-    SENSOR_INTERFACE si{};
-    status = dev.query_interface(GUID_SENSOR_INTERFACE, &si, SENSOR_INTERFACE_VERSION);
-    if (!NT_SUCCESS(status)) {
-        std::cerr << "korvanel-sim: query interface failed: " << status_name(status) << "\n";
-        return 1;
-    }
+    SENSOR_INTERFACE& si = dev.si;
     ordered_json description = describe(si, select, raw);
-    auto* context = static_cast<PDEVICE_CONTEXT>(dev.context());
+    auto* context = dev.context;
     if (memory.requested()) {
         description["memory"] = korvanel::tool::run_memory_options(sys, context, memory);
     }
-    if (!actuator.chip.empty() &&
+    if (!actuator.selection.chip.empty() &&
         !korvanel::tool::run_actuator_options(sys, context, actuator, *vcm_ops, description["actuator"], error)) {
         std::cerr << "korvanel-sim: " << error << "\n";
         return 1;

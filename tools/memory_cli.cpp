@@ -27,29 +27,6 @@ std::string in_memory(uint64_t address, uint64_t length, size_t size)
 
 }  // namespace
 
-std::shared_ptr<sim::Eeprom> attach_memory(host::System& sys, _DEVICE_CONTEXT* context,
-                                           const MemorySelection& selection)
-{
-    auto model = sim::Eeprom::for_type(selection.type);
-    if (model == nullptr || context == nullptr) {
-        return nullptr;
-    }
-    const NVM_DRIVER& row = NvmDriverTable[selection.type];
-    context->NvmType = selection.type;
-    context->NvmSize = LONG(row.Size);
-    context->NvmPageSize = LONG(row.PageSize);
-    context->NvmCacheLength = selection.cache_length;
-    context->NvmAvailable = 1;
-    auto connections = model->connections();
-    for (size_t i = 0; i < connections.size(); i++) {
-        I2C_CONNECTION& slot = context->I2cConnections[I2C_SLOT_NVM + i];
-        slot.ConnectionId = selection.first_connection + i;
-        slot.Present = 1;
-        sys.bus().attach(slot.ConnectionId, connections[i]);
-    }
-    return model;
-}
-
 std::optional<std::string> parse_memory_ops(const std::string& text, size_t size, std::vector<MemoryOp>& ops)
 {
     for (const auto& item : split(text, ',')) {
@@ -176,15 +153,15 @@ std::optional<std::string> prepare_memory(MemoryOptions& options)
         return stray ? std::optional<std::string>("the memory options need --nvm TYPE") : std::nullopt;
     }
     auto type = parse_unsigned(options.type);
-    auto model = type && *type < NVM_TYPE_COUNT ? sim::Eeprom::for_type(unsigned(*type)) : nullptr;
-    if (model == nullptr) {
+    auto geometry = type && *type < NVM_TYPE_COUNT ? platform::memory_geometry(unsigned(*type)) : std::nullopt;
+    if (!geometry) {
         return "--nvm: unknown memory type '" + options.type + "' (types 5 to 12 have a memory)";
     }
     auto connection = parse_unsigned(options.connection);
     if (!connection) {
         return "--nvm-connection: '" + options.connection + "' is not a connection id";
     }
-    options.selection = {unsigned(*type), *connection, uint32_t(std::min<size_t>(model->size(), NVM_CACHE_SIZE))};
+    options.selection = {unsigned(*type), *connection, uint32_t(std::min<size_t>(geometry->size, NVM_CACHE_SIZE))};
     if (!options.cache_length.empty()) {
         auto length = parse_unsigned(options.cache_length);
         if (!length || *length > UINT32_MAX) {
@@ -197,13 +174,13 @@ std::optional<std::string> prepare_memory(MemoryOptions& options)
         if (!data) {
             return "--nvm-file: cannot read " + options.file;
         }
-        if (data->size() > model->size()) {
+        if (data->size() > geometry->size) {
             return "--nvm-file: " + options.file + " holds " + std::to_string(data->size()) +
-                   " bytes, more than the memory's " + std::to_string(model->size());
+                   " bytes, more than the memory's " + std::to_string(geometry->size);
         }
         options.initial = std::move(*data);
     }
-    if (auto error = parse_memory_ops(options.ops, model->size(), options.parsed)) {
+    if (auto error = parse_memory_ops(options.ops, geometry->size, options.parsed)) {
         return "--nvm-ops: " + *error;
     }
     return std::nullopt;
@@ -211,7 +188,7 @@ std::optional<std::string> prepare_memory(MemoryOptions& options)
 
 ordered_json run_memory_options(host::System& sys, _DEVICE_CONTEXT* context, const MemoryOptions& options)
 {
-    auto model = attach_memory(sys, context, options.selection);
+    auto model = platform::select_memory(sys, context, options.selection);
     model->set_contents(0, options.initial);
     ordered_json report = run_memory(sys, context, *model, options.parsed);
     if (!options.save.empty()) {

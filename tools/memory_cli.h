@@ -10,8 +10,7 @@
 // run_memory() with its own System and device.
 #pragma once
 
-#include "host/system.h"
-#include "sim/eeprom.h"
+#include "platform/memory.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -32,18 +31,6 @@ struct MemoryOp {
     uint32_t length = 0;        // read: bytes to read
     std::vector<uint8_t> data;  // write: bytes to write
 };
-
-// A memory as the platform selects it.
-struct MemorySelection {
-    unsigned type = 0;
-    uint64_t first_connection = 0x50;  // slot 2's id; a block part's block b is on first + b
-    uint32_t cache_length = 0;         // NvmCacheLength
-};
-
-// The part and its connections attached, the context set as a platform that
-// selects this memory sets it. The model starts erased.
-std::shared_ptr<sim::Eeprom> attach_memory(host::System& sys, _DEVICE_CONTEXT* context,
-                                           const MemorySelection& selection);
 
 // "load", "read:ADDR:LEN", "write:ADDR:HEXBYTES", "writefile:ADDR:FILE",
 // comma-separated; addresses and lengths decimal or 0x hex. Every range must
@@ -69,7 +56,7 @@ struct MemoryOptions {
     std::string save;
 
     // Filled by prepare().
-    MemorySelection selection;
+    platform::MemorySelection selection;
     std::vector<uint8_t> initial;
     std::vector<MemoryOp> parsed;
     bool requested() const { return !type.empty(); }

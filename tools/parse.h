@@ -2,7 +2,7 @@
 // share: lists, numbers, hex byte strings, status names and binary files.
 #pragma once
 
-#include "host/wdm.h"
+#include "wdk/wdm.h"
 
 #include <nlohmann/json.hpp>
 

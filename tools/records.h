@@ -12,7 +12,7 @@
 // own after the word, with the names of its values (SENSOR_CAPS: CapsMode).
 #pragma once
 
-#include "host/wdm.h"
+#include "wdk/wdm.h"
 
 #include <nlohmann/json.hpp>
 

@@ -3,6 +3,8 @@
 
 #include "bus_report.h"
 
+#include "platform/device.h"
+
 #include "sim/actuator.h"
 #include "sim/eeprom.h"
 #include "trace/trace.h"
@@ -37,7 +39,7 @@ Executor::~Executor() = default;
 
 bool Executor::set_up()
 {
-    NTSTATUS status = sys_.load_driver();
+    NTSTATUS status = platform::load_driver(sys_);
     std::optional<std::string> problem;
     if (!NT_SUCCESS(status)) {
         problem = "DriverEntry failed: " + host::status_name(status);
@@ -65,25 +67,21 @@ std::optional<std::string> Executor::add(const DeviceSetup& setup)
             sys_.registry().set(v.name, v.type, v.data);
         }
     }
-    DeviceState d{&setup};
     host::DeviceConfig config;
     config.hardware_ids = {host::to_utf16(setup.hwid)};
-    d.device = &sys_.add_device(config);
-    if (!NT_SUCCESS(d.device->add_status())) {
-        return "device add of '" + setup.name + "' failed: " + host::status_name(d.device->add_status());
+    auto open = platform::open_device(sys_, config);
+    if (open.context == nullptr) {
+        return "device add of '" + setup.name + "' failed: " + host::status_name(open.status);
     }
-    d.context = static_cast<PDEVICE_CONTEXT>(d.device->context());
-    NTSTATUS status = d.device->query_interface(GUID_SENSOR_INTERFACE, &d.si, SENSOR_INTERFACE_VERSION);
-    if (!NT_SUCCESS(status)) {
-        return "the interface of '" + setup.name + "' could not be taken: " + host::status_name(status);
+    if (!NT_SUCCESS(open.status)) {
+        return "the interface of '" + setup.name + "' could not be taken: " + host::status_name(open.status);
     }
-    d.held = 1;
+    DeviceState d{&setup, open.device, open.context, open.si, 1};
     if (setup.actuator) {
-        attach_actuator(sys_, d.context, *setup.actuator);
-        d.lens = std::dynamic_pointer_cast<sim::ActuatorModel>(sys_.bus().peripheral(setup.actuator->connection));
+        d.lens = platform::select_actuator(sys_, d.context, *setup.actuator);
     }
     if (setup.memory) {
-        d.memory = attach_memory(sys_, d.context, *setup.memory);
+        d.memory = platform::select_memory(sys_, d.context, *setup.memory);
         d.memory->set_contents(0, setup.contents);
     }
     devices_.push_back(std::move(d));

@@ -9,6 +9,8 @@
 #include "memory_cli.h"
 
 #include "host/bus.h"
+#include "platform/actuator.h"
+#include "platform/memory.h"
 
 #include <nlohmann/json.hpp>
 
@@ -34,9 +36,9 @@ struct DeviceSetup {
     std::string name;
     std::string hwid = "root\\KORVANEL";
     std::vector<RegistryValue> registry;
-    std::optional<ActuatorOptions> actuator;
+    std::optional<platform::ActuatorSelection> actuator;
     std::string plot;  // trajectory chart file
-    std::optional<MemorySelection> memory;
+    std::optional<platform::MemorySelection> memory;
     size_t memory_size = 0;
     size_t memory_connections = 0;  // one, or one per 256-byte block
     std::vector<uint8_t> contents;

@@ -9,7 +9,6 @@
 #include "host/system.h"
 #include "nvm/nvm.h"
 #include "sim/actuator.h"
-#include "sim/eeprom.h"
 
 #include <algorithm>
 #include <climits>
@@ -282,7 +281,7 @@ private:
                 fail(p, "an actuator names its \"chip\"");
             }
             only(a, p, {"chip", "connection", "low", "high", "module", "plot"});
-            ActuatorOptions options;
+            platform::ActuatorSelection options;
             options.chip = json_text(a["chip"]);
             if (sim::find_actuator_chip(options.chip) == nullptr) {
                 fail(p + "/chip", "unknown actuator chip " + a["chip"].dump() + " (" + actuator_chip_names() + ")");
@@ -312,13 +311,13 @@ private:
             }
             only(m, p, {"type", "connection", "contents", "cache_length", "save"});
             unsigned type = unsigned(integer(m["type"], p + "/type", 0, NVM_TYPE_COUNT - 1));
-            auto model = sim::Eeprom::for_type(type);
-            if (model == nullptr) {
+            auto geometry = platform::memory_geometry(type);
+            if (!geometry) {
                 fail(p + "/type", "NVM type " + std::to_string(type) + " has no memory (types 5 to 12 have one)");
             }
-            setup.memory_size = model->size();
-            setup.memory_connections = model->connections().size();
-            MemorySelection selection{type, 0x50, uint32_t(std::min<size_t>(model->size(), NVM_CACHE_SIZE))};
+            setup.memory_size = geometry->size;
+            setup.memory_connections = geometry->connections;
+            platform::MemorySelection selection{type, 0x50, uint32_t(std::min<size_t>(geometry->size, NVM_CACHE_SIZE))};
             if (m.contains("connection")) {
                 selection.first_connection = uint64_t(integer(m["connection"], p + "/connection", 0, INT64_MAX));
             }

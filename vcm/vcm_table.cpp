@@ -29,8 +29,8 @@ EXTERN_C_END
 #pragma alloc_text(PAGE, VcmTimedGetStatus)
 #pragma alloc_text(PAGE, VcmTimedGetHPStatus)
 #pragma alloc_text(PAGE, VcmLockBus)
-#pragma alloc_text(PAGE, VcmUnlockBus)
-#pragma alloc_text(PAGE, VcmRecordMove)
+#pragma alloc_text(PAGE, VcmEndMove)
+#pragma alloc_text(PAGE, VcmEndRead)
 #pragma alloc_text(PAGE, VcmReportSettled)
 #pragma alloc_text(PAGE, VcmSetConfig)
 #pragma alloc_text(PAGE, VcmRampTarget)
@@ -160,7 +160,7 @@ NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker)
 
     // Any other answer, a success code such as STATUS_ALERTED included, means
     // the lock is not ours.
-    NTSTATUS status = KeWaitForSingleObject(&DeviceContext->BusLock, Executive, KernelMode, FALSE, NULL);
+    NTSTATUS status = AcquireBusLock(&DeviceContext->BusLock);
     if (status != STATUS_SUCCESS) {
         VcmTrace(TRACE_INFO, DeviceContext, " %!STATUS!", LockFailedMarker, status);
         return status;
@@ -168,25 +168,37 @@ NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker)
     return STATUS_SUCCESS;
 }
 
-VOID VcmUnlockBus(PDEVICE_CONTEXT DeviceContext)
+NTSTATUS VcmEndMove(PDEVICE_CONTEXT DeviceContext, const CHAR* Marker, USHORT NewPosition, NTSTATUS Status)
 {
     PAGED_CODE();
 
-    (VOID) KeSetEvent(&DeviceContext->BusLock, 0, FALSE);
+    // Recorded while the lock is still held, so that a status or settle
+    // query never sees a move the chip did not take.
+    if (NT_SUCCESS(Status)) {
+        // The new position counts unsigned, the previous one signed: a chip
+        // that records a negative request moves "far" and settles for the
+        // longest time.
+        LONG distance = (LONG)NewPosition - (LONG)ReadNoFence16(&DeviceContext->VcmPosition);
+        LARGE_INTEGER now;
+        KeQuerySystemTime(&now);
+        WriteNoFence(&DeviceContext->VcmLastMoveDistance, distance);
+        WriteNoFence16(&DeviceContext->VcmPosition, (SHORT)NewPosition);
+        WriteNoFence64(&DeviceContext->VcmLastMoveTime, now.QuadPart);
+    }
+    ReleaseBusLock(&DeviceContext->BusLock);
+
+    VcmTrace(TRACE_INFO, DeviceContext, " %d %!STATUS!", Marker, (LONG)(SHORT)NewPosition, Status);
+    return Status;
 }
 
-VOID VcmRecordMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition)
+NTSTATUS VcmEndRead(PDEVICE_CONTEXT DeviceContext, const CHAR* Marker, ULONG Value, NTSTATUS Status)
 {
     PAGED_CODE();
 
-    // The new position counts unsigned, the previous one signed: a chip that
-    // records a negative request moves "far" and settles for the longest time.
-    LONG distance = (LONG)NewPosition - (LONG)ReadNoFence16(&DeviceContext->VcmPosition);
-    LARGE_INTEGER now;
-    KeQuerySystemTime(&now);
-    WriteNoFence(&DeviceContext->VcmLastMoveDistance, distance);
-    WriteNoFence16(&DeviceContext->VcmPosition, (SHORT)NewPosition);
-    WriteNoFence64(&DeviceContext->VcmLastMoveTime, now.QuadPart);
+    ReleaseBusLock(&DeviceContext->BusLock);
+
+    VcmTrace(TRACE_INFO, DeviceContext, " %u %!STATUS!", Marker, Value, Status);
+    return Status;
 }
 
 /* ---- SetConfig ---- */

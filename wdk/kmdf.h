@@ -4,7 +4,7 @@
  * and initialisers, the callback role types and the framework routines.
  *
  * Used by the Windows cross-check (on top of mingw-w64's DDK headers) and by
- * the host build (on top of host/wdm.h). A WDK build uses the real wdf.h.
+ * the host build (on top of wdk/wdm.h). A WDK build uses the real wdf.h.
  */
 #pragma once
 

@@ -5,7 +5,7 @@
  *   KORVANEL_WDK          Windows, the real WDK headers.
  *   KORVANEL_CROSS_CHECK  mingw-w64 compile-only check against its DDK headers,
  *                         plus our KMDF 1.15 and SPB declarations.
- *   (default)             Linux host build on top of host/wdm.h.
+ *   (default)             Linux host build on top of wdk/wdm.h.
  */
 #pragma once
 
@@ -38,7 +38,7 @@
 
 #else
 
-#include "../host/wdm.h"
+#include "wdm.h"
 #include "kmdf.h"
 #include "spb.h"
 

@@ -13,7 +13,8 @@
 #include "host/bus.h"
 #include "host/system.h"
 #include "sensor/device_context.h"
-#include "sim/actuator.h"
+#include "platform/actuator.h"
+#include "platform/device.h"
 #include "vcm/vcm.h"
 
 #include <cstdio>
@@ -44,18 +45,14 @@ int64_t bus_and_pauses(System& sys)
 void BM_Actuator(benchmark::State& state, const korvanel::sim::ActuatorChip* chip, bool reset)
 {
     System sys;
-    sys.load_driver();
+    korvanel::platform::load_driver(sys);
     auto* ctx = static_cast<PDEVICE_CONTEXT>(sys.add_device().context());
-    sys.bus().attach(kConnection, std::make_shared<korvanel::sim::ActuatorModel>(*chip));
-    sys.bus().set_speed(BusSpeed::Fast);
-    ctx->I2cConnections[I2C_SLOT_VCM].ConnectionId = kConnection;
-    ctx->I2cConnections[I2C_SLOT_VCM].Present = 1;
-    ctx->VcmType = LONG(chip->vcm_type);
+    korvanel::platform::ActuatorSelection selection{chip->name, kConnection};
     if (chip->name == "DW9806B") {
-        snprintf(ctx->SensorName, sizeof ctx->SensorName, "CM500RF05SW700");
-        ctx->VcmLowPosition = 300;
-        ctx->VcmHighPosition = 600;
+        selection = {chip->name, kConnection, 300, 600, "CM500RF05SW700"};
     }
+    korvanel::platform::select_actuator(sys, ctx, selection);
+    sys.bus().set_speed(BusSpeed::Fast);
     const VCM_DRIVER& row = VcmDrivers[ctx->VcmType];
     row.Init(ctx);  // the connection is open from here on, as on a running device
 

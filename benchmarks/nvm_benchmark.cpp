@@ -12,7 +12,8 @@
 #include "host/system.h"
 #include "nvm/nvm.h"
 #include "sensor/device_context.h"
-#include "tools/memory_cli.h"
+#include "platform/device.h"
+#include "platform/memory.h"
 
 #include <vector>
 
@@ -47,10 +48,10 @@ void BM_Memory(benchmark::State& state, Work work)
         state.PauseTiming();
         {
             System sys;
-            sys.load_driver();
+            korvanel::platform::load_driver(sys);
             auto* ctx = static_cast<PDEVICE_CONTEXT>(sys.add_device().context());
             uint32_t cache = std::min<uint32_t>(row.Size, NVM_CACHE_SIZE);
-            korvanel::tool::attach_memory(sys, ctx, {family.type, 0x50, cache});
+            korvanel::platform::select_memory(sys, ctx, {family.type, 0x50, cache});
             sys.bus().set_speed(BusSpeed::Fast);
             std::vector<uint8_t> buffer(NVM_CACHE_SIZE);
             ULONG size = NVM_CACHE_SIZE;

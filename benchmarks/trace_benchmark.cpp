@@ -5,6 +5,7 @@
 
 #include "driver/driver.h"
 #include "host/system.h"
+#include "platform/device.h"
 #include "sensor/sensor_interface.h"
 #include "trace/trace.h"
 
@@ -16,7 +17,7 @@ void ReferencePair(benchmark::State& state, bool tracing)
     if (tracing) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }
-    sys.load_driver();
+    korvanel::platform::load_driver(sys);
     auto& dev = sys.add_device();
     void* context = dev.context();
     for (auto _ : state) {

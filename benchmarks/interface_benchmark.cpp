@@ -5,13 +5,14 @@
 // references beside an uncontended lock pair, the module query while another
 // thread takes interface references, and the virtual clock's speed.
 //
-//   build/bench_interface_bench --benchmark_counters_tabular=true
+//   build/interface_benchmark --benchmark_counters_tabular=true
 //
 // Counters: op_ns and baseline_ns per call, ratio = op_ns / baseline_ns.
 #include <benchmark/benchmark.h>
 
 #include "bus/delay.h"
 #include "host/system.h"
+#include "platform/device.h"
 #include "sensor/description.h"
 #include "sensor/device_context.h"
 #include "sensor/mode_tables.h"
@@ -39,7 +40,7 @@ struct Camera {
         if (traced) {
             sys.traces().enable(TRACE_INFO | TRACE_ERROR);
         }
-        sys.load_driver();
+        korvanel::platform::load_driver(sys);
         auto& dev = sys.add_device();
         dev.query_interface(GUID_SENSOR_INTERFACE, &si, SENSOR_INTERFACE_VERSION);
         ctx = static_cast<PSENSOR_CONTEXT>(si.InterfaceHeader.Context);
@@ -491,7 +492,7 @@ void BM_UnloadPerDevice(benchmark::State& state)
         state.PauseTiming();
         {
             System sys;
-            sys.load_driver();
+            korvanel::platform::load_driver(sys);
             for (int i = 0; i < devices; i++) {
                 sys.add_device();
             }

@@ -1,0 +1,31 @@
+// actuator.h - giving a device a lens actuator as a platform would: the
+// chip's model on a connection, connection slot 1 pointing at it, VcmType
+// naming the chip's driver-table row and the module's low and high positions
+// (and, for module-specific behaviour, the module's name in SensorName).
+#pragma once
+
+#include "sensor/device_context.h"
+#include "sim/actuator.h"
+
+#include "host/system.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace korvanel::platform {
+
+struct ActuatorSelection {
+    std::string chip;                   // a name of sim::actuator_chips() (any case) or its row
+    uint64_t connection = 0x1C;         // resource-hub connection id of slot 1
+    unsigned low = 0;                   // VcmLowPosition
+    unsigned high = 1023;               // VcmHighPosition
+    std::optional<std::string> module = {};  // into SensorName
+};
+
+// The model attached and selected; null for an unknown chip.
+std::shared_ptr<sim::ActuatorModel> select_actuator(host::System& sys, PDEVICE_CONTEXT context,
+                                                    const ActuatorSelection& selection);
+
+}  // namespace korvanel::platform

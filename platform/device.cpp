@@ -1,0 +1,24 @@
+// device.cpp - loading korvanel and opening a device as the camera driver does.
+#include "device.h"
+
+#include "driver/driver.h"
+#include "host/device.h"
+
+namespace korvanel::platform {
+
+NTSTATUS load_driver(host::System& sys) { return sys.load_driver(DriverEntry); }
+
+OpenDevice open_device(host::System& sys, host::DeviceConfig config)
+{
+    OpenDevice out;
+    out.device = &sys.add_device(std::move(config));
+    out.status = out.device->add_status();
+    if (!NT_SUCCESS(out.status)) {
+        return out;
+    }
+    out.context = static_cast<PDEVICE_CONTEXT>(out.device->context());
+    out.status = out.device->query_interface(GUID_SENSOR_INTERFACE, &out.si, SENSOR_INTERFACE_VERSION);
+    return out;
+}
+
+}  // namespace korvanel::platform

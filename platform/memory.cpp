@@ -1,0 +1,55 @@
+// memory.cpp - the parts behind the memory types, and selecting one for a device.
+#include "memory.h"
+
+#include "host/bus.h"
+#include "nvm/nvm.h"
+
+namespace korvanel::platform {
+
+std::optional<MemoryGeometry> memory_geometry(unsigned type)
+{
+    using Kind = sim::Eeprom::Kind;
+    // Sizes and physical write pages of the parts the memory types stand
+    // for. The DW9806B's physical write page is assumed to be 32 bytes, the
+    // chunk its driver writes; no datasheet figure was at hand.
+    sim::Eeprom::Geometry part;
+    switch (type) {
+    case 5: part = {Kind::Serial16, 16384, 64}; break;
+    case 7: part = {Kind::Serial16, 128, 8}; break;
+    case 8: part = {Kind::Serial16, 4096, 32}; break;
+    case 10: part = {Kind::Serial16, 8192, 32}; break;
+    case 6: part = {Kind::Blocks, 2048, 16}; break;
+    case 9: part = {Kind::Blocks, 1024, 16}; break;
+    case 12: part = {Kind::Blocks, 2048, 16}; break;
+    case 11: part = {Kind::Paged, 8 * 1024, 32}; break;
+    default: return std::nullopt;
+    }
+    size_t connections = part.kind == Kind::Blocks ? part.size / sim::Eeprom::kBlockSize : 1;
+    return MemoryGeometry{part.size, NvmDriverTable[type].PageSize, connections, part};
+}
+
+std::shared_ptr<sim::Eeprom> select_memory(host::System& sys, PDEVICE_CONTEXT context,
+                                           const MemorySelection& selection)
+{
+    auto geometry = memory_geometry(selection.type);
+    if (!geometry || context == nullptr) {
+        return nullptr;
+    }
+    auto model = std::make_shared<sim::Eeprom>(geometry->part);
+    const NVM_DRIVER& row = NvmDriverTable[selection.type];
+    context->NvmType = selection.type;
+    context->NvmSize = LONG(row.Size);
+    context->NvmPageSize = LONG(row.PageSize);
+    context->NvmCacheLength = selection.cache_length;
+    context->NvmAvailable = 1;
+    auto connections = model->connections();
+    for (size_t i = 0; i < connections.size(); i++) {
+        I2C_CONNECTION& slot = context->I2cConnections[I2C_SLOT_NVM + i];
+        slot.ConnectionId = selection.first_connection + i;
+        slot.Present = 1;
+        sys.bus().attach(slot.ConnectionId, connections[i]);
+    }
+    return model;
+}
+
+}  // namespace korvanel::platform
