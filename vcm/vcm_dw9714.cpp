@@ -71,7 +71,7 @@ NTSTATUS DW9714_SetPos(PDEVICE_CONTEXT DeviceContext, SHORT Position)
         return status;
     }
     status = VcmWriteWord(DeviceContext, (UCHAR)(word >> 8), (UCHAR)(word & 0xFF));
-    return VcmEndMove(DeviceContext, Dw9714Chip.Markers.SetPos, code, status);
+    VcmReturnMoved(DeviceContext, Dw9714Chip.Markers.SetPos, code, status);
 }
 
 NTSTATUS DW9714_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)
@@ -92,7 +92,7 @@ NTSTATUS DW9714_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)
     if (NT_SUCCESS(status)) {
         *Position = value;
     }
-    return VcmEndRead(DeviceContext, Dw9714Chip.Markers.GetPos, value, status);
+    VcmReturnRead(DeviceContext, Dw9714Chip.Markers.GetPos, value, status);
 }
 
 NTSTATUS DW9714_ResetPos(PDEVICE_CONTEXT DeviceContext)

@@ -175,7 +175,7 @@ NTSTATUS VcmRegSetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, S
     if (NT_SUCCESS(status) || (Chip->Flags & VCM_HIGH_STATUS_IGNORED)) {
         status = VcmRegWrite(DeviceContext, Chip, Chip->LowReg, low);
     }
-    return VcmEndMove(DeviceContext, m->SetPos, recorded, status);
+    VcmReturnMoved(DeviceContext, m->SetPos, recorded, status);
 }
 
 NTSTATUS VcmRegGetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PUSHORT Position)
@@ -208,7 +208,7 @@ NTSTATUS VcmRegGetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, P
         position = (USHORT)((((high & Chip->HighMask) << 8) | low) >> Chip->CodeShift);
         *Position = position;
     }
-    return VcmEndRead(DeviceContext, m->GetPos, position, status);
+    VcmReturnRead(DeviceContext, m->GetPos, position, status);
 }
 
 NTSTATUS VcmRegGetStatus(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PULONG Status)
@@ -231,7 +231,7 @@ NTSTATUS VcmRegGetStatus(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip
         moving = value & 1;
         *Status = moving;
     }
-    return VcmEndRead(DeviceContext, m->GetStatus, moving, status);
+    VcmReturnRead(DeviceContext, m->GetStatus, moving, status);
 }
 
 /* ---- The five register-pair chips ---- */

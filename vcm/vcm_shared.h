@@ -193,13 +193,30 @@ EXTERN_C_START
 /* Waits for BusLock; a wait that does not return STATUS_SUCCESS is traced
  * with the routine's lock-failure text and returned, the lock not taken. */
 NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker);
-/* How every locked exchange ends, given the status of its transfers: a
- * SetPos records the move when the chip took it, then BusLock is released
- * whatever happened, then the routine's exit event goes out with the
- * recorded position (signed) or the value read (unsigned) and the status,
- * which is returned. */
-NTSTATUS VcmEndMove(PDEVICE_CONTEXT DeviceContext, const CHAR* Marker, USHORT NewPosition, NTSTATUS Status);
-NTSTATUS VcmEndRead(PDEVICE_CONTEXT DeviceContext, const CHAR* Marker, ULONG Value, NTSTATUS Status);
+/* After a SetPos exchange, given the status of its transfers: the move is
+ * recorded when the chip took it, then BusLock is released whatever
+ * happened. */
+VOID VcmFinishMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition, NTSTATUS Status);
+EXTERN_C_END
+
+/* How every locked exchange ends: the move finished (SetPos) or BusLock
+ * released (a read), then the routine's exit event with the recorded
+ * position (signed) or the value read (unsigned) and the status, which is
+ * returned. Macros, so that the event is the chip source's own and keeps
+ * that module's message GUID and number. */
+#define VcmReturnMoved(Context, Marker, Position, Status)                                   \
+    do {                                                                                    \
+        VcmFinishMove(Context, Position, Status);                                           \
+        VcmTrace(TRACE_INFO, Context, " %d %!STATUS!", Marker, (LONG)(SHORT)(Position), Status); \
+        return Status;                                                                      \
+    } while (0)
+#define VcmReturnRead(Context, Marker, Value, Status)                                       \
+    do {                                                                                    \
+        ReleaseBusLock(&(Context)->BusLock);                                                \
+        VcmTrace(TRACE_INFO, Context, " %u %!STATUS!", Marker, (ULONG)(Value), Status);     \
+        return Status;                                                                      \
+    } while (0)
+EXTERN_C_START
 /* The settle rule with the chip's GetHPStatus trace. */
 NTSTATUS VcmReportSettled(PDEVICE_CONTEXT DeviceContext, PULONG Status, const CHAR* Marker);
 NTSTATUS VcmSetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config, const VCM_CHIP* Chip);

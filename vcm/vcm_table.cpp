@@ -29,8 +29,7 @@ EXTERN_C_END
 #pragma alloc_text(PAGE, VcmTimedGetStatus)
 #pragma alloc_text(PAGE, VcmTimedGetHPStatus)
 #pragma alloc_text(PAGE, VcmLockBus)
-#pragma alloc_text(PAGE, VcmEndMove)
-#pragma alloc_text(PAGE, VcmEndRead)
+#pragma alloc_text(PAGE, VcmFinishMove)
 #pragma alloc_text(PAGE, VcmReportSettled)
 #pragma alloc_text(PAGE, VcmSetConfig)
 #pragma alloc_text(PAGE, VcmRampTarget)
@@ -168,7 +167,7 @@ NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS VcmEndMove(PDEVICE_CONTEXT DeviceContext, const CHAR* Marker, USHORT NewPosition, NTSTATUS Status)
+VOID VcmFinishMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition, NTSTATUS Status)
 {
     PAGED_CODE();
 
@@ -186,19 +185,6 @@ NTSTATUS VcmEndMove(PDEVICE_CONTEXT DeviceContext, const CHAR* Marker, USHORT Ne
         WriteNoFence64(&DeviceContext->VcmLastMoveTime, now.QuadPart);
     }
     ReleaseBusLock(&DeviceContext->BusLock);
-
-    VcmTrace(TRACE_INFO, DeviceContext, " %d %!STATUS!", Marker, (LONG)(SHORT)NewPosition, Status);
-    return Status;
-}
-
-NTSTATUS VcmEndRead(PDEVICE_CONTEXT DeviceContext, const CHAR* Marker, ULONG Value, NTSTATUS Status)
-{
-    PAGED_CODE();
-
-    ReleaseBusLock(&DeviceContext->BusLock);
-
-    VcmTrace(TRACE_INFO, DeviceContext, " %u %!STATUS!", Marker, Value, Status);
-    return Status;
 }
 
 /* ---- SetConfig ---- */
