@@ -39,7 +39,12 @@ elseif(MODE STREQUAL "wdk")
   # The WDK's KMDF project defines the framework version; the two intrinsic
   # markers keep mingw's wdm.h compiling as C++; mingw's intrin.h pulls in a
   # clang header that warns of its own deprecation unless told not to.
-  compile(${MS_CLANG} --target=x86_64-w64-mingw32 -std=c++20 -fms-extensions -fsyntax-only
+  # The object is kept for the placement check, which reads the sections the
+  # code-section pragmas put each routine in; a failed compile leaves none.
+  get_filename_component(object_dir ${OBJECT} DIRECTORY)
+  file(MAKE_DIRECTORY ${object_dir})
+  file(REMOVE ${OBJECT})
+  compile(${MS_CLANG} --target=x86_64-w64-mingw32 -std=c++20 -fms-extensions -c -o ${OBJECT}
           -fno-exceptions -fno-rtti -Wall -Wextra -Werror
           -DKORVANEL_WDK -DALLOC_PRAGMA -DKMDF_VERSION_MAJOR=1 -DKMDF_VERSION_MINOR=15 ${windows_defines}
           -D_CLANG_DISABLE_CRT_DEPRECATION_WARNINGS

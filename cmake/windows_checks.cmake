@@ -11,6 +11,7 @@
 #                           the code-section pragmas are compiled and what only
 #                           the Microsoft compiler enforces (alloc_text names
 #                           routines with C linkage) is enforced here too.
+#                           The COFF object is kept in wdk-objects/.
 #
 # What the published headers and mingw's DDK need to compile together with a
 # non-Microsoft compiler is arranged in the build tree here, never in the
@@ -156,12 +157,14 @@ set(check_args
     -DKMDF_DIR=${KMDF_INCLUDE_DIR_REAL}
     -DWDK_HEADERS=${KORVANEL_WDK_HEADERS}
     -DWDK_READY=${KORVANEL_WDK_CHECK_READY})
+set(KORVANEL_WDK_OBJECTS ${CMAKE_CURRENT_BINARY_DIR}/wdk-objects)
 set(KORVANEL_WINDOWS_CHECKED 0)
 foreach(src ${KORVANEL_DRIVER_SOURCES})
   file(RELATIVE_PATH rel ${CMAKE_CURRENT_SOURCE_DIR} ${src})
   foreach(mode mingw wdk)
     add_test(NAME windows_${mode}.${rel}
              COMMAND ${CMAKE_COMMAND} ${check_args} -DMODE=${mode} -DSOURCE=${src}
+                     -DOBJECT=${KORVANEL_WDK_OBJECTS}/${rel}.obj
                      -P ${CMAKE_CURRENT_SOURCE_DIR}/cmake/windows_check.cmake)
     set_tests_properties(windows_${mode}.${rel} PROPERTIES SKIP_RETURN_CODE 77 LABELS windows_${mode})
   endforeach()
