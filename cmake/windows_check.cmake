@@ -1,7 +1,8 @@
-# One Windows compile check of one driver source (see windows_checks.cmake).
+# One Windows check (see windows_checks.cmake): the compile of one driver
+# source, or the code-placement check over the WDK build's objects.
 # Exit 77 (skipped) when the check's tools are not on this machine (for the
-# WDK build: neither clang-19 nor the KMDF headers); scripts/setup.sh installs
-# both compilers.
+# WDK build: neither clang-19 nor the KMDF headers; for the placement check:
+# neither clang-19 nor LLVM's object tools); scripts/setup.sh installs them.
 function(skip why)
   message("skipped: ${why}")
   cmake_language(EXIT 77)
@@ -14,6 +15,7 @@ function(compile)
   endif()
 endfunction()
 
+set(no_compiler "clang++-19 is not installed (apt-get install clang-19)")
 set(windows_defines -D__INTRINSIC_DEFINED_InterlockedBitTestAndSet -D__INTRINSIC_DEFINED_InterlockedBitTestAndReset)
 
 if(MODE STREQUAL "mingw")
@@ -25,7 +27,6 @@ if(MODE STREQUAL "mingw")
 elseif(MODE STREQUAL "wdk")
   # Skipped on a machine that has neither; half of it is a setup to fix.
   set(no_headers "no KMDF 1.15 headers at ${KMDF_DIR}: point the KMDF_INCLUDE_DIR cache variable at a WDK's kmdf/1.15 folder")
-  set(no_compiler "clang++-19 is not installed (apt-get install clang-19)")
   if(NOT MS_CLANG AND NOT EXISTS ${KMDF_DIR}/wdf.h)
     skip("${no_compiler}, and ${no_headers}")
   elseif(NOT MS_CLANG)
@@ -50,6 +51,32 @@ elseif(MODE STREQUAL "wdk")
           -D_CLANG_DISABLE_CRT_DEPRECATION_WARNINGS
           -isystem ${WDK_HEADERS}/ddk -isystem ${DDK_DIR} -isystem ${WDK_HEADERS}/kmdf
           -I${SOURCE_DIR} ${SOURCE})
+elseif(MODE STREQUAL "placement")
+  # Reads the objects the windows_wdk tests leave; like that check, skipped
+  # only when neither tool is there.
+  set(no_llvm "llvm-readobj-19 or llvm-cxxfilt-19 is not installed (apt-get install llvm-19)")
+  if(NOT MS_CLANG AND NOT (LLVM_READOBJ AND LLVM_CXXFILT))
+    skip("${no_compiler}, and ${no_llvm}")
+  elseif(NOT MS_CLANG)
+    message(FATAL_ERROR "${no_compiler}: there are no Windows objects to read")
+  elseif(NOT LLVM_READOBJ OR NOT LLVM_CXXFILT)
+    message(FATAL_ERROR "${no_llvm}")
+  endif()
+  if(NOT DDK_DIR OR NOT WDK_READY)
+    skip("the WDK build did not run: mingw-w64's DDK headers are not installed (apt-get install mingw-w64-x86-64-dev)")
+  endif()
+  if(NOT PYTHON3)
+    message(FATAL_ERROR "python3 is not installed (apt-get install python3)")
+  endif()
+  execute_process(COMMAND ${PYTHON3} ${SOURCE_DIR}/cmake/windows_placement.py
+                          --readobj ${LLVM_READOBJ} --cxxfilt ${LLVM_CXXFILT}
+                          --source-dir ${SOURCE_DIR} --object-dir ${OBJECT_DIR} ${SOURCES}
+                  RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  string(STRIP "${out}${err}" report)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${report}")
+  endif()
+  message("${report}")
 elseif(MODE STREQUAL "interface_as_c")
   if(NOT MINGW_CC OR NOT DDK_DIR)
     skip("x86_64-w64-mingw32-gcc or its DDK headers are not installed")
