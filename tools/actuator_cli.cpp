@@ -307,7 +307,7 @@ void print_actuator(const ordered_json& a)
 namespace {
 
 // Round tick values over [low, high]: a step of 1, 2 or 5 times a power of
-// ten giving four to ten ticks, and the range widened to whole steps.
+// ten giving four to eight ticks, and the range widened to whole steps.
 struct Ticks {
     double first, last, step;
 };
@@ -317,7 +317,7 @@ Ticks round_ticks(double low, double high)
     if (high <= low) {
         high = low + 1;
     }
-    double raw = (high - low) / 6;
+    double raw = (high - low) / 8;
     double power = std::pow(10.0, std::floor(std::log10(raw)));
     double step = power;
     for (double m : {1.0, 2.0, 5.0, 10.0}) {
@@ -349,9 +349,12 @@ std::string xml_text(const std::string& text)
 
 std::string trajectory_svg(const ordered_json& a)
 {
-    const double width = 760, height = 440, left = 70, right = 80, top = 56, bottom = 50;
     const auto& points = a.contains("trajectory") ? a["trajectory"] : ordered_json::array();
     const auto& operations = a.contains("operations") ? a["operations"] : ordered_json::array();
+    // Operation labels sit in lanes above the plot, each in the first lane
+    // where it clears the label before it: their x is known once the time
+    // axis is, their lane count sets the top margin.
+    const double width = 760, left = 70, right = 80, bottom = 50, lane_height = 13, char_width = 6;
     double low = a.value("low", 0.0), high = a.value("high", double(a.value("max_code", 1023)));
 
     // The code axis covers every move and the module's low and high positions.
@@ -366,10 +369,29 @@ std::string trajectory_svg(const ordered_json& a)
     bool seconds = end_ms >= 2000;
     double unit = seconds ? 1000.0 : 1.0;
     Ticks times = round_ticks(0, end_ms / unit);
-
     auto x = [&](double ms) {
         return left + (width - left - right) * (ms / unit - times.first) / (times.last - times.first);
     };
+    std::vector<double> lane_ends;
+    std::vector<size_t> lanes;
+    for (auto& op : operations) {
+        double from = x(op["time_ms"].get<double>()) - 2;
+        double to = from + char_width * double(op["op"].get<std::string>().size()) + 8;
+        size_t lane = 0;
+        while (lane < lane_ends.size() && lane_ends[lane] > from) {
+            lane++;
+        }
+        if (lane == lane_ends.size()) {
+            lane_ends.push_back(to);
+        } else {
+            lane_ends[lane] = to;
+        }
+        lanes.push_back(lane);
+    }
+    const double top = 56 + lane_height * double(lane_ends.size()) + (lane_ends.empty() ? 0 : 8);
+    const double height = top + 334 + bottom;
+    auto y_lane = [&](size_t lane) { return 56 + lane_height * double(lane + 1); };
+
     auto y = [&](double c) {
         return height - bottom - (height - top - bottom) * (c - codes.first) / (codes.last - codes.first);
     };
@@ -413,13 +435,14 @@ std::string trajectory_svg(const ordered_json& a)
             << "</text>\n";
     }
 
-    // Each operation where it happened: a faint line and its name along it.
-    for (auto& op : operations) {
-        double t = op["time_ms"].get<double>();
+    // Each operation where it happened: a faint line from the time axis up
+    // to its name in its lane.
+    for (size_t i = 0; i < operations.size(); i++) {
+        double t = operations[i]["time_ms"].get<double>();
         svg << "<line x1=\"" << x(t) << "\" y1=\"" << y(codes.first) << "\" x2=\"" << x(t) << "\" y2=\""
-            << y(codes.last) << "\" stroke=\"#c7c7c7\" stroke-dasharray=\"2,3\"/><text transform=\"translate("
-            << x(t) + 4 << "," << y(codes.last) + 4 << ") rotate(90)\" font-size=\"10\" fill=\"#666\">"
-            << xml_text(op["op"].get<std::string>()) << "</text>\n";
+            << y_lane(lanes[i]) + 2 << "\" stroke=\"#c7c7c7\" stroke-dasharray=\"2,3\"/><text x=\"" << x(t) + 2
+            << "\" y=\"" << y_lane(lanes[i]) << "\" font-size=\"10\" fill=\"#555\">"
+            << xml_text(operations[i]["op"].get<std::string>()) << "</text>\n";
     }
 
     if (points.empty()) {
