@@ -7,10 +7,42 @@
 #include "scenario_reader.h"
 #include "scenario_report.h"
 
-#include <fstream>
-#include <sstream>
+#include "files.h"
+
+#include <algorithm>
 
 namespace korvanel::tool {
+
+namespace {
+
+// Where the scenario's charts and saved memories go, each checked before
+// anything runs; the first problem, or nothing.
+std::optional<std::string> place_outputs(Scenario& scenario, const std::string& name, const std::string& base_dir,
+                                         const ScenarioOptions& options, const OutputRule& rule)
+{
+    const std::string& folder = options.output_dir.empty() ? base_dir : options.output_dir;
+    std::vector<std::string> placed;
+    for (auto& d : scenario.devices) {
+        std::string device = scenario.devices.size() > 1 ? "device '" + d.name + "': " : "";
+        for (auto [file, key] : {std::pair{&d.plot, "plot"}, std::pair{&d.save, "save"}}) {
+            if (file->empty()) {
+                continue;
+            }
+            *file = beside(folder, *file);
+            std::string where = name + ": " + device + "\"" + key + "\" ";
+            if (std::find(placed.begin(), placed.end(), *file) != placed.end()) {
+                return where + *file + ": another output of this run is written there";
+            }
+            placed.push_back(*file);
+            if (auto problem = check_output(*file, rule)) {
+                return where + *problem;
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
 
 int run_scenario_text(const std::string& text, const std::string& name, const std::string& base_dir,
                       const ScenarioOptions& options, std::ostream& out, std::ostream& err)
@@ -19,6 +51,11 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
     auto scenario = read_scenario(text, name, base_dir, error);
     if (!scenario) {
         err << error << "\n";
+        return 2;
+    }
+    OutputRule rule{options.force || scenario->overwrite, "--force (or \"overwrite\": true in the scenario)", {name}};
+    if (auto problem = place_outputs(*scenario, name, base_dir, options, rule)) {
+        err << *problem << "\n";
         return 2;
     }
     Executor executor(*scenario, options.verbose, options.trace);
@@ -34,22 +71,35 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
             reporter->step(step, seen, failures);
         }
     }
-    reporter->finish(executor.finish());
-    return reporter->passed() ? 0 : 1;
+    RunEnd end = executor.finish();
+    // A failed run writes nothing: its files would pass for a good run's.
+    bool write_failed = false;
+    if (reporter->passed() && end.failures.empty()) {
+        for (auto& o : end.outputs) {
+            if (auto problem = write_output(o.file, o.bytes, rule)) {
+                end.failures.push_back("cannot write " + *problem);
+                write_failed = true;
+            } else {
+                o.written = true;
+            }
+        }
+    }
+    reporter->finish(end);
+    return write_failed ? 2 : reporter->passed() ? 0 : 1;
 }
 
 int run_scenario_file(const std::string& path, const ScenarioOptions& options, std::ostream& out, std::ostream& err)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        err << "korvanel-sim: cannot read " << path << "\n";
+    std::string error;
+    auto text = read_input(path, "a scenario", kScenarioFileLimit, true, error);
+    if (!text) {
+        err << "korvanel-sim: cannot read the scenario " << error << "\n";
         return 2;
     }
-    std::stringstream text;
-    text << in.rdbuf();
     auto slash = path.rfind('/');
     std::string base = slash == std::string::npos ? "" : path.substr(0, slash);
-    return run_scenario_text(text.str(), path, base, options, out, err);
+    return run_scenario_text(std::string(text->begin(), text->end()), path == "-" ? "standard input" : path, base,
+                             options, out, err);
 }
 
 }  // namespace korvanel::tool

@@ -9,7 +9,8 @@
 #include "sim/eeprom.h"
 #include "trace/trace.h"
 
-#include <fstream>
+#include <cstring>
+
 
 namespace korvanel::tool {
 
@@ -138,7 +139,11 @@ void Executor::act(const Action& action, DeviceState& d, Observation& seen)
     };
     std::visit(Overloaded{
                    [&](const CallAction& a) { take(a.call(d.si, verbose_)); },
-                   [&](const ActuatorAction& a) { take(run_actuator_op(sys_, d.context, a.op)); },
+                   [&](const ActuatorAction& a) {
+                       d.lens_ops.push_back({{"time_ms", double(sys_.clock().now() - origin_) / 10000.0},
+                                             {"op", a.op.text}});
+                       take(run_actuator_op(sys_, d.context, a.op));
+                   },
                    [&](const MemoryAction& a) { take(run_memory_op(d.context, a.op)); },
                    [&](const AdvanceAction& a) { sys_.clock().advance(a.units); },
                    [&](const BusSpeedAction& a) { sys_.bus().set_speed(a.speed); },
@@ -187,19 +192,25 @@ RunEnd Executor::finish()
         for (; d.held > 0; d.held--) {
             d.si.InterfaceHeader.InterfaceDereference(d.si.InterfaceHeader.Context);
         }
+        std::string of = scenario_.devices.size() > 1 ? " of " + d.setup->name : "";
         if (!d.setup->plot.empty()) {
-            json chart = {{"chip", d.lens->chip().name}, {"bus_speed", bus_speed_text(sys_.bus().speed())}};
+            json chart = {{"chip", d.lens->chip().name},
+                          {"bus_speed", bus_speed_text(sys_.bus().speed())},
+                          {"low", d.context->VcmLowPosition},
+                          {"high", d.context->VcmHighPosition},
+                          {"module", std::string(d.context->SensorName,
+                                                 strnlen(d.context->SensorName, sizeof d.context->SensorName))},
+                          {"operations", d.lens_ops}};
             chart.update(lens_trajectory(d.lens.get(), origin_, sys_.clock().now()));
-            if (std::ofstream(d.setup->plot) << trajectory_svg(chart)) {
-                end_.charts.push_back({d.setup->name, chart["trajectory"].size(), d.setup->plot});
-            } else {
-                end_.failures.push_back("cannot write the lens chart " + d.setup->plot);
-            }
+            end_.outputs.push_back({d.setup->plot,
+                                    "lens chart" + of + ", " + std::to_string(chart["trajectory"].size()) + " moves",
+                                    trajectory_svg(chart)});
         }
         if (!d.setup->save.empty()) {
-            if (auto error = d.memory->save_file(d.setup->save)) {
-                end_.failures.push_back(*error);
-            }
+            auto bytes = d.memory->contents();
+            end_.outputs.push_back({d.setup->save, "memory contents" + of + ", " + std::to_string(bytes.size()) +
+                                                       " bytes",
+                                    std::string(bytes.begin(), bytes.end())});
         }
     }
     auto report = sys_.unload_driver();

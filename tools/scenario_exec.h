@@ -23,16 +23,18 @@ class Eeprom;
 
 namespace korvanel::tool {
 
-// How the run ends: what unloading the driver found, the lens charts
-// written, and what went wrong at set-up or at the end.
+// How the run ends: what unloading the driver found, the files the run
+// would write (the runner writes them when it passed), and what went wrong
+// at set-up or at the end.
 struct RunEnd {
-    struct Chart {
-        std::string device;
-        size_t moves;
-        std::string file;
+    struct Output {
+        std::string file;   // as the runner resolved it
+        std::string what;   // "lens chart of rear, 9 moves"
+        std::string bytes;
+        bool written = false;
     };
     std::string unload = "not reached";
-    std::vector<Chart> charts;
+    std::vector<Output> outputs;
     std::vector<std::string> failures;
     int64_t clock = 0;               // since the run began, 100 ns units
     std::vector<TraceEntry> trace;   // the run's events the trace options accept
@@ -51,7 +53,8 @@ public:
     // the reason then the first of finish()'s failures.
     bool set_up();
     Observation perform(const Step& step);
-    // Releases what the scenario holds, writes charts and memories, unloads.
+    // Releases what the scenario holds, draws charts and takes the memories'
+    // contents for the files the scenario names, unloads.
     RunEnd finish();
 
 private:
@@ -63,6 +66,7 @@ private:
         int held = 0;  // interface references the scenario holds
         std::shared_ptr<sim::ActuatorModel> lens = {};
         std::shared_ptr<sim::Eeprom> memory = {};
+        nlohmann::ordered_json lens_ops = nlohmann::ordered_json::array();  // where the chart labels them
     };
 
     const Scenario& scenario_;

@@ -37,7 +37,7 @@ struct DeviceSetup {
     std::string hwid = "root\\KORVANEL";
     std::vector<RegistryValue> registry;
     std::optional<platform::ActuatorSelection> actuator;
-    std::string plot;  // trajectory chart file
+    std::string plot;  // trajectory chart file, as written until the runner places it
     std::optional<platform::MemorySelection> memory;
     size_t memory_size = 0;
     size_t memory_connections = 0;  // one, or one per 256-byte block
@@ -143,6 +143,7 @@ struct Scenario {
     std::string description;
     host::BusSpeed speed = host::BusSpeed::Instant;
     bool trace = false;
+    bool overwrite = false;  // charts and saved memories may replace existing files
     std::vector<DeviceSetup> devices;
     std::vector<Step> steps;
 };

@@ -2,6 +2,8 @@
 // device, and what it expects.
 #include "scenario_steps.h"
 
+#include "known_names.h"
+
 #include <climits>
 #include <cmath>
 #include <sstream>
@@ -51,7 +53,7 @@ public:
                        "interface, or only checks its \"expect\"");
         }
         if (s.contains("note")) {
-            step.note = text(s["note"], path + "/note");
+            step.note = text(s["note"], path + "/note", true);
         }
         if (s.contains("device")) {
             std::string name = text(s["device"], path + "/device");
@@ -168,6 +170,10 @@ public:
             only(s, path, {"fail_routine", "status", "skip", "times", "device", "expect", "note"});
             f.what = FaultAction::What::Routine;
             f.routine = what;
+            auto& known = fault_routines();
+            if (std::find(known.begin(), known.end(), what) == known.end()) {
+                fail(kp, "the bench has no routine '" + what + "' to fail (" + fault_routine_names() + ")");
+            }
             if (!s.contains("status")) {
                 fail(kp, "a routine fails with a \"status\"");
             }
@@ -288,7 +294,8 @@ public:
                 }
                 only(item, p, {"address", "data", "file"});
                 MemoryExpect me{uint32_t(integer(item["address"], p + "/address", 0, (long long)device.memory_size - 1)),
-                                item.contains("data") ? hex(item["data"], p + "/data") : file(item["file"], p + "/file")};
+                                item.contains("data") ? hex(item["data"], p + "/data")
+                                                      : file(item["file"], p + "/file", "the memory", device.memory_size)};
                 if (me.address + me.data.size() > device.memory_size) {
                     fail(p, "the range runs past the memory's " + std::to_string(device.memory_size) + " bytes");
                 }
