@@ -115,5 +115,58 @@ TEST_F(Dw9806bTest, ModuleRampsSlowDownNearTheLowPosition)
     EXPECT_EQ(ctx->VcmPosition, 0);
 }
 
+// The CM500RF05SW700 ramp's comparisons at their exact bounds (L = 300,
+// H = 600): p = H is not above H (1 ms, then a 32-code step); p = L + 90 is
+// not above it (10 ms, then an 8-code step); p = L - 45 is not above it (a
+// 32-code step, no pause).
+TEST_F(Dw9806bTest, ModuleRampComparisonsAtTheirBounds)
+{
+    set_module("CM500RF05SW700");
+    ctx->VcmLowPosition = 300;
+    ctx->VcmHighPosition = 600;
+    const struct {
+        SHORT from;
+        uint16_t first;
+        const char* before;  // the pause before the first step, "" none
+        const char* after;   // what follows the first step's four transfers
+    } cases[] = {{600, 568, "delay 1 ms", "delay 1 ms"}, {390, 382, "delay 10 ms", "delay 10 ms"}, {255, 223, "", "W 03"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.from);
+        ctx->VcmPosition = c.from;
+        size_t moved = part->trajectory().size();
+        clear();
+        ASSERT_EQ(DW9806B_ResetPos(ctx), STATUS_SUCCESS);
+        ASSERT_GT(part->trajectory().size(), moved);
+        EXPECT_EQ(part->trajectory()[moved].code, c.first);
+        auto wire = timeline();
+        size_t at = *c.before ? 1 : 0;
+        EXPECT_EQ(at ? wire[0] : "", c.before);
+        EXPECT_EQ(wire.at(at + 4), c.after);
+    }
+}
+
+// The warm start's own result: the last write of 0x02 to register 0x02 gives
+// it, the first is not looked at, a failed step ends it with that step's
+// status. Init's result stays that of its settings writes.
+TEST_F(Dw9806bTest, WarmStartResult)
+{
+    set_module("START2REAR");
+    ctx->VcmLowPosition = 316;
+    const struct {
+        std::vector<uint8_t> prefix;
+        NTSTATUS status;
+    } cases[] = {{{0x02, 0x02}, sim::kNack}, {{0x02, 0x00}, STATUS_SUCCESS}, {{0x04}, sim::kNack}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(wire_line('W', c.prefix));
+        ctx->VcmPosition = 300;
+        sys.bus().clear_faults();
+        sys.bus().fail_when({.direction = host::Direction::Write, .prefix = c.prefix}, host::BusFault::nack());
+        EXPECT_EQ(DW9806B_WarmStart(ctx), c.status);
+    }
+    sys.bus().clear_faults();
+    sys.bus().fail_when({.direction = host::Direction::Write, .prefix = {0x02, 0x02}}, host::BusFault::nack(), 1);
+    EXPECT_EQ(DW9806B_Init(ctx), STATUS_SUCCESS);
+}
+
 }  // namespace
 }  // namespace korvanel::test
