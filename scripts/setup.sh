@@ -3,7 +3,7 @@
 # korvanel. Does nothing when everything is there.
 set -euo pipefail
 packages=(cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev
-          g++-mingw-w64-x86-64 mingw-w64-x86-64-dev clang-19 clang libclang-rt-14-dev)
+          g++-mingw-w64-x86-64 mingw-w64-x86-64-dev clang-19 llvm-19 python3 clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
