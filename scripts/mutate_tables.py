@@ -3,8 +3,10 @@
 a time, rebuilds the test binary, runs the memory or actuator tests and counts
 which changes a test catches. Run from the source root with a configured
 build/ (scripts/mutate_tables.py [nvm|vcm]); every file is restored after each
-run. Prints each change, caught or not, and the tests that failed."""
-import re, subprocess, sys, pathlib
+run. Prints each change, caught or not, and the tests that failed.
+MUTATE_ONLY=<regex> limits the run to the changes whose label matches, to
+check again only the ones a new test is meant to catch."""
+import os, re, subprocess, sys, pathlib
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build"
@@ -21,7 +23,11 @@ def run_tests(filt):
         failed = ["(crash)"]
     return failed
 
+ONLY = re.compile(os.environ.get("MUTATE_ONLY", ""))
+
 def mutate(path, old, new, filt, label, results):
+    if not ONLY.search(label):
+        return
     p = ROOT / path
     src = p.read_text()
     assert src.count(old) == 1, (label, old)

@@ -180,6 +180,33 @@ TEST_F(NvmCommandTest, LinearBadInputEndsWithItsStatusLockFreeAndDataInTheCache)
     }
 }
 
+// The geometry CmdRead and CmdWrite take from the device: a write page of 1
+// to 64 bytes and a memory larger than 64 bytes, each bound and one past;
+// then a read of the last byte NvmSize allows and one past it.
+TEST_F(NvmCommandTest, TheGeometryCheckAtBothBounds)
+{
+    const struct {
+        LONG page, size;
+        USHORT address;
+        NTSTATUS status;
+    } cases[] = {
+        {0, 0x4000, 0, STATUS_UNSUCCESSFUL},   {1, 0x4000, 0, STATUS_SUCCESS},    {64, 0x4000, 0, STATUS_SUCCESS},
+        {65, 0x4000, 0, STATUS_UNSUCCESSFUL},  {64, 64, 0, STATUS_UNSUCCESSFUL},  {64, 65, 0, STATUS_SUCCESS},
+        {64, 65, 64, STATUS_SUCCESS},         {64, 65, 65, STATUS_INVALID_PARAMETER},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "page " << c.page << ", size " << c.size << ", at " << c.address);
+        select(5);
+        ctx->NvmPageSize = c.page;
+        ctx->NvmSize = c.size;
+        UCHAR b = 0;
+        begin();
+        EXPECT_EQ(CmdRead(ctx, c.address, &b, 1), c.status);
+        EXPECT_EQ(sys.bus().transcript().size(), c.status == STATUS_SUCCESS ? 2u : 0u);
+        expect_clean_exit();
+    }
+}
+
 TEST_F(NvmCommandTest, AFailedWaitEndsTheM24c64CommandsButNotCmdReadAndCmdWrite)
 {
     auto d = pattern(4);
@@ -262,6 +289,10 @@ TEST_F(NvmCommandTest, TheDW9806BMemoryIsErasedBeforeEveryWriteAndReadPageByPage
     EXPECT_EQ(timeline(), (std::vector<std::string>{"w50 81 EE", "sleep 50", w("w50 03 F8", d, 0, 8), "spin 5",
                                                    w("w50 04 00", d, 8, 32), "spin 5"}));
     EXPECT_EQ(texts().front(), (NvmText{" erase macro", 2, kNoNumber}));
+    // Within one page that is not the last, the number is still the count.
+    begin();
+    EXPECT_EQ(Cmd_DW9806BWrite(ctx, 0x0C00, d.data(), 1), STATUS_SUCCESS);
+    EXPECT_EQ(texts().front(), (NvmText{" erase macro", 8, kNoNumber}));
 
     part->set_contents(0, pattern(8192));
     std::vector<uint8_t> buffer(2048);
