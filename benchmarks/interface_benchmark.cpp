@@ -285,6 +285,29 @@ void BM_SelectMode(benchmark::State& state)
             [&] { Indirect(PlainSelect)(cam.ctx, 2, 1920, 1080, 0); });
 }
 
+// The failure paths, each beside the same check failing in the baseline.
+void BM_SelectModeTableOutOfRange(benchmark::State& state)
+{
+    Camera cam(state.range(0));
+    Compare(state, [&] { cam.si.SelectMode(cam.ctx, MODE_TABLE_COUNT, 1920, 1080, 0); },
+            [&] { Indirect(PlainSelect)(cam.ctx, MODE_TABLE_COUNT, 1920, 1080, 0); });
+}
+
+void BM_SelectModeNoneFits(benchmark::State& state)
+{
+    Camera cam(state.range(0));
+    Compare(state, [&] { cam.si.SelectMode(cam.ctx, 2, 20000, 20000, 0); },
+            [&] { Indirect(PlainSelect)(cam.ctx, 2, 20000, 20000, 0); });
+}
+
+void BM_QueryPropertyUnknown(benchmark::State& state)
+{
+    Camera cam(state.range(0));
+    ULONG v = 0;
+    Compare(state, [&] { cam.si.QueryProperty(cam.ctx, 0xFFFF, &v); },
+            [&] { Indirect(PlainLoadStore)(nullptr, &v); });
+}
+
 void BM_GetModeInfo(benchmark::State& state)
 {
     Camera cam(state.range(0));
@@ -389,6 +412,9 @@ OFF_AND_ON(BM_GetSensorParameters);
 OFF_AND_ON(BM_GetModeTables);
 OFF_AND_ON(BM_GetPdafTable);
 OFF_AND_ON(BM_SelectMode);
+OFF_AND_ON(BM_SelectModeTableOutOfRange);
+OFF_AND_ON(BM_SelectModeNoneFits);
+OFF_AND_ON(BM_QueryPropertyUnknown);
 OFF_AND_ON(BM_GetModeInfo);
 OFF_AND_ON(BM_GetAuxFlag);
 OFF_AND_ON(BM_GetParameterWord);
