@@ -1,31 +1,27 @@
 // known_names.cpp - fault routines and variant hardware identifiers.
 #include "known_names.h"
 
+#include "host/irql_rules.h"
+
+#include <algorithm>
+
 #include <strings.h>
 
 namespace korvanel::tool {
 
+// The platform routines a fault rule can make fail: the rows of the bench's
+// IRQL table that say so, each name once, in the table's order.
 const std::vector<std::string>& fault_routines()
 {
-    static const std::vector<std::string> names = {
-        "ExAllocatePoolWithTag",
-        "IoBuildSynchronousFsdRequest",
-        "KeWaitForSingleObject",
-        "RtlAnsiStringToUnicodeString",
-        "WdfDeviceAddQueryInterface",
-        "WdfDeviceAssignS0IdleSettings",
-        "WdfDeviceCreate",
-        "WdfDeviceCreateDeviceInterface",
-        "WdfDeviceRetrieveDeviceInterfaceString",
-        "WdfDeviceStopIdle",
-        "WdfDriverCreate",
-        "WdfIoTargetCreate",
-        "WdfIoTargetOpen",
-        "WdfIoTargetSendIoctlSynchronously",
-        "WdfStringCreate",
-        "ZwOpenKey",
-        "ZwQueryValueKey",
-    };
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> out;
+        for (const auto& rule : host::irql_rules()) {
+            if (rule.fails && std::find(out.begin(), out.end(), rule.routine) == out.end()) {
+                out.push_back(rule.routine);
+            }
+        }
+        return out;
+    }();
     return names;
 }
 
