@@ -8,10 +8,14 @@
 //   build/interface_benchmark --benchmark_counters_tabular=true
 //
 // Counters: op_ns and baseline_ns per call, ratio = op_ns / baseline_ns.
+//
+// The verifier is on, as everywhere; KORVANEL_VERIFIER=off turns it off to
+// measure what its checks cost.
 #include <benchmark/benchmark.h>
 
 #include "bus/delay.h"
 #include "host/system.h"
+#include "host/verifier.h"
 #include "platform/device.h"
 #include "sensor/description.h"
 #include "sensor/device_context.h"
@@ -20,6 +24,8 @@
 #include "trace/trace.h"
 
 #include <atomic>
+#include <cstdlib>
+#include <string>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -555,4 +561,17 @@ BENCHMARK(BM_VirtualClock)->ArgName("ms")->Arg(1)->Arg(10);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv)
+{
+    const char* verifier = std::getenv("KORVANEL_VERIFIER");
+    bool on = verifier == nullptr || std::string(verifier) != "off";
+    korvanel::host::verifier::set_enabled(on);
+    benchmark::AddCustomContext("verifier", on ? "on" : "off");
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

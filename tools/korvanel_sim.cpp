@@ -24,6 +24,7 @@
 #include "trace_view.h"
 #include "host/bus.h"
 #include "host/system.h"
+#include "host/verifier.h"
 #include "platform/device.h"
 #include "sensor/sensor_interface.h"
 #include "trace/trace.h"
@@ -306,7 +307,21 @@ std::optional<std::string> parse_select(const std::string& spec, std::vector<LON
 
 }  // namespace
 
+static int run(int argc, char** argv);
+
+// A rule of the Windows kernel broken on the bench stops the run with the
+// report a bugcheck would give, and an exit status of its own.
 int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const korvanel::host::Bugcheck&) {
+        // The verifier's hook has printed the report.
+        return korvanel::tool::kVerifierStop;
+    }
+}
+
+static int run(int argc, char** argv)
 {
     CLI::App app{"korvanel-sim: run the korvanel camera sensor driver on the simulated platform"};
     std::string hwid = "root\\KORVANEL";

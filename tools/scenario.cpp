@@ -62,6 +62,7 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
     auto reporter = make_reporter({options.json, options.verbose, options.trace.requested()}, *scenario, name,
                                   executor.origin(), out);
     reporter->begin();
+    bool stopped = false;  // by a violation the scenario did not expect
     if (executor.set_up()) {
         for (auto& step : scenario->steps) {
             Observation seen = executor.perform(step);
@@ -69,6 +70,11 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
             auto unmet = check_step(step.expect, seen);
             failures.insert(failures.end(), unmet.begin(), unmet.end());
             reporter->step(step, seen, failures);
+            // A bugcheck ends the machine's work: no step runs after one.
+            if (seen.violation) {
+                stopped = !step.expect.violation;
+                break;
+            }
         }
     }
     RunEnd end = executor.finish();
@@ -85,7 +91,7 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
         }
     }
     reporter->finish(end);
-    return write_failed ? 2 : reporter->passed() ? 0 : 1;
+    return write_failed ? 2 : stopped ? kVerifierStop : reporter->passed() ? 0 : 1;
 }
 
 int run_scenario_file(const std::string& path, const ScenarioOptions& options, std::ostream& out, std::ostream& err)

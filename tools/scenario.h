@@ -44,6 +44,9 @@ struct ScenarioOptions {
     bool force = false;      // they may replace existing files
 };
 
+// The exit status of a run the verifier stopped, as a bugcheck stops Windows.
+constexpr int kVerifierStop = 3;
+
 int run_scenario_file(const std::string& path, const ScenarioOptions& options, std::ostream& out, std::ostream& err);
 
 // `name` is what messages call the file (and, when it is one, the file no

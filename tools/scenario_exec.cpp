@@ -111,7 +111,15 @@ Observation Executor::perform(const Step& step)
     DeviceState& d = devices_[step.device];
     sys_.bus().clear_transcript();
     seen.start = sys_.clock().now();
-    act(step.action, d, seen);
+    // A broken rule stops the step as a bugcheck would; the observation
+    // carries the report, so the hook stays quiet.
+    auto hook = host::verifier::set_hook([](const host::Violation&) {});
+    try {
+        host::verifier::at_irql(step.irql, [&] { act(step.action, d, seen); });
+    } catch (const host::Bugcheck& stop) {
+        seen.violation = stop.violation();
+    }
+    host::verifier::set_hook(hook);
     seen.transfers = sys_.bus().transcript();
     seen.trace = collect_trace();
     if (!step.expect.memory.empty() && d.memory) {

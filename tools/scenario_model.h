@@ -127,6 +127,7 @@ struct Expect {
     std::optional<long long> references = {};
     std::optional<double> clock_ms = {};
     std::vector<std::string> trace = {};  // texts some event of the step contains
+    std::optional<std::string> violation = {};  // the bugcheck the verifier stops the step with
 };
 
 struct Step {
@@ -135,6 +136,7 @@ struct Step {
     size_t device = 0;
     bool device_given = false;  // the step names its device
     std::string note = {};
+    KIRQL irql = PASSIVE_LEVEL;  // the level the step's calls are made at
     Action action = CheckAction{};
     Expect expect = {};
 };
