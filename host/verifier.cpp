@@ -16,7 +16,6 @@ namespace korvanel::host {
 namespace {
 
 
-thread_local KIRQL t_irql = PASSIVE_LEVEL;
 thread_local int t_spin_locks = 0;
 std::atomic<bool> g_enabled{true};
 
@@ -75,6 +74,8 @@ Bugcheck::Bugcheck(Violation v) : std::runtime_error(v.text()), violation_(std::
 
 namespace verifier {
 
+thread_local constinit KIRQL t_irql = PASSIVE_LEVEL;
+
 KIRQL irql() { return t_irql; }
 void set_irql(KIRQL level) { t_irql = level; }
 bool enabled() { return g_enabled.load(std::memory_order_relaxed); }
@@ -118,15 +119,15 @@ std::string symbol(const void* address)
     return name.substr(0, name.find('('));
 }
 
-NTSTATUS enter(const IrqlRule& rule, const void* caller)
+void refuse(const IrqlRule& rule, const void* caller)
 {
-    KIRQL level = t_irql;
-    if (level > rule.max && g_enabled.load(std::memory_order_relaxed)) [[unlikely]] {
-        violate({rule.bugcheck, rule.code, rule.subcode, rule.routine, symbol(caller), level, rule.max,
+    if (g_enabled.load(std::memory_order_relaxed)) {
+        violate({rule.bugcheck, rule.code, rule.subcode, rule.routine, symbol(caller), t_irql, rule.max,
                  std::string(rule.routine) + " called above its IRQL"});
     }
-    return rule.fails ? System::current().faults().check(rule.routine) : STATUS_SUCCESS;
 }
+
+NTSTATUS check_faults(const char* routine) { return System::current().faults().check(routine); }
 
 void spin_lock_taken(int delta) { t_spin_locks += delta; }
 int spin_locks_held() { return t_spin_locks; }

@@ -95,9 +95,23 @@ Hook set_hook(Hook hook);
 // The name of the code at a return address ("SelectMode"), or the address.
 std::string symbol(const void* address);
 
+// The current thread's level, read inline by every platform routine.
+extern thread_local constinit KIRQL t_irql;
+// A broken rule: reported and thrown when the verifier is on.
+void refuse(const IrqlRule& rule, const void* caller);
+// The call counted and, when a fault rule says so, its injected failure.
+NTSTATUS check_faults(const char* routine);
+
 // The entry line of a platform routine: the caller's level against the rule,
-// the call counted and, for routines that can fail, an injected failure.
-NTSTATUS enter(const IrqlRule& rule, const void* caller);
+// the call counted and, for routines that can fail, an injected failure. The
+// rule is a constant, so the check is one thread-local load and a compare.
+[[gnu::always_inline]] inline NTSTATUS enter(const IrqlRule& rule, const void* caller)
+{
+    if (t_irql > rule.max) [[unlikely]] {
+        refuse(rule, caller);
+    }
+    return rule.fails ? check_faults(rule.routine) : STATUS_SUCCESS;
+}
 
 // A spin lock taken or released on this thread (the framework checks none is
 // held when a callback returns).
