@@ -53,6 +53,8 @@ inline constexpr IrqlRule kIrqlRules[] = {
     {"RtlInitUnicodeString",                     C::Always,          DISPATCH_LEVEL, false, IRQL_NOT_LESS, 0},
     {"RtlStringCbCopyA",                         C::Always,          PASSIVE_LEVEL,  false, IRQL_NOT_LESS, 0},
     {"RtlStringCbPrintfW",                       C::Always,          PASSIVE_LEVEL,  false, IRQL_NOT_LESS, 0},
+    // The kernel's C library: case folding reads pageable tables.
+    {"_wcsicmp",                                 C::Always,          PASSIVE_LEVEL,  false, IRQL_NOT_LESS, 0},
     {"ZwClose",                                  C::Always,          PASSIVE_LEVEL,  false, IRQL_NOT_LESS, 0},
     {"ZwOpenKey",                                C::Always,          PASSIVE_LEVEL,  true,  IRQL_NOT_LESS, 0},
     {"ZwQueryValueKey",                          C::Always,          PASSIVE_LEVEL,  true,  IRQL_NOT_LESS, 0},

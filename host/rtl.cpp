@@ -342,6 +342,7 @@ VOID RtlCopyUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STRING So
 
 int _wcsicmp(const WCHAR* string1, const WCHAR* string2)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("_wcsicmp"));
     auto fold = [](WCHAR c) { return c >= u'A' && c <= u'Z' ? WCHAR(c - u'A' + u'a') : c; };
     for (;; string1++, string2++) {
         WCHAR a = fold(*string1), b = fold(*string2);
