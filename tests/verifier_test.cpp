@@ -194,7 +194,7 @@ std::vector<Operation> operations()
 {
     using SI = const SENSOR_INTERFACE&;
     using C = PDEVICE_CONTEXT;
-    static ULONG u;
+    static ULONG u[16];  // records the driver reads several words of
     static SENSOR_CAPS caps;
     static const SENSOR_PARAMETERS* parameters;
     static const MODE_LIST* lists[4];
@@ -208,16 +208,16 @@ std::vector<Operation> operations()
     auto vcm = [](host::System& sys, C c) { platform::select_actuator(sys, c, {"DW9719"}); };
     auto nvm = [](host::System& sys, C c) { platform::select_memory(sys, c, {10, 0x50, 64}); };
     return {
-        {"AcceptRecord", [=](SI si, C) { si.AcceptRecord(x(si), &u); }},
+        {"AcceptRecord", [=](SI si, C) { si.AcceptRecord(x(si), u); }},
         {"GetSensorCaps", [=](SI si, C) { si.GetSensorCaps(x(si), &caps); }},
-        {"GetMipiConfig", [=](SI si, C) { si.GetMipiConfig(x(si), &u, &u, &u); }},
+        {"GetMipiConfig", [=](SI si, C) { si.GetMipiConfig(x(si), u, u, u); }},
         {"GetSensorParameters", [=](SI si, C) { si.GetSensorParameters(x(si), &parameters); }},
         {"GetModeTables", [=](SI si, C) { si.GetModeTables(x(si), &lists[0], &lists[1], &lists[2], &lists[3]); }},
         {"GetPdafTable", [=](SI si, C) { si.GetPdafTable(x(si), &lists[0]); }},
         {"SelectMode", [=](SI si, C) { si.SelectMode(x(si), 2, 1920, 1080, 0); }},
         {"AcceptEntry", [=](SI si, C) { si.AcceptEntry(x(si), &entries[0]); }},
-        {"AcceptPointer", [=](SI si, C) { si.AcceptPointer(x(si), &u); }},
-        {"AcceptValue", [=](SI si, C) { si.AcceptValue(x(si), &u); }},
+        {"AcceptPointer", [=](SI si, C) { si.AcceptPointer(x(si), u); }},
+        {"AcceptValue", [=](SI si, C) { si.AcceptValue(x(si), u); }},
         {"AcceptPair", [=](SI si, C) { si.AcceptPair(x(si), 1, 2); }},
         {"AcceptNotice", [=](SI si, C) { si.AcceptNotice(x(si)); }},
         {"GetModeInfo",
@@ -227,10 +227,10 @@ std::vector<Operation> operations()
          }},
         {"PowerUp", [=](SI si, C) { si.PowerUp(x(si)); }},
         {"PowerDown", [=](SI si, C) { si.PowerDown(x(si)); }},
-        {"GetAuxFlag", [=](SI si, C) { si.GetAuxFlag(x(si), &u); }},
-        {"GetParameterWord", [=](SI si, C) { si.GetParameterWord(x(si), &u); }},
+        {"GetAuxFlag", [=](SI si, C) { si.GetAuxFlag(x(si), u); }},
+        {"GetParameterWord", [=](SI si, C) { si.GetParameterWord(x(si), u); }},
         {"GetModuleInfo", [=](SI si, C) { si.GetModuleInfo(x(si), &module); }},
-        {"QueryProperty", [=](SI si, C) { si.QueryProperty(x(si), 1, &u); }},
+        {"QueryProperty", [=](SI si, C) { si.QueryProperty(x(si), 1, u); }},
         {"GetPdafInfo", [=](SI si, C) { si.GetPdafInfo(x(si), &pdaf); }},
         {"AcceptEntryList", [=](SI si, C) { si.AcceptEntryList(x(si), entries, 4); }},
         {"InterfaceReference + InterfaceDereference",
@@ -241,8 +241,8 @@ std::vector<Operation> operations()
         {"actuator Init", [](SI, C c) { VcmDrivers[c->VcmType].Init(c); }, vcm},
         {"actuator SetPos", [](SI, C c) { VcmDrivers[c->VcmType].SetPos(c, 300); }, vcm},
         {"actuator GetPos", [](SI, C c) { VcmDrivers[c->VcmType].GetPos(c, &position); }, vcm},
-        {"actuator GetStatus", [](SI, C c) { VcmDrivers[c->VcmType].GetStatus(c, &u); }, vcm},
-        {"actuator GetHPStatus", [](SI, C c) { VcmDrivers[c->VcmType].GetHPStatus(c, &u); }, vcm},
+        {"actuator GetStatus", [](SI, C c) { VcmDrivers[c->VcmType].GetStatus(c, u); }, vcm},
+        {"actuator GetHPStatus", [](SI, C c) { VcmDrivers[c->VcmType].GetHPStatus(c, u); }, vcm},
         {"actuator ResetPos", [](SI, C c) { VcmDrivers[c->VcmType].ResetPos(c); }, vcm},
         {"memory Load",
          [](SI, C c) {
