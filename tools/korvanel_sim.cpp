@@ -12,6 +12,7 @@
 //   korvanel-sim --real-time                       waits take real time
 //   korvanel-sim --nvm 10 --nvm-ops load,load --bus-speed 400k   a module memory
 //   korvanel-sim --vcm DW9719 --vcm-ops init,setpos:300,resetpos --svg lens.svg
+//   korvanel-sim --vcm AD5823 --bus-speed 400k --vcd lens.vcd   the run as a waveform
 //   korvanel-sim run examples/preview_mode.jsonc    a scenario file
 #include "actuator_cli.h"
 #include "bus_report.h"
@@ -21,6 +22,7 @@
 #include "records.h"
 #include "scenario.h"
 #include "trace_view.h"
+#include "waveform.h"
 #include "host/bus.h"
 #include "host/system.h"
 #include "platform/device.h"
@@ -247,6 +249,8 @@ int main(int argc, char** argv)
     korvanel::tool::add_memory_options(app, memory);
     korvanel::tool::ActuatorOptions actuator;
     korvanel::tool::add_actuator_options(app, actuator);
+    std::string vcd;
+    app.add_option("--vcd", vcd, korvanel::tool::waveform_option_help());
 
     auto* run = app.add_subcommand("run", "run a scenario file: its devices, its steps and what each step expects");
     std::string scenario_file;
@@ -312,6 +316,15 @@ int main(int argc, char** argv)
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }
     int64_t origin = sys.clock().now();
+    korvanel::tool::Waveform waveform;
+    if (!vcd.empty()) {
+        const auto* chip = korvanel::sim::find_actuator_chip(actuator.selection.chip);
+        unsigned lens_bits = chip == nullptr ? 0 : chip->max_code > 1023 ? 11 : 10;
+        if (auto error = waveform.open(sys, vcd, {lens_bits, memory.requested()})) {
+            std::cerr << "korvanel-sim: --vcd: " << *error << "\n";
+            return 2;
+        }
+    }
 
     NTSTATUS status = korvanel::platform::load_driver(sys);
     if (!NT_SUCCESS(status)) {
@@ -327,19 +340,26 @@ int main(int argc, char** argv)
         return 1;
     }
     SENSOR_INTERFACE& si = dev.si;
+    waveform.watch(dev.device);
     ordered_json description = describe(si, select, raw);
     auto* context = dev.context;
     if (memory.requested()) {
-        description["memory"] = korvanel::tool::run_memory_options(sys, context, memory);
+        description["memory"] = korvanel::tool::run_memory_options(sys, context, memory, &waveform);
     }
     if (!actuator.selection.chip.empty() &&
-        !korvanel::tool::run_actuator_options(sys, context, actuator, *vcm_ops, description["actuator"], error)) {
+        !korvanel::tool::run_actuator_options(sys, context, actuator, *vcm_ops, description["actuator"], error,
+                                              &waveform)) {
         std::cerr << "korvanel-sim: " << error << "\n";
         return 1;
     }
     si.InterfaceHeader.InterfaceDereference(si.InterfaceHeader.Context);
 
+    waveform.watch(nullptr);
     auto report = sys.unload_driver();
+    if (auto error = waveform.finish()) {
+        std::cerr << "korvanel-sim: --vcd: " << *error << "\n";
+        return 2;
+    }
     auto entries = korvanel::tool::trace_entries(sys.traces(), sys.traces().events(), trace);
     if (trace.requested()) {
         description["trace"] = korvanel::tool::trace_json(entries, origin);

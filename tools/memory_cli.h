@@ -11,6 +11,7 @@
 #pragma once
 
 #include "platform/memory.h"
+#include "waveform.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -54,6 +55,7 @@ struct MemoryOptions {
     std::string cache_length;
     std::string ops;
     std::string save;
+    std::string address;    // --nvm-address
 
     // Filled by prepare().
     platform::MemorySelection selection;
@@ -67,7 +69,8 @@ void add_memory_options(CLI::App& app, MemoryOptions& options);
 // the user (exit status 2), or nothing.
 std::optional<std::string> prepare_memory(MemoryOptions& options);
 // Attaches, fills, runs and saves; the report for --json and print_memory().
-nlohmann::ordered_json run_memory_options(host::System& sys, _DEVICE_CONTEXT* context, const MemoryOptions& options);
+nlohmann::ordered_json run_memory_options(host::System& sys, _DEVICE_CONTEXT* context, const MemoryOptions& options,
+                                          Waveform* waveform = nullptr);
 void print_memory(const nlohmann::ordered_json& report);
 
 }  // namespace korvanel::tool
