@@ -60,12 +60,16 @@ std::optional<WireTransfer> on_wire(const BusTransfer& t, BusSpeed speed, bool h
     w.repeated_start = held;
     w.address = t.address;
     w.direction = t.direction;
-    int64_t address_only = Bus::wire_time(speed, 0);
-    if (t.duration < address_only) {
-        return std::nullopt;
-    }
     bool timed_out = t.status == STATUS_IO_TIMEOUT;
-    bool whole = !timed_out && t.duration >= Bus::wire_time(speed, t.length);
+    bool whole;
+    if (speed == BusSpeed::Instant) {
+        // No wire time to tell by: the status alone decides.
+        whole = NT_SUCCESS(t.status);
+    } else if (t.duration < Bus::wire_time(speed, 0)) {
+        return std::nullopt;
+    } else {
+        whole = !timed_out && t.duration >= Bus::wire_time(speed, t.length);
+    }
     w.address_ack = timed_out || whole;
     if (whole && t.length > 0) {
         if (t.direction == Direction::Write) {

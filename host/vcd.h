@@ -71,7 +71,8 @@ struct WireTransfer {
 //    one ends in a repeated START unless it failed; `held`: the transfer
 //    before this one ended so, and this one begins with the repeated START.
 // Nothing (nullopt) when the transfer held the bus too briefly to draw even
-// its address (a request cancelled at once).
+// its address (a request cancelled at once). At instant speed, with no wire
+// time to tell by, a failed transfer counts as not acknowledged.
 std::optional<WireTransfer> on_wire(const BusTransfer& t, BusSpeed speed, bool held, bool joins_next);
 // A transcript's transfers in order as the wire shows them.
 std::vector<WireTransfer> wire_transcript(const std::vector<BusTransfer>& transcript, BusSpeed speed);

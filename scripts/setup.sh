@@ -2,7 +2,7 @@
 # Installs what a fresh Debian machine lacks to build, test and cross-check
 # korvanel. Does nothing when everything is there.
 set -euo pipefail
-packages=(cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev
+packages=(cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev sigrok-cli
           g++-mingw-w64-x86-64 mingw-w64-x86-64-dev clang-19 clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do

@@ -17,6 +17,7 @@
 #include "actuator_cli.h"
 #include "bus_report.h"
 #include "calls.h"
+#include "capture.h"
 #include "memory_cli.h"
 #include "parse.h"
 #include "records.h"
@@ -251,6 +252,11 @@ int main(int argc, char** argv)
     korvanel::tool::add_actuator_options(app, actuator);
     std::string vcd;
     app.add_option("--vcd", vcd, korvanel::tool::waveform_option_help());
+    std::string bus_capture, capture_channels;
+    app.add_option("--bus-capture", bus_capture,
+                   "compare the run's bus with a logic-analyzer capture: sigrok-cli -A i2c annotation text, a VCD "
+                   "or a sigrok session file");
+    app.add_option("--capture-channels", capture_channels, "the capture's SCL and SDA channel names: SCL,SDA (default scl,sda)");
 
     auto* run = app.add_subcommand("run", "run a scenario file: its devices, its steps and what each step expects");
     std::string scenario_file;
@@ -294,6 +300,26 @@ int main(int argc, char** argv)
         std::cerr << "korvanel-sim: "
                   << (!speed ? "--bus-speed takes 100k, 400k or 1m" : !vcm_ops ? error : *memory_error) << "\n";
         return 2;
+    }
+
+    // A capture that cannot be read stops the run before it starts.
+    std::optional<korvanel::tool::Capture> capture;
+    if (!bus_capture.empty()) {
+        korvanel::tool::CaptureChannels channels;
+        auto names = korvanel::tool::split(capture_channels, ',');
+        if (!capture_channels.empty() && (names.size() != 2 || names[0].empty() || names[1].empty())) {
+            std::cerr << "korvanel-sim: --capture-channels takes SCL,SDA\n";
+            return 2;
+        }
+        if (names.size() == 2) {
+            channels = {names[0], names[1]};
+        }
+        std::string error;
+        capture = korvanel::tool::read_capture(bus_capture, channels, error);
+        if (!capture) {
+            std::cerr << "korvanel-sim: --bus-capture: " << error << "\n";
+            return 2;
+        }
     }
 
     System sys;
@@ -383,6 +409,14 @@ int main(int argc, char** argv)
             }
         }
         printf("Unload: %s\n", report.clean() ? "clean" : report.text().c_str());
+    }
+    if (capture) {
+        auto bench = korvanel::host::wire_transcript(sys.bus().transcript(), *speed);
+        if (auto difference = korvanel::tool::compare_wire(bench, capture->transfers)) {
+            std::cerr << "korvanel-sim: the bus differs from " << bus_capture << ": " << *difference << "\n";
+            return 1;
+        }
+        std::cerr << "korvanel-sim: the bus matches " << bus_capture << " (" << bench.size() << " transfers)\n";
     }
     return report.clean() ? 0 : 1;
 }
