@@ -265,6 +265,18 @@ std::optional<std::string> compare_wire(const std::vector<host::WireTransfer>& b
         out += "transfer " + std::to_string(i + 1) + " differs:\n  bench:   " +
                (i < bench.size() ? host::wire_text(bench[i]) : "(none)") + "\n  capture: " +
                (i < capture.size() ? host::wire_text(capture[i]) : "(none)");
+        // In a long transfer, the byte that differs.
+        if (i < bench.size() && i < capture.size()) {
+            auto& a = bench[i].bytes;
+            auto& b = capture[i].bytes;
+            auto [x, y] = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
+            if (x != a.end() && y != b.end()) {
+                char text[80];
+                std::snprintf(text, sizeof text, "\n  first differing byte: %zu of %zu (bench %02X, capture %02X)",
+                              size_t(x - a.begin()) + 1, a.size(), *x, *y);
+                out += text;
+            }
+        }
         return out;
     }
     return std::nullopt;

@@ -416,7 +416,7 @@ int main(int argc, char** argv)
             std::cerr << "korvanel-sim: the bus differs from " << bus_capture << ": " << *difference << "\n";
             return 1;
         }
-        std::cerr << "korvanel-sim: the bus matches " << bus_capture << " (" << bench.size() << " transfers)\n";
+        std::cerr << "korvanel-sim: the bus matches " << bus_capture << " (" << bench.size() << (bench.size() == 1 ? " transfer" : " transfers") << ")\n";
     }
     return report.clean() ? 0 : 1;
 }
