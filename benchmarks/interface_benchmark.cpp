@@ -5,7 +5,7 @@
 // references beside an uncontended lock pair, the module query while another
 // thread takes interface references, and the virtual clock's speed.
 //
-//   build/bench_interface_bench --benchmark_counters_tabular=true
+//   build/interface_benchmark --benchmark_counters_tabular=true
 //
 // Counters: op_ns and baseline_ns per call, ratio = op_ns / baseline_ns.
 #include <benchmark/benchmark.h>

@@ -8,7 +8,6 @@
  * memory commands hold BusLock around the whole open-transfer-close bracket).
  */
 #include "i2c.h"
-#include "../sensor/device_context.h"
 #include "../trace/trace.h"
 
 // {2F7B1240-BB82-4CA7-B363-1D3E21D5F641}
@@ -44,7 +43,7 @@ static NTSTATUS GetI2cSlot(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, PI
     if (DeviceContext == NULL || Connection == NULL || Slot >= I2C_CONNECTION_COUNT) {
         return STATUS_INVALID_PARAMETER;
     }
-    *Connection = &DeviceContext->I2cConnections[Slot];
+    *Connection = &I2cConnectionSlots(DeviceContext)[Slot];
     return STATUS_SUCCESS;
 }
 
@@ -68,7 +67,7 @@ NTSTATUS InitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
         return STATUS_SUCCESS;
     }
 
-    status = OpenI2cTarget(DeviceContext, Slot, DeviceContext->Device);
+    status = OpenI2cTarget(DeviceContext, Slot, I2cParentDevice(DeviceContext));
     if (!NT_SUCCESS(status)) {
         // A target that was created but not opened stays in the slot; the
         // framework deletes it with the device.

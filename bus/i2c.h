@@ -28,6 +28,16 @@ typedef struct _I2C_CONNECTION {
 
 static_assert(sizeof(I2C_CONNECTION) == 24, "I2C_CONNECTION layout");
 
+/* All that the connections read of a device context: the framework device
+ * that parents every target, and the table of I2C_CONNECTION_COUNT slots.
+ * The context's owner defines the two, so that nothing here depends on the
+ * rest of the context or on where these members sit in it. Resident: two
+ * address computations, callable at any level. */
+EXTERN_C_START
+WDFDEVICE I2cParentDevice(struct _DEVICE_CONTEXT* DeviceContext);
+PI2C_CONNECTION I2cConnectionSlots(struct _DEVICE_CONTEXT* DeviceContext);
+EXTERN_C_END
+
 /* Pageable: C linkage for the Windows build's section pragmas. */
 EXTERN_C_START
 NTSTATUS InitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);

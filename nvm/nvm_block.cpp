@@ -11,7 +11,11 @@
 #include "../trace/trace.h"
 
 
+/* The most blocks of any member: the plan has room for them all. */
 #define NVM_MAX_BLOCKS 8
+static_assert(NvmBlockCount(NVM_TYPE_BRCA016) <= NVM_MAX_BLOCKS && NvmBlockCount(NVM_TYPE_CAT24C) <= NVM_MAX_BLOCKS &&
+                  NvmBlockCount(NVM_TYPE_CAT24C16) <= NVM_MAX_BLOCKS && NvmBlockCount(NVM_TYPE_DW9806B) <= NVM_MAX_BLOCKS,
+              "a member with more blocks than a plan holds");
 
 /* One block's share of a transfer. */
 typedef struct _NVM_BLOCK_PIECE {
@@ -72,8 +76,11 @@ static const CHAR NvmReadRangeText[] = "CmdRead address is out of range!";
 static const CHAR NvmReadNullText[] = "CmdRead read buffer pointer is NULL!!";
 static const CHAR NvmWriteNullText[] = "write buffer pointer is NULL!!!";
 
+/* A member's blocks, from its type's geometry. */
+#define NVM_BLOCKS_OF(Type) .BlockSize = NvmGeometry[Type].PageSize, .BlockCount = NvmBlockCount(Type)
+
 static const NVM_BLOCK_MEMBER NvmBrca016 = {
-    .ReadEngine = &NvmEngineRomRead1, .WriteEngine = &NvmEngineRomWrite1, .BlockSize = 256, .BlockCount = 8,
+    .ReadEngine = &NvmEngineRomRead1, .WriteEngine = &NvmEngineRomWrite1, NVM_BLOCKS_OF(NVM_TYPE_BRCA016),
     .ChunkSize = 16, .SlotPerBlock = TRUE, .TraceEveryBlock = TRUE,
     .WriteRangeText = "Cmd_Brca016Write address is out of  range!!",
     .PieceTexts = {"RomWrite1 addr data:", "RomWrite1 page status:"},
@@ -82,7 +89,7 @@ static const NVM_BLOCK_MEMBER NvmBrca016 = {
 };
 
 static const NVM_BLOCK_MEMBER NvmCat24c = {
-    .ReadEngine = &NvmEngineRomRead2, .WriteEngine = &NvmEngineRomWrite2, .BlockSize = 256, .BlockCount = 4,
+    .ReadEngine = &NvmEngineRomRead2, .WriteEngine = &NvmEngineRomWrite2, NVM_BLOCKS_OF(NVM_TYPE_CAT24C),
     .ChunkSize = 16, .SlotPerBlock = TRUE, .TraceEveryBlock = TRUE,
     .ReadNullText = NvmReadNullText, .WriteNullText = NvmWriteNullText,
     .WriteRangeText = "Cmd_Cat24cWrite address is out of  range!!",
@@ -92,7 +99,7 @@ static const NVM_BLOCK_MEMBER NvmCat24c = {
 };
 
 static const NVM_BLOCK_MEMBER NvmCat24c16 = {
-    .ReadEngine = &NvmEngineRomRead4, .WriteEngine = &NvmEngineRomWrite4, .BlockSize = 256, .BlockCount = 8,
+    .ReadEngine = &NvmEngineRomRead4, .WriteEngine = &NvmEngineRomWrite1, NVM_BLOCKS_OF(NVM_TYPE_CAT24C16),
     .ChunkSize = 16, .SlotPerBlock = TRUE, .TraceEveryBlock = TRUE,
     .ReadNullText = NvmReadNullText, .WriteNullText = NvmWriteNullText,
     .WriteRangeText = "Cmd_Cat24c16Write address is out of  range!!",
@@ -102,7 +109,7 @@ static const NVM_BLOCK_MEMBER NvmCat24c16 = {
 };
 
 static const NVM_BLOCK_MEMBER NvmDW9806B = {
-    .ReadEngine = &NvmEngineRomRead3, .WriteEngine = &NvmEngineRomWrite3, .BlockSize = 1024, .BlockCount = 8,
+    .ReadEngine = &NvmEngineRomRead3, .WriteEngine = &NvmEngineRomWrite3, NVM_BLOCKS_OF(NVM_TYPE_DW9806B),
     .ChunkSize = 32, .SlotPerBlock = FALSE, .EraseBeforeWrite = TRUE, .TraceEveryBlock = FALSE,
     .WriteRangeText = "Cmd_DW9806BWrite address is out of  range!!",
     .PieceTexts = {"RomWrite3 addr data:", "RomWrite3 page status:"},
@@ -203,7 +210,7 @@ static NTSTATUS NvmBlockTransfer(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT
         // is erased first, however short the write.
         LONG first = Address / Member->BlockSize;
         LONG last = (Address + Length - 1) / Member->BlockSize;
-        NvmTrace(DeviceContext, FALSE, " erase macro", first == last ? NVM_MAX_BLOCKS : (ULONG)last + 1,
+        NvmTrace(DeviceContext, FALSE, " erase macro", first == last ? (ULONG)Member->BlockCount : (ULONG)last + 1,
                  NVM_TRACE_NO_NUMBER);
         status = PageErase3(DeviceContext, 0, TRUE);
         if (!NT_SUCCESS(status)) {
@@ -265,7 +272,7 @@ static NTSTATUS NvmBlockCommand(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT 
 
     // As for CmdRead and CmdWrite, the wait's status is not examined: a
     // kernel-mode wait without time-out on an event returns only success.
-    (VOID) NvmAcquireBusLock(DeviceContext);
+    (VOID) AcquireBusLock(&DeviceContext->BusLock);
     NTSTATUS status = NvmBlockTransfer(Member, DeviceContext, Address, Buffer, Length, Write);
 
     // Every path from here: the cache copy of a write, slot 2 closed when it
@@ -276,7 +283,7 @@ static NTSTATUS NvmBlockCommand(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT 
     if (!Member->SlotPerBlock) {
         DeinitI2c(DeviceContext, I2C_SLOT_NVM);
     }
-    NvmReleaseBusLock(DeviceContext);
+    ReleaseBusLock(&DeviceContext->BusLock);
     NvmTraceExit(DeviceContext, Write ? Member->WriteExitTexts : Member->ReadExitTexts, Address, Buffer, Length,
                  status);
     return status;

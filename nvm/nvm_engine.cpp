@@ -50,7 +50,6 @@ EXTERN_C_END
 #define NVM_ERASE_MACRO     0x81
 #define NVM_ERASE_PAGE      0x82
 #define NVM_ERASE_CONFIRM   0xEE
-#define NVM_ERASE_PAGES     8
 #define NVM_MACRO_ERASE_MS  50
 #define NVM_PAGE_ERASE_MS   10
 
@@ -74,17 +73,20 @@ const NVM_ENGINE NvmEngineM24c64Read = {
     .BlockCount = NVM_ONE_SLOT};
 const NVM_ENGINE NvmEngineRomRead1 = {
     .LengthText = "RomRead1 address is out of range!", .FailText = NvmBlockAddressText,
-    .DataFailText = NvmBlockDataText, .Timeout = NVM_READ_TIMEOUT, .Addressing = NvmAddressInBlock, .BlockCount = 8};
+    .DataFailText = NvmBlockDataText, .Timeout = NVM_READ_TIMEOUT, .Addressing = NvmAddressInBlock,
+    .BlockCount = NvmBlockCount(NVM_TYPE_BRCA016)};
 const NVM_ENGINE NvmEngineRomRead2 = {
     .LengthText = "RomRead2 address is out of range!", .FailText = NvmBlockAddressText,
-    .DataFailText = NvmBlockDataText, .Timeout = NVM_READ_TIMEOUT, .Addressing = NvmAddressInBlock, .BlockCount = 4};
+    .DataFailText = NvmBlockDataText, .Timeout = NVM_READ_TIMEOUT, .Addressing = NvmAddressInBlock,
+    .BlockCount = NvmBlockCount(NVM_TYPE_CAT24C)};
 const NVM_ENGINE NvmEngineRomRead3 = {
     .LengthText = "RomRead3 address is out of range!", .FailText = NvmBlockAddressText,
     .DataFailText = NvmBlockDataText, .Timeout = NVM_READ_TIMEOUT, .Addressing = NvmAddressPaged,
     .BlockCount = NVM_ONE_SLOT};
 const NVM_ENGINE NvmEngineRomRead4 = {
     .LengthText = "RomRead4 address is out of range!", .FailText = NvmBlockAddressText,
-    .DataFailText = NvmBlockDataText, .Timeout = NVM_READ_TIMEOUT, .Addressing = NvmAddressInBlock, .BlockCount = 8};
+    .DataFailText = NvmBlockDataText, .Timeout = NVM_READ_TIMEOUT, .Addressing = NvmAddressInBlock,
+    .BlockCount = NvmBlockCount(NVM_TYPE_CAT24C16)};
 
 /* Writes: the length limit and the wait after the call; only bulkWrite skips
  * the wait when nothing went out or the request failed. */
@@ -95,18 +97,18 @@ const NVM_ENGINE NvmEngineBulkWrite = {
     .LengthText = "bulkWrite data length invalid error!!", .FailText = "bulkWrite Failed to write !!",
     .Timeout = NVM_WRITE_TIMEOUT, .LengthLimit = 32, .DelayMs = 5, .Addressing = NvmAddress16,
     .BlockCount = NVM_ONE_SLOT, .DelayAlways = 0};
+/* RomWrite1 and RomWrite4 write to parts of the same eight blocks with the
+ * same texts: one record serves both. */
+static_assert(NvmBlockCount(NVM_TYPE_BRCA016) == NvmBlockCount(NVM_TYPE_CAT24C16), "RomWrite1 and RomWrite4 differ");
 const NVM_ENGINE NvmEngineRomWrite1 = {
     .LengthText = NvmWriteLengthText, .FailText = NvmWriteFailText, .Timeout = NVM_WRITE_TIMEOUT, .LengthLimit = 16,
-    .DelayMs = 5, .Addressing = NvmAddressInBlock, .BlockCount = 8, .DelayAlways = 1};
+    .DelayMs = 5, .Addressing = NvmAddressInBlock, .BlockCount = NvmBlockCount(NVM_TYPE_BRCA016), .DelayAlways = 1};
 const NVM_ENGINE NvmEngineRomWrite2 = {
     .LengthText = NvmWriteLengthText, .FailText = NvmWriteFailText, .Timeout = NVM_WRITE_TIMEOUT, .LengthLimit = 16,
-    .DelayMs = 5, .Addressing = NvmAddressInBlock, .BlockCount = 4, .DelayAlways = 1};
+    .DelayMs = 5, .Addressing = NvmAddressInBlock, .BlockCount = NvmBlockCount(NVM_TYPE_CAT24C), .DelayAlways = 1};
 const NVM_ENGINE NvmEngineRomWrite3 = {
     .LengthText = NvmWriteLengthText, .FailText = NvmWriteFailText, .Timeout = NVM_WRITE_TIMEOUT, .LengthLimit = 32,
     .DelayMs = 5, .Addressing = NvmAddressPaged, .BlockCount = NVM_ONE_SLOT, .DelayAlways = 1};
-const NVM_ENGINE NvmEngineRomWrite4 = {
-    .LengthText = NvmWriteLengthText, .FailText = NvmWriteFailText, .Timeout = NVM_WRITE_TIMEOUT, .LengthLimit = 16,
-    .DelayMs = 5, .Addressing = NvmAddressInBlock, .BlockCount = 8, .DelayAlways = 1};
 
 /* The address bytes the engine sends before the data, and its slot. Returns
  * the number of address bytes, 0 for a block the engine has no slot for. */
@@ -199,9 +201,9 @@ NTSTATUS NvmEngineWrite(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext,
     // largest write page fits the transfer buffer, whatever the context says.
     BOOLEAN refused = Engine->LengthLimit != 0 ? (ULONG)Length > (ULONG)Engine->LengthLimit
                                                : Length > DeviceContext->NvmPageSize || Length < 0;
-    refused = refused || (ULONG)Length > NVM_ENGINE_MAX_DATA;
+    refused = refused || (ULONG)Length > NVM_MAX_WRITE_PAGE;
 
-    UCHAR transfer[NVM_ADDRESS_BYTES + NVM_ENGINE_MAX_DATA];
+    UCHAR transfer[NVM_ADDRESS_BYTES + NVM_MAX_WRITE_PAGE];
     ULONG slot = I2C_SLOT_NVM;
     ULONG addressBytes = refused ? 0 : NvmEncodeAddress(Engine, Block, Address, transfer, &slot);
     NTSTATUS status;
@@ -302,7 +304,7 @@ NTSTATUS RomWrite3(PDEVICE_CONTEXT DeviceContext, UCHAR Page, USHORT Offset, con
 NTSTATUS RomWrite4(PDEVICE_CONTEXT DeviceContext, UCHAR Block, UCHAR Address, const UCHAR* Data, LONG Length)
 {
     PAGED_CODE();
-    return NvmEngineWrite(&NvmEngineRomWrite4, DeviceContext, Block, Address, Data, Length);
+    return NvmEngineWrite(&NvmEngineRomWrite1, DeviceContext, Block, Address, Data, Length);
 }
 
 NTSTATUS PageErase3(PDEVICE_CONTEXT DeviceContext, UCHAR Page, UCHAR Macro)
@@ -313,7 +315,7 @@ NTSTATUS PageErase3(PDEVICE_CONTEXT DeviceContext, UCHAR Page, UCHAR Macro)
         return STATUS_INVALID_PARAMETER;
     }
     NTSTATUS status = STATUS_SUCCESS;
-    if (Page >= NVM_ERASE_PAGES) {
+    if (Page >= NvmBlockCount(NVM_TYPE_DW9806B)) {
         NvmTrace(DeviceContext, TRUE, "PageErase3 page length invalid error!!", Page, NVM_TRACE_NO_NUMBER);
     } else {
         UCHAR command[2] = {(UCHAR)((Macro ? NVM_ERASE_MACRO : NVM_ERASE_PAGE) | Page), NVM_ERASE_CONFIRM};

@@ -1,12 +1,52 @@
 /*
- * nvm_internal.h - what the memory sources share: the page-engine record
- * that says how one engine differs from the others, the one read and one
- * write body every engine runs, the memory's text traces and the bus lock.
+ * nvm_internal.h - what the memory sources share: the geometry of every
+ * memory type, the page-engine record that says how one engine differs from
+ * the others, the one read and one write body every engine runs, and the
+ * memory's text traces.
  */
 #pragma once
 
 #include "nvm.h"
 #include "../sensor/device_context.h"
+#include "../bus/bus_lock.h"
+
+/* A memory type's part: its size, and its write page in bytes; for the parts
+ * seen as blocks (types 6, 9 and 12: one connection per 256-byte block) and
+ * the paged memory of type 11 (erased and addressed by 1024-byte page), the
+ * block or page. The type table, the commands and the engines all take their
+ * geometry from here. Types 0 to 4 have no memory behind them. */
+typedef struct _NVM_GEOMETRY {
+    ULONG Size;
+    ULONG PageSize;
+} NVM_GEOMETRY;
+
+inline constexpr NVM_GEOMETRY NvmGeometry[NVM_TYPE_COUNT] = {
+    {0, 0},          {0, 0},          {0, 0},         {0, 0},          {0, 0},
+    {0x4000, 0x40},  {0x800, 0x100},  {0x80, 0x8},    {0x1000, 0x20},  {0x400, 0x100},
+    {0x2000, 0x20},  {0x2000, 0x400}, {0x800, 0x100},
+};
+
+/* The types whose commands and engines know their part. Types 5, 7 and 8
+ * share CmdRead and CmdWrite, which take the geometry from the context. */
+#define NVM_TYPE_BRCA016  6
+#define NVM_TYPE_CAT24C   9
+#define NVM_TYPE_M24C64   10
+#define NVM_TYPE_DW9806B  11
+#define NVM_TYPE_CAT24C16 12
+
+/* Blocks (or pages) of a part seen as blocks. */
+constexpr ULONG NvmBlockCount(ULONG Type)
+{
+    return NvmGeometry[Type].Size / NvmGeometry[Type].PageSize;
+}
+
+/* The largest write page of any part: the engines' transfer buffer holds it
+ * after the address, and CmdWrite accepts no larger NvmPageSize. */
+#define NVM_MAX_WRITE_PAGE 64
+static_assert(NvmGeometry[5].PageSize == NVM_MAX_WRITE_PAGE && NvmGeometry[7].PageSize <= NVM_MAX_WRITE_PAGE &&
+                  NvmGeometry[8].PageSize <= NVM_MAX_WRITE_PAGE &&
+                  NvmGeometry[NVM_TYPE_M24C64].PageSize <= NVM_MAX_WRITE_PAGE,
+              "a write page larger than the transfer buffer");
 
 /* How an engine puts the memory address on the wire. */
 typedef enum _NVM_ADDRESSING {
@@ -34,10 +74,6 @@ typedef struct _NVM_ENGINE {
 static_assert(sizeof(NVM_ENGINE) == 48, "NVM_ENGINE layout");
 #endif
 
-/* The longest data an engine sends after the address: the largest write
- * page of any memory type. */
-#define NVM_ENGINE_MAX_DATA 64
-
 EXTERN_C_START
 
 extern const NVM_ENGINE NvmEngineRead0;
@@ -51,7 +87,6 @@ extern const NVM_ENGINE NvmEngineBulkWrite;
 extern const NVM_ENGINE NvmEngineRomWrite1;
 extern const NVM_ENGINE NvmEngineRomWrite2;
 extern const NVM_ENGINE NvmEngineRomWrite3;
-extern const NVM_ENGINE NvmEngineRomWrite4;
 
 /* Block is the block (in-block engines) or the page (paged engines). */
 NTSTATUS NvmEngineRead(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext, UCHAR Block, USHORT Address,
@@ -66,9 +101,5 @@ VOID NvmTrace(PDEVICE_CONTEXT DeviceContext, BOOLEAN Error, const CHAR* Text, UL
  * when the length leaves no byte), then length and status. */
 VOID NvmTraceExit(PDEVICE_CONTEXT DeviceContext, const CHAR* const Texts[2], USHORT Address, const UCHAR* Data,
                   LONG Length, NTSTATUS Status);
-
-/* BusLock: a wait with no time-out, and its release. */
-NTSTATUS NvmAcquireBusLock(PDEVICE_CONTEXT DeviceContext);
-VOID NvmReleaseBusLock(PDEVICE_CONTEXT DeviceContext);
 
 EXTERN_C_END

@@ -65,13 +65,9 @@ EXTERN_C_END
 #pragma alloc_text(PAGE, Cmd_M24c64Write)
 #endif
 
-/* Geometry CmdRead and CmdWrite accept from the context. */
-#define NVM_MAX_PAGE_SIZE 64
+/* CmdRead and CmdWrite accept from the context a page of 1 to
+ * NVM_MAX_WRITE_PAGE bytes and a memory larger than this. */
 #define NVM_MIN_SIZE_ABOVE 64
-
-/* The M24c64's fixed geometry. */
-#define M24C64_SIZE 8192
-#define M24C64_PAGE 32
 
 static const NVM_LINEAR_MEMBER NvmLinearGeneric = {
     .ReadEngine = &NvmEngineRead0,
@@ -88,8 +84,8 @@ static const NVM_LINEAR_MEMBER NvmLinearGeneric = {
 static const NVM_LINEAR_MEMBER NvmLinearM24c64 = {
     .ReadEngine = &NvmEngineM24c64Read,
     .WriteEngine = &NvmEngineBulkWrite,
-    .FixedSize = M24C64_SIZE,
-    .ChunkSize = M24C64_PAGE,
+    .FixedSize = NvmGeometry[NVM_TYPE_M24C64].Size,
+    .ChunkSize = NvmGeometry[NVM_TYPE_M24C64].PageSize,
     .RangeBeforeLock = TRUE,
     .WaitChecked = TRUE,
     .ReadNullText = "CmdRead read buffer pointer is NULL!!",
@@ -127,7 +123,7 @@ static NTSTATUS NvmLinearPrepare(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEX
     }
     LONG size = Member->FixedSize;
     if (size == 0) {
-        if (DeviceContext->NvmPageSize < 1 || DeviceContext->NvmPageSize > NVM_MAX_PAGE_SIZE ||
+        if (DeviceContext->NvmPageSize < 1 || DeviceContext->NvmPageSize > NVM_MAX_WRITE_PAGE ||
             DeviceContext->NvmSize <= NVM_MIN_SIZE_ABOVE) {
             return STATUS_UNSUCCESSFUL;
         }
@@ -161,7 +157,7 @@ static NTSTATUS NvmLinearRead(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT D
         return STATUS_INVALID_PARAMETER;
     }
 
-    NTSTATUS status = NvmAcquireBusLock(DeviceContext);
+    NTSTATUS status = AcquireBusLock(&DeviceContext->BusLock);
     if (Member->WaitChecked && !NT_SUCCESS(status)) {
         NvmTrace(DeviceContext, TRUE, Member->ReadWaitText, (ULONG)status, NVM_TRACE_NO_NUMBER);
         return status;
@@ -180,7 +176,7 @@ static NTSTATUS NvmLinearRead(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT D
     }
 
     DeinitI2c(DeviceContext, I2C_SLOT_NVM);
-    NvmReleaseBusLock(DeviceContext);
+    ReleaseBusLock(&DeviceContext->BusLock);
     NvmTraceExit(DeviceContext, Member->ReadExitTexts, Address, Buffer, Length, status);
     return status;
 }
@@ -197,8 +193,9 @@ static NTSTATUS NvmLinearWritePages(const NVM_LINEAR_MEMBER* Member, PDEVICE_CON
         return STATUS_INVALID_PARAMETER;
     }
     // The M24c64 write takes its position in the page from NvmPageSize; with
-    // no page size there it falls back to the part's own 32-byte page.
-    LONG page = DeviceContext->NvmPageSize > 0 ? DeviceContext->NvmPageSize : M24C64_PAGE;
+    // no page size there it falls back to the part's own page, its chunk.
+    // (CmdWrite never gets here without a page size.)
+    LONG page = DeviceContext->NvmPageSize > 0 ? DeviceContext->NvmPageSize : Member->ChunkSize;
     LONG chunk = Member->ChunkSize != 0 ? Member->ChunkSize : page;
     const NVM_ENGINE* engine = Member->WriteEngine;
 
@@ -254,7 +251,7 @@ static NTSTATUS NvmLinearWrite(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT 
         return STATUS_INVALID_PARAMETER;
     }
 
-    NTSTATUS status = NvmAcquireBusLock(DeviceContext);
+    NTSTATUS status = AcquireBusLock(&DeviceContext->BusLock);
     if (Member->WaitChecked && !NT_SUCCESS(status)) {
         NvmTrace(DeviceContext, TRUE, Member->WriteWaitText, (ULONG)status, NVM_TRACE_NO_NUMBER);
         return status;
@@ -269,7 +266,7 @@ static NTSTATUS NvmLinearWrite(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT 
 
     NvmCacheWrite(DeviceContext, Address, Data, Length);
     DeinitI2c(DeviceContext, I2C_SLOT_NVM);
-    NvmReleaseBusLock(DeviceContext);
+    ReleaseBusLock(&DeviceContext->BusLock);
     NvmTraceExit(DeviceContext, Member->WriteExitTexts, Address, Data, Length, status);
     return status;
 }

@@ -1,8 +1,7 @@
 /*
  * nvm_table.cpp - the memory type table, the 750-byte cache that the memory
  * is loaded into once and served from afterwards, the stub operations of
- * types 3 and 4, and what every memory source shares: its text traces and
- * the bus lock.
+ * types 3 and 4, and what every memory source shares: its text traces.
  */
 #include "nvm_internal.h"
 #include "../trace/trace.h"
@@ -27,27 +26,29 @@ EXTERN_C_END
 #pragma alloc_text(PAGE, NvmStubWrite)
 #pragma alloc_text(PAGE, NvmTrace)
 #pragma alloc_text(PAGE, NvmTraceExit)
-#pragma alloc_text(PAGE, NvmAcquireBusLock)
-#pragma alloc_text(PAGE, NvmReleaseBusLock)
 #endif
 
 /* Type 3 loads a fixed 432 bytes through its stub, whatever the cache length. */
 #define NVM_STUB_LOAD_LENGTH 432
 
+/* Every type loads from address 0 through NvmLoad. */
+#define NVM_ROW(Type, Write, Read) \
+    {Type, NvmGeometry[Type].Size, NvmGeometry[Type].PageSize, 0, Write, Read, NvmLoad}
+
 const NVM_DRIVER NvmDriverTable[NVM_TYPE_COUNT] = {
-    {0, 0, 0, 0, NULL, NULL, NvmLoad},
-    {1, 0, 0, 0, NULL, NULL, NvmLoad},
-    {2, 0, 0, 0, NULL, NULL, NvmLoad},
-    {3, 0, 0, 0, NvmStubWrite, NvmStubRead, NvmLoad},
-    {4, 0, 0, 0, NvmStubWrite, NvmStubRead, NvmLoad},
-    {5, 0x4000, 0x40, 0, CmdWrite, CmdRead, NvmLoad},
-    {6, 0x800, 0x100, 0, Cmd_Brca016Write, Cmd_Brca016Read, NvmLoad},
-    {7, 0x80, 0x8, 0, CmdWrite, CmdRead, NvmLoad},
-    {8, 0x1000, 0x20, 0, CmdWrite, CmdRead, NvmLoad},
-    {9, 0x400, 0x100, 0, Cmd_Cat24cWrite, Cmd_Cat24cRead, NvmLoad},
-    {10, 0x2000, 0x20, 0, Cmd_M24c64Write, Cmd_M24c64Read, NvmLoad},
-    {11, 0x2000, 0x400, 0, Cmd_DW9806BWrite, Cmd_DW9806BRead, NvmLoad},
-    {12, 0x800, 0x100, 0, Cmd_Cat24c16Write, Cmd_Cat24c16Read, NvmLoad},
+    NVM_ROW(0, NULL, NULL),
+    NVM_ROW(1, NULL, NULL),
+    NVM_ROW(2, NULL, NULL),
+    NVM_ROW(3, NvmStubWrite, NvmStubRead),
+    NVM_ROW(4, NvmStubWrite, NvmStubRead),
+    NVM_ROW(5, CmdWrite, CmdRead),
+    NVM_ROW(NVM_TYPE_BRCA016, Cmd_Brca016Write, Cmd_Brca016Read),
+    NVM_ROW(7, CmdWrite, CmdRead),
+    NVM_ROW(8, CmdWrite, CmdRead),
+    NVM_ROW(NVM_TYPE_CAT24C, Cmd_Cat24cWrite, Cmd_Cat24cRead),
+    NVM_ROW(NVM_TYPE_M24C64, Cmd_M24c64Write, Cmd_M24c64Read),
+    NVM_ROW(NVM_TYPE_DW9806B, Cmd_DW9806BWrite, Cmd_DW9806BRead),
+    NVM_ROW(NVM_TYPE_CAT24C16, Cmd_Cat24c16Write, Cmd_Cat24c16Read),
 };
 
 /* Reads the selected memory into the cache. Types without a read (0 to 2,
@@ -174,23 +175,4 @@ VOID NvmTraceExit(PDEVICE_CONTEXT DeviceContext, const CHAR* const Texts[2], USH
     // The first byte only when the caller's buffer has one.
     NvmTrace(DeviceContext, FALSE, Texts[0], Address, Length >= 1 ? Data[0] : NVM_TRACE_NO_NUMBER);
     NvmTrace(DeviceContext, FALSE, Texts[1], (ULONG)Length, (ULONG)Status);
-}
-
-NTSTATUS NvmAcquireBusLock(PDEVICE_CONTEXT DeviceContext)
-{
-    PAGED_CODE();
-
-    if (DeviceContext == NULL) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    return KeWaitForSingleObject(&DeviceContext->BusLock, Executive, KernelMode, FALSE, NULL);
-}
-
-VOID NvmReleaseBusLock(PDEVICE_CONTEXT DeviceContext)
-{
-    PAGED_CODE();
-
-    if (DeviceContext != NULL) {
-        (VOID) KeSetEvent(&DeviceContext->BusLock, 0, FALSE);
-    }
 }

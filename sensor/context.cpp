@@ -28,6 +28,17 @@ static const struct {
 
 #define MBPS_TO_BITS_PER_SECOND 1000000u
 
+/* What the I2C connections may see of the context (bus/i2c.h). */
+WDFDEVICE I2cParentDevice(PDEVICE_CONTEXT DeviceContext)
+{
+    return DeviceContext->Device;
+}
+
+PI2C_CONNECTION I2cConnectionSlots(PDEVICE_CONTEXT DeviceContext)
+{
+    return DeviceContext->I2cConnections;
+}
+
 VOID InitSensorContext(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();

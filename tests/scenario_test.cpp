@@ -6,6 +6,8 @@
 
 #include "sensor/description.h"
 #include "tools/scenario.h"
+#include "tools/scenario_reader.h"
+#include "tools/scenario_report.h"
 
 #include <chrono>
 #include <fstream>
@@ -88,6 +90,62 @@ TEST_F(ScenarioTest, MalformedFilesNameTheLineAndTheField)
         EXPECT_NE(err.find(c.message), std::string::npos) << c.text << "\n" << err;
         EXPECT_EQ(out, "") << "nothing runs";
     }
+}
+
+// A part's step takes the part's own name, as its device does, or the older
+// short one: both read to the same step, titled as before.
+TEST_F(ScenarioTest, PartStepKeysAndTheirShortNamesReadAlike)
+{
+    const std::string device =
+        R"("device": {"actuator": {"chip": "DW9719"}, "memory": {"type": 7}, "registry": {"MipiLanes": 4}})";
+    // What a step reads to, in the words of the model.
+    auto read = [&](const std::string& step, std::string& error) -> std::string {
+        auto scenario = tool::read_scenario("{" + device + ", \"steps\": [" + step + "]}", "a.jsonc", "", error);
+        if (!scenario) {
+            return "";
+        }
+        const tool::Step& s = scenario->steps[0];
+        std::string out = step_title(*scenario, s) + " #" + std::to_string(s.action.index()) + " x" +
+                          std::to_string(s.expect.count);
+        if (auto* a = std::get_if<tool::ActuatorAction>(&s.action)) {
+            out += " " + std::to_string(int(a->op.kind)) + ":" + std::to_string(a->op.value) + ":" +
+                   std::to_string(a->op.config.size());
+        }
+        if (auto* m = std::get_if<tool::MemoryAction>(&s.action)) {
+            out += " " + std::to_string(int(m->op.kind)) + ":" + std::to_string(m->op.address) + ":" +
+                   std::to_string(m->op.length) + ":" + std::to_string(m->op.data.size());
+        }
+        return out;
+    };
+    struct Case {
+        std::string canonical, alias, title;
+    } cases[] = {
+        {R"({"actuator": "setpos:300", "expect": {"lens": 300}})", R"({"vcm": "setpos:300", "expect": {"lens": 300}})",
+         "vcm setpos:300"},
+        {R"({"actuator": "setconfig:1:0x02:0x01"})", R"({"vcm": "setconfig:1:0x02:0x01"})",
+         "vcm setconfig:1:0x02:0x01"},
+        {R"({"memory": "write:4:0102", "expect": {"status": "STATUS_SUCCESS"}})",
+         R"({"nvm": "write:4:0102", "expect": {"status": "STATUS_SUCCESS"}})", "nvm write:4:0102"},
+        {R"({"memory": "read:0:16"})", R"({"nvm": "read:0:16"})", "nvm read:0:16"},
+    };
+    for (auto& c : cases) {
+        std::string e1, e2;
+        std::string canonical = read(c.canonical, e1), alias = read(c.alias, e2);
+        EXPECT_EQ(canonical, alias) << c.canonical << "\n" << e1 << e2;
+        EXPECT_EQ(canonical.substr(0, c.title.size() + 1), c.title + " ") << canonical;
+    }
+    // Problems read alike too, each naming the key as written.
+    std::string error;
+    read(R"({"memory": "read:120:16"})", error);
+    EXPECT_NE(error.find("step 1: field \"memory\": "), std::string::npos) << error;
+    EXPECT_NE(error.find("not within the memory's 128 bytes"), std::string::npos) << error;
+    read(R"({"actuator": "init", "vcm": "init"})", error);
+    EXPECT_NE(error.find("step 1: field \"vcm\": a step does one thing: 'actuator' and 'vcm' are two"),
+              std::string::npos)
+        << error;
+    read(R"({"memory": "load", "note": "x", "lens": 1})", error);
+    EXPECT_NE(error.find("unknown field 'lens' (known here: memory, device, expect, note)"), std::string::npos)
+        << error;
 }
 
 // Every kind of step reaches the bench as the expectations inside say; the

@@ -71,13 +71,7 @@ NTSTATUS DW9714_SetPos(PDEVICE_CONTEXT DeviceContext, SHORT Position)
         return status;
     }
     status = VcmWriteWord(DeviceContext, (UCHAR)(word >> 8), (UCHAR)(word & 0xFF));
-    if (NT_SUCCESS(status)) {
-        VcmRecordMove(DeviceContext, code);
-    }
-    VcmUnlockBus(DeviceContext);
-
-    VcmTrace(TRACE_INFO, DeviceContext, " %d %!STATUS!", Dw9714Chip.Markers.SetPos, code, status);
-    return status;
+    VcmReturnMoved(DeviceContext, Dw9714Chip.Markers.SetPos, code, status);
 }
 
 NTSTATUS DW9714_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)
@@ -98,10 +92,7 @@ NTSTATUS DW9714_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)
     if (NT_SUCCESS(status)) {
         *Position = value;
     }
-    VcmUnlockBus(DeviceContext);
-
-    VcmTrace(TRACE_INFO, DeviceContext, " %u %!STATUS!", Dw9714Chip.Markers.GetPos, value, status);
-    return status;
+    VcmReturnRead(DeviceContext, Dw9714Chip.Markers.GetPos, value, status);
 }
 
 NTSTATUS DW9714_ResetPos(PDEVICE_CONTEXT DeviceContext)

@@ -32,12 +32,14 @@ typedef enum _DW9806B_MODULE {
 
 EXTERN_C_START
 static DW9806B_MODULE Dw9806bModule(PDEVICE_CONTEXT DeviceContext);
+static NTSTATUS Dw9806bWalkUp(PDEVICE_CONTEXT DeviceContext, PLONG Position, ULONG Bound, LONG Step, LONG PauseMs);
 static NTSTATUS Dw9806bStart2RearDown(PDEVICE_CONTEXT DeviceContext, LONG Position);
 static NTSTATUS Dw9806bCm500Down(PDEVICE_CONTEXT DeviceContext, LONG Position);
 EXTERN_C_END
 
 #ifdef ALLOC_PRAGMA
 #pragma alloc_text(PAGE, Dw9806bModule)
+#pragma alloc_text(PAGE, Dw9806bWalkUp)
 #pragma alloc_text(PAGE, Dw9806bStart2RearDown)
 #pragma alloc_text(PAGE, Dw9806bCm500Down)
 #pragma alloc_text(PAGE, DW9806B_Init)
@@ -66,14 +68,11 @@ static const VCM_REG_CHIP Dw9806bChip = {
     .HighReg = 0x03,
     .LowReg = 0x04,
     .HighMask = 0x03,
-    .CodeShift = 0,
     .MinCode = 1,
     .MaxCode = DW9806B_MAX_CODE,
     .BusyReg = 0x05,
     .IdReg = 0x00,
     .IdText = "IC Info:",
-    .InitSteps = NULL,
-    .InitStepCount = 0,
 };
 
 /* The camera module, from the sensor name, ignoring ASCII case. */
@@ -106,6 +105,28 @@ static DW9806B_MODULE Dw9806bModule(PDEVICE_CONTEXT DeviceContext)
         }
     }
     return Dw9806bModuleOther;
+}
+
+/* The warm start's walk: from *Position up in Step codes while the position
+ * is above 1 and not past Bound, pausing PauseMs after each step (0: none,
+ * the bus paces it). *Position is where the walk stopped: one step past the
+ * last position commanded, or the position whose SetPos failed. */
+static NTSTATUS Dw9806bWalkUp(PDEVICE_CONTEXT DeviceContext, PLONG Position, ULONG Bound, LONG Step, LONG PauseMs)
+{
+    PAGED_CODE();
+
+    NTSTATUS status = STATUS_SUCCESS;
+    LONG p = *Position;
+    while (p > 1 && (ULONG)p <= Bound) {
+        status = DW9806B_SetPos(DeviceContext, (SHORT)p);
+        if (!NT_SUCCESS(status)) {
+            break;
+        }
+        p += Step;
+        DelayMilliseconds(PauseMs);
+    }
+    *Position = p;
+    return status;
 }
 
 NTSTATUS DW9806B_Init(PDEVICE_CONTEXT DeviceContext)
@@ -158,27 +179,14 @@ NTSTATUS DW9806B_WarmStart(PDEVICE_CONTEXT DeviceContext)
         // Ring control off for the walk, steps of 8 up to the low position,
         // then the last position reached is the recorded one.
         (VOID) VcmWriteReg8(DeviceContext, DW9806B_CONTROL_REG, DW9806B_RING_OFF);
-        while (p > 1 && (ULONG)p <= DeviceContext->VcmLowPosition) {
-            status = DW9806B_SetPos(DeviceContext, (SHORT)p);
-            if (!NT_SUCCESS(status)) {
-                break;
-            }
-            p += 8;
-        }
+        status = Dw9806bWalkUp(DeviceContext, &p, DeviceContext->VcmLowPosition, 8, 0);
         if (NT_SUCCESS(status)) {
             WriteNoFence16(&DeviceContext->VcmPosition, (SHORT)(p - 8));
             result = VcmWriteReg8(DeviceContext, DW9806B_CONTROL_REG, DW9806B_RING_ON);
         }
         break;
     case Dw9806bModuleCm500:
-        while (p > 1 && (ULONG)p <= (ULONG)DeviceContext->VcmLowPosition + 50) {
-            status = DW9806B_SetPos(DeviceContext, (SHORT)p);
-            if (!NT_SUCCESS(status)) {
-                break;
-            }
-            p += 32;
-            DelayMilliseconds(10);
-        }
+        status = Dw9806bWalkUp(DeviceContext, &p, (ULONG)DeviceContext->VcmLowPosition + 50, 32, 10);
         break;
     default:
         break;

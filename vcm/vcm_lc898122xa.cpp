@@ -44,8 +44,6 @@ static const VCM_REG_CHIP Lc898122xaChip = {
     .BusyReg = 0x0335,
     .IdReg = 0x027E,
     .IdText = NULL, /* the byte goes into the Init exit event */
-    .InitSteps = NULL,
-    .InitStepCount = 0,
 };
 
 VCM_REG_CHIP_ROUTINES(LC898122XA, Lc898122xaChip)

@@ -175,13 +175,7 @@ NTSTATUS VcmRegSetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, S
     if (NT_SUCCESS(status) || (Chip->Flags & VCM_HIGH_STATUS_IGNORED)) {
         status = VcmRegWrite(DeviceContext, Chip, Chip->LowReg, low);
     }
-    if (NT_SUCCESS(status)) {
-        VcmRecordMove(DeviceContext, recorded);
-    }
-    VcmUnlockBus(DeviceContext);
-
-    VcmTrace(TRACE_INFO, DeviceContext, " %d %!STATUS!", m->SetPos, (LONG)(SHORT)recorded, status);
-    return status;
+    VcmReturnMoved(DeviceContext, m->SetPos, recorded, status);
 }
 
 NTSTATUS VcmRegGetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PUSHORT Position)
@@ -214,10 +208,7 @@ NTSTATUS VcmRegGetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, P
         position = (USHORT)((((high & Chip->HighMask) << 8) | low) >> Chip->CodeShift);
         *Position = position;
     }
-    VcmUnlockBus(DeviceContext);
-
-    VcmTrace(TRACE_INFO, DeviceContext, " %u %!STATUS!", m->GetPos, position, status);
-    return status;
+    VcmReturnRead(DeviceContext, m->GetPos, position, status);
 }
 
 NTSTATUS VcmRegGetStatus(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PULONG Status)
@@ -240,10 +231,7 @@ NTSTATUS VcmRegGetStatus(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip
         moving = value & 1;
         *Status = moving;
     }
-    VcmUnlockBus(DeviceContext);
-
-    VcmTrace(TRACE_INFO, DeviceContext, " %u %!STATUS!", m->GetStatus, moving, status);
-    return status;
+    VcmReturnRead(DeviceContext, m->GetStatus, moving, status);
 }
 
 /* ---- The five register-pair chips ---- */
@@ -265,12 +253,8 @@ static const VCM_REG_CHIP Ad5823Chip = {
     .HighReg = 0x04,
     .LowReg = 0x05,
     .HighMask = 0x03,
-    .CodeShift = 0,
     .MinCode = 1,
     .MaxCode = 1023,
-    .BusyReg = 0,
-    .IdReg = 0,
-    .IdText = NULL,
     .InitSteps = Ad5823InitSteps,
     .InitStepCount = RTL_NUMBER_OF(Ad5823InitSteps),
 };
@@ -287,14 +271,10 @@ static const VCM_REG_CHIP Ad5816Chip = {
     .HighReg = 0x03,
     .LowReg = 0x04,
     .HighMask = 0x03,
-    .CodeShift = 0,
     .MinCode = 0,
     .MaxCode = 1023,
-    .BusyReg = 0,
     .IdReg = 0x01,
     .IdText = "IC Version:",
-    .InitSteps = NULL,
-    .InitStepCount = 0,
 };
 
 /* DW9719 walks the lens to the module's low position from either side, with
@@ -309,14 +289,11 @@ static const VCM_REG_CHIP Dw9719Chip = {
     .HighReg = 0x03,
     .LowReg = 0x04,
     .HighMask = 0x03,
-    .CodeShift = 0,
     .MinCode = 0,
     .MaxCode = 1023,
     .BusyReg = 0x05,
     .IdReg = 0x00,
     .IdText = "IC Info:",
-    .InitSteps = NULL,
-    .InitStepCount = 0,
 };
 
 /* DW9718 and WV517S take the code unsigned, record the clamped code, read the
@@ -331,14 +308,8 @@ static const VCM_REG_CHIP Dw9718Chip = {
     .HighReg = 0x02,
     .LowReg = 0x03,
     .HighMask = 0x03,
-    .CodeShift = 0,
     .MinCode = 1,
     .MaxCode = 1023,
-    .BusyReg = 0,
-    .IdReg = 0,
-    .IdText = NULL,
-    .InitSteps = NULL,
-    .InitStepCount = 0,
 };
 
 static const VCM_REG_CHIP Wv517sChip = {
@@ -351,14 +322,8 @@ static const VCM_REG_CHIP Wv517sChip = {
     .HighReg = 0x41,
     .LowReg = 0x42,
     .HighMask = 0x03,
-    .CodeShift = 0,
     .MinCode = 1,
     .MaxCode = 1023,
-    .BusyReg = 0,
-    .IdReg = 0,
-    .IdText = NULL,
-    .InitSteps = NULL,
-    .InitStepCount = 0,
 };
 
 VCM_REG_CHIP_ROUTINES(AD5823, Ad5823Chip)

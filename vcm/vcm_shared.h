@@ -1,7 +1,8 @@
 /*
  * vcm_shared.h - what the actuator chip drivers have in common, said once:
  * the trace convention, the marker texts of a chip's routines, the bus lock
- * protocol, the bookkeeping of a move, SetConfig checks, reset ramps, and
+ * protocol and the end of every locked exchange with the bookkeeping of a
+ * move, SetConfig checks, reset ramps, and
  * the two-register position scheme that every chip but DW9714 uses.
  *
  * A chip is described by constant records (VCM_CHIP, VCM_REG_CHIP); one body
@@ -11,6 +12,7 @@
 #pragma once
 
 #include "vcm.h"
+#include "../bus/bus_lock.h"
 #include "../bus/delay.h"
 #include "../trace/trace.h"
 
@@ -124,21 +126,22 @@ typedef struct _VCM_INIT_STEP {
 
 /* A chip whose position code sits in a high and a low register. The code is
  * placed CodeShift bits up in the 16-bit value high:low; HighMask is the part
- * of the high register that holds code bits. */
+ * of the high register that holds code bits. What a chip's record leaves out
+ * is zero: no flags, no shift, no busy or identification register. */
 typedef struct _VCM_REG_CHIP {
     VCM_CHIP Chip;
-    ULONG Flags;
-    USHORT HighReg;
-    USHORT LowReg;
-    UCHAR HighMask;
-    UCHAR CodeShift;
-    LONG MinCode;
-    LONG MaxCode;
-    USHORT BusyReg;
-    USHORT IdReg;
-    const CHAR* IdText;       /* the identification's trace text; NULL: the byte goes into Init's exit event */
-    const VCM_INIT_STEP* InitSteps; /* NULL: every entry in order, to its own register */
-    ULONG InitStepCount;
+    ULONG Flags = 0;
+    USHORT HighReg = 0;
+    USHORT LowReg = 0;
+    UCHAR HighMask = 0;
+    UCHAR CodeShift = 0;
+    LONG MinCode = 0;
+    LONG MaxCode = 0;
+    USHORT BusyReg = 0;             /* with VCM_BUSY_REGISTER */
+    USHORT IdReg = 0;               /* with VCM_IDENTIFIES */
+    const CHAR* IdText = NULL;      /* the identification's trace text; NULL: the byte goes into Init's exit event */
+    const VCM_INIT_STEP* InitSteps = NULL; /* NULL: every entry in order, to its own register */
+    ULONG InitStepCount = 0;
 } VCM_REG_CHIP;
 
 /* SetPos's code from its argument, within the chip's range. */
@@ -190,9 +193,30 @@ EXTERN_C_START
 /* Waits for BusLock; a wait that does not return STATUS_SUCCESS is traced
  * with the routine's lock-failure text and returned, the lock not taken. */
 NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker);
-VOID VcmUnlockBus(PDEVICE_CONTEXT DeviceContext);
-/* After the chip accepted a new position, still under BusLock. */
-VOID VcmRecordMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition);
+/* After a SetPos exchange, given the status of its transfers: the move is
+ * recorded when the chip took it, then BusLock is released whatever
+ * happened. */
+VOID VcmFinishMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition, NTSTATUS Status);
+EXTERN_C_END
+
+/* How every locked exchange ends: the move finished (SetPos) or BusLock
+ * released (a read), then the routine's exit event with the recorded
+ * position (signed) or the value read (unsigned) and the status, which is
+ * returned. Macros, so that the event is the chip source's own and keeps
+ * that module's message GUID and number. */
+#define VcmReturnMoved(Context, Marker, Position, Status)                                   \
+    do {                                                                                    \
+        VcmFinishMove(Context, Position, Status);                                           \
+        VcmTrace(TRACE_INFO, Context, " %d %!STATUS!", Marker, (LONG)(SHORT)(Position), Status); \
+        return Status;                                                                      \
+    } while (0)
+#define VcmReturnRead(Context, Marker, Value, Status)                                       \
+    do {                                                                                    \
+        ReleaseBusLock(&(Context)->BusLock);                                                \
+        VcmTrace(TRACE_INFO, Context, " %u %!STATUS!", Marker, (ULONG)(Value), Status);     \
+        return Status;                                                                      \
+    } while (0)
+EXTERN_C_START
 /* The settle rule with the chip's GetHPStatus trace. */
 NTSTATUS VcmReportSettled(PDEVICE_CONTEXT DeviceContext, PULONG Status, const CHAR* Marker);
 NTSTATUS VcmSetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config, const VCM_CHIP* Chip);

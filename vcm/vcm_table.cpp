@@ -29,8 +29,7 @@ EXTERN_C_END
 #pragma alloc_text(PAGE, VcmTimedGetStatus)
 #pragma alloc_text(PAGE, VcmTimedGetHPStatus)
 #pragma alloc_text(PAGE, VcmLockBus)
-#pragma alloc_text(PAGE, VcmUnlockBus)
-#pragma alloc_text(PAGE, VcmRecordMove)
+#pragma alloc_text(PAGE, VcmFinishMove)
 #pragma alloc_text(PAGE, VcmReportSettled)
 #pragma alloc_text(PAGE, VcmSetConfig)
 #pragma alloc_text(PAGE, VcmRampTarget)
@@ -160,7 +159,7 @@ NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker)
 
     // Any other answer, a success code such as STATUS_ALERTED included, means
     // the lock is not ours.
-    NTSTATUS status = KeWaitForSingleObject(&DeviceContext->BusLock, Executive, KernelMode, FALSE, NULL);
+    NTSTATUS status = AcquireBusLock(&DeviceContext->BusLock);
     if (status != STATUS_SUCCESS) {
         VcmTrace(TRACE_INFO, DeviceContext, " %!STATUS!", LockFailedMarker, status);
         return status;
@@ -168,25 +167,24 @@ NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker)
     return STATUS_SUCCESS;
 }
 
-VOID VcmUnlockBus(PDEVICE_CONTEXT DeviceContext)
+VOID VcmFinishMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition, NTSTATUS Status)
 {
     PAGED_CODE();
 
-    (VOID) KeSetEvent(&DeviceContext->BusLock, 0, FALSE);
-}
-
-VOID VcmRecordMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition)
-{
-    PAGED_CODE();
-
-    // The new position counts unsigned, the previous one signed: a chip that
-    // records a negative request moves "far" and settles for the longest time.
-    LONG distance = (LONG)NewPosition - (LONG)ReadNoFence16(&DeviceContext->VcmPosition);
-    LARGE_INTEGER now;
-    KeQuerySystemTime(&now);
-    WriteNoFence(&DeviceContext->VcmLastMoveDistance, distance);
-    WriteNoFence16(&DeviceContext->VcmPosition, (SHORT)NewPosition);
-    WriteNoFence64(&DeviceContext->VcmLastMoveTime, now.QuadPart);
+    // Recorded while the lock is still held, so that a status or settle
+    // query never sees a move the chip did not take.
+    if (NT_SUCCESS(Status)) {
+        // The new position counts unsigned, the previous one signed: a chip
+        // that records a negative request moves "far" and settles for the
+        // longest time.
+        LONG distance = (LONG)NewPosition - (LONG)ReadNoFence16(&DeviceContext->VcmPosition);
+        LARGE_INTEGER now;
+        KeQuerySystemTime(&now);
+        WriteNoFence(&DeviceContext->VcmLastMoveDistance, distance);
+        WriteNoFence16(&DeviceContext->VcmPosition, (SHORT)NewPosition);
+        WriteNoFence64(&DeviceContext->VcmLastMoveTime, now.QuadPart);
+    }
+    ReleaseBusLock(&DeviceContext->BusLock);
 }
 
 /* ---- SetConfig ---- */

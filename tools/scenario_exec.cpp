@@ -1,0 +1,215 @@
+// scenario_exec.cpp - performing a scenario's steps on the bench.
+#include "scenario_exec.h"
+
+#include "bus_report.h"
+
+#include "platform/device.h"
+
+#include "sim/actuator.h"
+#include "sim/eeprom.h"
+#include "trace/trace.h"
+
+#include <fstream>
+
+namespace korvanel::tool {
+
+using json = nlohmann::ordered_json;
+
+namespace {
+
+template <class... F>
+struct Overloaded : F... {
+    using F::operator()...;
+};
+
+}  // namespace
+
+Executor::Executor(const Scenario& scenario, bool verbose, const TraceOptions& trace)
+    : scenario_(scenario), verbose_(verbose), trace_options_(trace)
+{
+    sys_.bus().set_speed(scenario_.speed);
+    tracing_ = scenario_.trace || verbose_ || trace_options_.requested();
+    if (tracing_) {
+        sys_.traces().enable(TRACE_INFO | TRACE_ERROR);
+    }
+    origin_ = sys_.clock().now();
+}
+
+Executor::~Executor() = default;
+
+bool Executor::set_up()
+{
+    NTSTATUS status = platform::load_driver(sys_);
+    std::optional<std::string> problem;
+    if (!NT_SUCCESS(status)) {
+        problem = "DriverEntry failed: " + host::status_name(status);
+    }
+    for (size_t i = 0; !problem && i < scenario_.devices.size(); i++) {
+        problem = add(scenario_.devices[i]);
+    }
+    if (problem) {
+        end_.failures.push_back(*problem);
+        return false;
+    }
+    // Device add's own events belong to no step.
+    collect_trace();
+    ready_ = true;
+    return true;
+}
+
+std::optional<std::string> Executor::add(const DeviceSetup& setup)
+{
+    // The values in force when this device is added: device add reads them.
+    for (auto& v : setup.registry) {
+        if (v.remove) {
+            sys_.registry().remove(v.name);
+        } else {
+            sys_.registry().set(v.name, v.type, v.data);
+        }
+    }
+    host::DeviceConfig config;
+    config.hardware_ids = {host::to_utf16(setup.hwid)};
+    auto open = platform::open_device(sys_, config);
+    if (open.context == nullptr) {
+        return "device add of '" + setup.name + "' failed: " + host::status_name(open.status);
+    }
+    if (!NT_SUCCESS(open.status)) {
+        return "the interface of '" + setup.name + "' could not be taken: " + host::status_name(open.status);
+    }
+    DeviceState d{&setup, open.device, open.context, open.si, 1};
+    if (setup.actuator) {
+        d.lens = platform::select_actuator(sys_, d.context, *setup.actuator);
+    }
+    if (setup.memory) {
+        d.memory = platform::select_memory(sys_, d.context, *setup.memory);
+        d.memory->set_contents(0, setup.contents);
+    }
+    devices_.push_back(std::move(d));
+    return std::nullopt;
+}
+
+std::vector<TraceEntry> Executor::collect_trace()
+{
+    if (!tracing_) {
+        return {};
+    }
+    auto events = sys_.traces().events();
+    sys_.traces().clear();
+    auto entries = trace_entries(sys_.traces(), events, TraceOptions{});
+    for (auto& e : entries) {
+        if (trace_options_.requested() && trace_options_.accepts(e)) {
+            end_.trace.push_back(e);
+        }
+    }
+    return entries;
+}
+
+Observation Executor::perform(const Step& step)
+{
+    Observation seen;
+    DeviceState& d = devices_[step.device];
+    sys_.bus().clear_transcript();
+    seen.start = sys_.clock().now();
+    act(step.action, d, seen);
+    seen.transfers = sys_.bus().transcript();
+    seen.trace = collect_trace();
+    if (!step.expect.memory.empty() && d.memory) {
+        seen.memory = d.memory->bytes(0, d.memory->size());
+    }
+    if (d.lens) {
+        seen.lens = d.lens->code();
+    }
+    seen.power = d.device->power_state();
+    seen.references = d.device->power_references();
+    seen.clock = sys_.clock().now() - origin_;
+    return seen;
+}
+
+void Executor::act(const Action& action, DeviceState& d, Observation& seen)
+{
+    // A result's status is the step's status; "op" only repeats the action.
+    auto take = [&](json result) {
+        if (result.contains("status")) {
+            seen.status = result["status"].get<std::string>();
+            result.erase("status");
+        }
+        result.erase("op");
+        seen.values = std::move(result);
+    };
+    std::visit(Overloaded{
+                   [&](const CallAction& a) { take(a.call(d.si, verbose_)); },
+                   [&](const ActuatorAction& a) { take(run_actuator_op(sys_, d.context, a.op)); },
+                   [&](const MemoryAction& a) { take(run_memory_op(d.context, a.op)); },
+                   [&](const AdvanceAction& a) { sys_.clock().advance(a.units); },
+                   [&](const BusSpeedAction& a) { sys_.bus().set_speed(a.speed); },
+                   [&](const FaultAction& f) {
+                       if (f.what == FaultAction::What::Clear) {
+                           sys_.bus().clear_faults();
+                           sys_.faults().clear();
+                       } else if (f.what == FaultAction::What::Routine) {
+                           sys_.faults().fail(f.routine, f.status, f.skip, f.times);
+                       } else if (f.transfer) {
+                           sys_.bus().fail_transfer(sys_.bus().transfer_count() + *f.transfer - 1, f.fault);
+                       } else {
+                           sys_.bus().fail_when(f.match, f.fault, f.skip, f.times);
+                       }
+                   },
+                   [&](PnpAction a) {
+                       seen.status = host::status_name(a == PnpAction::QueryRemove ? d.device->query_remove()
+                                                                                   : d.device->query_stop());
+                   },
+                   [&](InterfaceAction a) {
+                       if (a == InterfaceAction::Take) {
+                           SENSOR_INTERFACE si{};
+                           NTSTATUS status =
+                               d.device->query_interface(GUID_SENSOR_INTERFACE, &si, SENSOR_INTERFACE_VERSION);
+                           seen.status = host::status_name(status);
+                           d.held += NT_SUCCESS(status) ? 1 : 0;
+                       } else if (d.held == 0) {
+                           seen.problems.push_back("the scenario holds no reference on the interface to release");
+                       } else {
+                           d.si.InterfaceHeader.InterfaceDereference(d.si.InterfaceHeader.Context);
+                           d.held--;
+                       }
+                   },
+                   [](CheckAction) {},
+               },
+               action);
+}
+
+RunEnd Executor::finish()
+{
+    if (!ready_) {
+        end_.clock = sys_.clock().now() - origin_;
+        return end_;
+    }
+    for (auto& d : devices_) {
+        for (; d.held > 0; d.held--) {
+            d.si.InterfaceHeader.InterfaceDereference(d.si.InterfaceHeader.Context);
+        }
+        if (!d.setup->plot.empty()) {
+            json chart = {{"chip", d.lens->chip().name}, {"bus_speed", bus_speed_text(sys_.bus().speed())}};
+            chart.update(lens_trajectory(d.lens.get(), origin_, sys_.clock().now()));
+            if (std::ofstream(d.setup->plot) << trajectory_svg(chart)) {
+                end_.charts.push_back({d.setup->name, chart["trajectory"].size(), d.setup->plot});
+            } else {
+                end_.failures.push_back("cannot write the lens chart " + d.setup->plot);
+            }
+        }
+        if (!d.setup->save.empty()) {
+            if (auto error = d.memory->save_file(d.setup->save)) {
+                end_.failures.push_back(*error);
+            }
+        }
+    }
+    auto report = sys_.unload_driver();
+    collect_trace();  // unload's own events
+    if (!report.clean()) {
+        end_.failures.push_back("unload: " + report.text());
+    }
+    end_.unload = report.clean() ? "clean" : report.text();
+    end_.clock = sys_.clock().now() - origin_;
+    return end_;
+}
+
+}  // namespace korvanel::tool

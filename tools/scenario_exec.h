@@ -1,0 +1,85 @@
+// scenario_exec.h - a scenario performed on a fresh bench: the devices set
+// up as the camera driver and a platform would (driver loaded, devices
+// added, interfaces taken, actuators and memories selected), then one step's
+// action at a time, each giving what it did. It prints nothing.
+#pragma once
+
+#include "scenario_check.h"
+#include "scenario_model.h"
+#include "trace_view.h"
+
+#include "host/system.h"
+#include "sensor/device_context.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sim {
+class ActuatorModel;
+class Eeprom;
+}  // namespace sim
+
+namespace korvanel::tool {
+
+// How the run ends: what unloading the driver found, the lens charts
+// written, and what went wrong at set-up or at the end.
+struct RunEnd {
+    struct Chart {
+        std::string device;
+        size_t moves;
+        std::string file;
+    };
+    std::string unload = "not reached";
+    std::vector<Chart> charts;
+    std::vector<std::string> failures;
+    int64_t clock = 0;               // since the run began, 100 ns units
+    std::vector<TraceEntry> trace;   // the run's events the trace options accept
+};
+
+class Executor {
+public:
+    // `verbose`: calls hand back their records' bytes too. `trace`: the
+    // events kept for the run's trace. The driver traces when the scenario,
+    // `verbose` or these options ask for events.
+    Executor(const Scenario& scenario, bool verbose, const TraceOptions& trace);
+    ~Executor();
+
+    int64_t origin() const { return origin_; }
+    // Loads the driver and sets up every device; false when one cannot be,
+    // the reason then the first of finish()'s failures.
+    bool set_up();
+    Observation perform(const Step& step);
+    // Releases what the scenario holds, writes charts and memories, unloads.
+    RunEnd finish();
+
+private:
+    struct DeviceState {
+        const DeviceSetup* setup;
+        host::Device* device = nullptr;
+        PDEVICE_CONTEXT context = nullptr;
+        SENSOR_INTERFACE si{};
+        int held = 0;  // interface references the scenario holds
+        std::shared_ptr<sim::ActuatorModel> lens = {};
+        std::shared_ptr<sim::Eeprom> memory = {};
+    };
+
+    const Scenario& scenario_;
+    bool verbose_;
+    TraceOptions trace_options_;
+    host::System sys_;
+    int64_t origin_ = 0;
+    bool tracing_ = false;
+    bool ready_ = false;
+    std::vector<DeviceState> devices_;
+    RunEnd end_;
+
+    std::optional<std::string> add(const DeviceSetup& setup);
+    void act(const Action& action, DeviceState& d, Observation& seen);
+    // The trace events since the last call, decoded; those the options
+    // accept are kept for the run's trace.
+    std::vector<TraceEntry> collect_trace();
+};
+
+}  // namespace korvanel::tool

@@ -1,0 +1,119 @@
+// scenario_fields.h - reading one field of a scenario file: checks of its
+// type and range that stop the reading with the field's JSON pointer and what
+// is wrong, shared by the readers of the document, its devices and its steps.
+#pragma once
+
+#include "bus_report.h"
+#include "parse.h"
+#include "scenario_json.h"
+
+#include "host/bus.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+namespace korvanel::tool {
+
+// The first problem in a file: where (a JSON pointer) and what.
+struct FieldError {
+    std::string path;
+    std::string message;
+};
+
+class FieldReader {
+public:
+    // Files the scenario names are found in `base_dir`.
+    explicit FieldReader(const std::string& base_dir) : base_dir_(base_dir) {}
+
+protected:
+    using json = nlohmann::ordered_json;
+
+    std::string base_dir_;
+
+    [[noreturn]] static void fail(const std::string& path, const std::string& message)
+    {
+        throw FieldError{path, message};
+    }
+    static std::string json_text(const json& v) { return v.is_string() ? v.get<std::string>() : v.dump(); }
+
+    static void only(const json& object, const std::string& path, std::initializer_list<const char*> keys)
+    {
+        for (auto& item : object.items()) {
+            const std::string& key = item.key();
+            if (std::none_of(keys.begin(), keys.end(), [&](const char* k) { return key == k; })) {
+                std::string known;
+                for (auto* k : keys) {
+                    known += std::string(known.empty() ? "" : ", ") + k;
+                }
+                fail(path + "/" + pointer_token(key), "unknown field '" + key + "' (known here: " + known + ")");
+            }
+        }
+    }
+    static std::string text(const json& v, const std::string& path)
+    {
+        if (!v.is_string()) {
+            fail(path, "takes a text");
+        }
+        return v.get<std::string>();
+    }
+    static long long integer(const json& v, const std::string& path, long long low, long long high)
+    {
+        auto n = json_integer(v, low, high);
+        if (!n) {
+            fail(path, "takes a number from " + std::to_string(low) + " to " + std::to_string(high) + ", not " +
+                           v.dump());
+        }
+        return *n;
+    }
+    static NTSTATUS status(const json& v, const std::string& path)
+    {
+        auto s = v.is_string() ? parse_status(v.get<std::string>()) : std::nullopt;
+        if (!s) {
+            fail(path, "takes a status name (STATUS_SUCCESS, STATUS_NO_SUCH_DEVICE, ...) or a 0x number, not " +
+                           v.dump());
+        }
+        return *s;
+    }
+    static host::BusSpeed bus_speed(const json& v, const std::string& path)
+    {
+        std::string t = v.is_string() ? v.get<std::string>() : "";
+        if (t == "instant") {
+            return host::BusSpeed::Instant;
+        }
+        auto s = parse_bus_speed(t);
+        if (!s) {
+            fail(path, "takes 100k, 400k, 1m or instant, not " + v.dump());
+        }
+        return *s;
+    }
+    // A file the scenario names, found beside it unless the path is absolute.
+    std::string beside(const std::string& name) const
+    {
+        return name.empty() || name[0] == '/' || base_dir_.empty() ? name : base_dir_ + "/" + name;
+    }
+    std::vector<uint8_t> file(const json& v, const std::string& path) const
+    {
+        std::string full = beside(text(v, path));
+        auto data = read_binary_file(full);
+        if (!data) {
+            fail(path, "cannot read " + full);
+        }
+        return *data;
+    }
+
+    static std::vector<uint8_t> hex(const json& v, const std::string& path)
+    {
+        auto bytes = v.is_string() ? parse_hex_bytes(v.get<std::string>()) : std::nullopt;
+        if (!bytes) {
+            fail(path, "takes hex bytes (\"01 02 FF\"), not " + v.dump());
+        }
+        return *bytes;
+    }
+
+};
+
+}  // namespace korvanel::tool

@@ -1,0 +1,30 @@
+// scenario_json.h - where things are in a scenario file's text: the line of
+// every field by JSON pointer, and the way messages name a field. The JSON
+// parser reads the values; this finds the lines it does not keep.
+#pragma once
+
+#include <map>
+#include <string>
+
+namespace korvanel::tool {
+
+// A key as one token of a JSON pointer ("a/b" is "a~1b").
+std::string pointer_token(const std::string& key);
+
+// The line of every member and array element, by JSON pointer ("/steps/3/
+// expect"), in a text the JSON parser has already accepted (comments allowed).
+std::map<std::string, int> field_lines(const std::string& text);
+
+// The line of the field at `pointer`, or of its nearest enclosing field that
+// has one; 1 when none has.
+int line_of(const std::map<std::string, int>& lines, const std::string& pointer);
+
+// The line holding byte `offset` of `text`, counted from 1.
+int line_at(const std::string& text, size_t offset);
+
+// Where a field is, for people: "step 4: field \"expect.status\": " for
+// "/steps/3/expect/status", "field \"device.registry.MipiLanes\": " elsewhere,
+// nothing for the whole document.
+std::string field_name(const std::string& pointer);
+
+}  // namespace korvanel::tool

@@ -1,0 +1,279 @@
+// scenario_reader.cpp - reading a scenario file: JSON with comments, every
+// field checked before anything runs, each problem reported with its line.
+#include "scenario_reader.h"
+
+#include "scenario_fields.h"
+#include "scenario_json.h"
+#include "scenario_steps.h"
+
+#include "host/system.h"
+#include "nvm/nvm.h"
+#include "sim/actuator.h"
+
+#include <climits>
+#include <cstring>
+#include <map>
+
+namespace korvanel::tool {
+
+namespace {
+
+// Reads the document and its devices into a Scenario; the first problem
+// throws with the field's path.
+class ScenarioReader : FieldReader {
+public:
+    using FieldReader::FieldReader;
+
+    Scenario read(const json& doc)
+    {
+        Scenario s;
+        if (!doc.is_object()) {
+            fail("", "a scenario is an object with \"device\" and \"steps\"");
+        }
+        only(doc, "", {"description", "bus_speed", "trace", "device", "devices", "steps"});
+        if (doc.contains("description")) {
+            s.description = text(doc["description"], "/description");
+        }
+        if (doc.contains("bus_speed")) {
+            s.speed = bus_speed(doc["bus_speed"], "/bus_speed");
+        }
+        if (doc.contains("trace")) {
+            if (!doc["trace"].is_boolean()) {
+                fail("/trace", "\"trace\" is true or false");
+            }
+            s.trace = doc["trace"].get<bool>();
+        }
+        if (doc.contains("device") == doc.contains("devices")) {
+            fail(doc.contains("device") ? "/devices" : "", "give either \"device\" or \"devices\", one of them");
+        }
+        if (doc.contains("device")) {
+            s.devices.push_back(device(doc["device"], "/device", "device"));
+        } else {
+            const json& list = doc["devices"];
+            if (!list.is_array() || list.empty()) {
+                fail("/devices", "\"devices\" is a list of devices");
+            }
+            for (size_t i = 0; i < list.size(); i++) {
+                std::string path = "/devices/" + std::to_string(i);
+                if (!list[i].is_object() || !list[i].contains("name")) {
+                    fail(path, "each of several devices has a \"name\" the steps use");
+                }
+                s.devices.push_back(device(list[i], path, ""));
+                for (size_t j = 0; j < i; j++) {
+                    if (s.devices[j].name == s.devices[i].name) {
+                        fail(path + "/name", "two devices are called '" + s.devices[i].name + "'");
+                    }
+                }
+            }
+        }
+        // One part a connection: a second one attached there would replace the first.
+        std::map<uint64_t, std::string> used;
+        for (size_t i = 0; i < s.devices.size(); i++) {
+            auto& d = s.devices[i];
+            std::string path = doc.contains("device") ? "/device" : "/devices/" + std::to_string(i);
+            std::vector<std::pair<uint64_t, std::string>> ids;
+            if (d.actuator) {
+                ids.emplace_back(d.actuator->connection, path + "/actuator/connection");
+            }
+            for (size_t b = 0; d.memory && b < d.memory_connections; b++) {
+                ids.emplace_back(d.memory->first_connection + b, path + "/memory/connection");
+            }
+            for (auto& [id, where] : ids) {
+                if (!used.emplace(id, d.name).second) {
+                    fail(where, "connection " + connection_text(id) + " already has a part (of device '" + used[id] +
+                                    "'); a memory of " + std::to_string(d.memory_connections) +
+                                    " blocks takes that many connections from its first");
+                }
+            }
+        }
+        if (!doc.contains("steps") || !doc["steps"].is_array()) {
+            fail(doc.contains("steps") ? "/steps" : "", "\"steps\" is the list of steps");
+        }
+        for (size_t i = 0; i < doc["steps"].size(); i++) {
+            s.steps.push_back(read_step(doc["steps"][i], i, s.devices, base_dir_));
+            if (s.steps.back().expect.count > 0 && s.steps.back().expect.trace.size() > 0) {
+                s.trace = true;
+            }
+        }
+        return s;
+    }
+
+private:
+    RegistryValue registry_value(const std::string& name, const json& v, const std::string& path) const
+    {
+        RegistryValue r{name};
+        auto utf16 = [](const std::string& s) {
+            std::u16string w = host::to_utf16(s);
+            std::vector<uint8_t> out((w.size() + 1) * 2, 0);
+            memcpy(out.data(), w.data(), w.size() * 2);
+            return out;
+        };
+        auto number = [&](const json& n, const std::string& p, int bytes) {
+            auto value = uint64_t(integer(n, p, 0, bytes == 4 ? 0xFFFFFFFFll : INT64_MAX));
+            std::vector<uint8_t> out(bytes);
+            memcpy(out.data(), &value, bytes);
+            return out;
+        };
+        if (v.is_null()) {
+            r.remove = true;
+        } else if (v.is_number() || (v.is_string() && parse_integer(v.get<std::string>(), 0, 0xFFFFFFFFll))) {
+            r.type = REG_DWORD;
+            r.data = number(v, path, 4);
+        } else if (v.is_string()) {
+            r.type = REG_SZ;
+            r.data = utf16(v.get<std::string>());
+        } else if (v.is_object() && v.size() == 1) {
+            const std::string form = v.begin().key();
+            const json& value = v.begin().value();
+            std::string p = path + "/" + pointer_token(form);
+            if (form == "dword" || form == "qword") {
+                r.type = form == "dword" ? REG_DWORD : REG_QWORD;
+                r.data = number(value, p, form == "dword" ? 4 : 8);
+            } else if (form == "sz" || form == "expand_sz") {
+                r.type = form == "sz" ? REG_SZ : REG_EXPAND_SZ;
+                r.data = utf16(text(value, p));
+            } else if (form == "multi_sz") {
+                r.type = REG_MULTI_SZ;
+                if (!value.is_array()) {
+                    fail(p, "takes a list of texts");
+                }
+                for (size_t i = 0; i < value.size(); i++) {
+                    auto part = utf16(text(value[i], p + "/" + std::to_string(i)));
+                    r.data.insert(r.data.end(), part.begin(), part.end());
+                }
+                r.data.insert(r.data.end(), {0, 0});
+            } else if (form == "binary") {
+                r.type = REG_BINARY;
+                r.data = hex(value, p);
+            } else {
+                fail(p, "a registry value is a number (REG_DWORD), a text (REG_SZ), null (absent), or one of "
+                        "{\"dword\"}, {\"qword\"}, {\"sz\"}, {\"expand_sz\"}, {\"multi_sz\"}, {\"binary\"}, "
+                        "{\"type\", \"data\"}");
+            }
+        } else if (v.is_object() && v.size() == 2 && v.contains("type") && v.contains("data")) {
+            r.type = uint32_t(integer(v["type"], path + "/type", 0, 0xFFFFFFFFll));
+            r.data = v["data"].is_string() && v["data"].get<std::string>().empty()
+                         ? std::vector<uint8_t>{}
+                         : hex(v["data"], path + "/data");
+        } else {
+            fail(path, "a registry value is a number, a text, null, or an object naming its type");
+        }
+        return r;
+    }
+
+    DeviceSetup device(const json& d, const std::string& path, const std::string& default_name) const
+    {
+        if (!d.is_object()) {
+            fail(path, "a device is an object");
+        }
+        only(d, path, {"name", "hwid", "registry", "actuator", "memory"});
+        DeviceSetup setup;
+        setup.name = d.contains("name") ? text(d["name"], path + "/name") : default_name;
+        if (d.contains("hwid")) {
+            setup.hwid = text(d["hwid"], path + "/hwid");
+        }
+        if (d.contains("registry")) {
+            const json& reg = d["registry"];
+            if (!reg.is_object()) {
+                fail(path + "/registry", "\"registry\" holds values by name");
+            }
+            for (auto& [name, value] : reg.items()) {
+                setup.registry.push_back(registry_value(name, value, path + "/registry/" + pointer_token(name)));
+            }
+        }
+        if (d.contains("actuator")) {
+            const json& a = d["actuator"];
+            std::string p = path + "/actuator";
+            if (!a.is_object() || !a.contains("chip")) {
+                fail(p, "an actuator names its \"chip\"");
+            }
+            only(a, p, {"chip", "connection", "low", "high", "module", "plot"});
+            platform::ActuatorSelection options;
+            options.chip = json_text(a["chip"]);
+            if (sim::find_actuator_chip(options.chip) == nullptr) {
+                fail(p + "/chip", "unknown actuator chip " + a["chip"].dump() + " (" + actuator_chip_names() + ")");
+            }
+            if (a.contains("connection")) {
+                options.connection = uint64_t(integer(a["connection"], p + "/connection", 0, INT64_MAX));
+            }
+            if (a.contains("low")) {
+                options.low = unsigned(integer(a["low"], p + "/low", 0, 65535));
+            }
+            if (a.contains("high")) {
+                options.high = unsigned(integer(a["high"], p + "/high", 0, 65535));
+            }
+            if (a.contains("module")) {
+                options.module = text(a["module"], p + "/module");
+            }
+            if (a.contains("plot")) {
+                setup.plot = text(a["plot"], p + "/plot");
+            }
+            setup.actuator = options;
+        }
+        if (d.contains("memory")) {
+            const json& m = d["memory"];
+            std::string p = path + "/memory";
+            if (!m.is_object() || !m.contains("type")) {
+                fail(p, "a memory names its NVM \"type\"");
+            }
+            only(m, p, {"type", "connection", "contents", "cache_length", "save"});
+            unsigned type = unsigned(integer(m["type"], p + "/type", 0, NVM_TYPE_COUNT - 1));
+            auto geometry = platform::memory_geometry(type);
+            if (!geometry) {
+                fail(p + "/type", "NVM type " + std::to_string(type) + " has no memory (types 5 to 12 have one)");
+            }
+            setup.memory_size = geometry->size;
+            setup.memory_connections = geometry->connections;
+            platform::MemorySelection selection{type, 0x50, uint32_t(std::min<size_t>(geometry->size, NVM_CACHE_SIZE))};
+            if (m.contains("connection")) {
+                selection.first_connection = uint64_t(integer(m["connection"], p + "/connection", 0, INT64_MAX));
+            }
+            if (m.contains("cache_length")) {
+                selection.cache_length = uint32_t(integer(m["cache_length"], p + "/cache_length", 0, 0xFFFFFFFFll));
+            }
+            if (m.contains("contents")) {
+                setup.contents = file(m["contents"], p + "/contents");
+                if (setup.contents.size() > setup.memory_size) {
+                    fail(p + "/contents", "the file holds " + std::to_string(setup.contents.size()) +
+                                              " bytes, more than the memory's " + std::to_string(setup.memory_size));
+                }
+            }
+            if (m.contains("save")) {
+                setup.save = text(m["save"], p + "/save");
+            }
+            setup.memory = selection;
+        }
+        return setup;
+    }
+
+};
+
+}  // namespace
+
+std::optional<Scenario> read_scenario(const std::string& text, const std::string& name, const std::string& base_dir,
+                                      std::string& error)
+{
+    nlohmann::ordered_json doc;
+    try {
+        doc = nlohmann::ordered_json::parse(text, nullptr, true, /*ignore_comments=*/true);
+    } catch (const nlohmann::ordered_json::parse_error& e) {
+        std::string what = e.what();
+        error = name + ":" + std::to_string(line_at(text, e.byte > 0 ? e.byte - 1 : 0)) +
+                ": not valid JSON: " + what.substr(what.find(']') + 2);
+        return std::nullopt;
+    }
+    auto lines = field_lines(text);
+    try {
+        Scenario scenario = ScenarioReader(base_dir).read(doc);
+        for (auto& step : scenario.steps) {
+            step.line = lines["/steps/" + std::to_string(step.index)];
+        }
+        return scenario;
+    } catch (const FieldError& e) {
+        // The field's own line, or its nearest enclosing one.
+        error = name + ":" + std::to_string(line_of(lines, e.path)) + ": " + field_name(e.path) + e.message;
+        return std::nullopt;
+    }
+}
+
+}  // namespace korvanel::tool

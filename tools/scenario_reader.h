@@ -1,0 +1,19 @@
+// scenario_reader.h - a scenario file read into the model: its devices and
+// its steps, each checked completely and ready to run, or a message that
+// names the line and the field of the first thing wrong with it.
+#pragma once
+
+#include "scenario_model.h"
+
+#include <optional>
+#include <string>
+
+namespace korvanel::tool {
+
+// The scenario in `text`, or nothing with `error` set to "NAME:LINE: what is
+// wrong". Files it names (memory contents, data to write) are read from
+// `base_dir`.
+std::optional<Scenario> read_scenario(const std::string& text, const std::string& name, const std::string& base_dir,
+                                      std::string& error);
+
+}  // namespace korvanel::tool
