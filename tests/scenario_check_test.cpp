@@ -35,7 +35,7 @@ void check_all(const std::vector<Case>& cases)
 host::BusTransfer transfer(host::Direction direction, std::vector<uint8_t> bytes, uint64_t connection = 0x1c,
                            NTSTATUS status = STATUS_SUCCESS)
 {
-    return {0, connection, direction, uint32_t(bytes.size()), bytes, std::nullopt, status, 0, 0};
+    return {0, connection, uint8_t(connection & 0x7F), 0, direction, uint32_t(bytes.size()), bytes, std::nullopt, status, 0, 0};
 }
 host::BusTransfer write(std::vector<uint8_t> bytes, uint64_t connection = 0x1c, NTSTATUS status = STATUS_SUCCESS)
 {
