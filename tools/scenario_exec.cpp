@@ -39,8 +39,22 @@ Executor::~Executor() = default;
 
 bool Executor::set_up()
 {
-    NTSTATUS status = platform::load_driver(sys_);
     std::optional<std::string> problem;
+    if (!scenario_.vcd.empty()) {
+        // Declared before any part is selected: the widest lens code, and
+        // the write cycle of any memory.
+        Waveform::Signals signals;
+        for (auto& d : scenario_.devices) {
+            const auto* chip = d.actuator ? sim::find_actuator_chip(d.actuator->chip) : nullptr;
+            signals.lens_bits = std::max(signals.lens_bits, chip == nullptr ? 0u : chip->max_code > 1023 ? 11u : 10u);
+            signals.memory = signals.memory || d.memory.has_value();
+        }
+        if (auto error = waveform_.open(sys_, scenario_.vcd, signals)) {
+            end_.failures.push_back("vcd: " + *error);
+            return false;
+        }
+    }
+    NTSTATUS status = platform::load_driver(sys_);
     if (!NT_SUCCESS(status)) {
         problem = "DriverEntry failed: " + host::status_name(status);
     }
@@ -50,6 +64,22 @@ bool Executor::set_up()
     if (problem) {
         end_.failures.push_back(*problem);
         return false;
+    }
+    // The waveform follows the first device, its actuator and its memory.
+    if (waveform_.is_open()) {
+        waveform_.watch(devices_.front().device);
+        for (auto& d : devices_) {
+            if (d.lens) {
+                waveform_.watch(d.lens);
+                break;
+            }
+        }
+        for (auto& d : devices_) {
+            if (d.memory) {
+                waveform_.watch(d.memory);
+                break;
+            }
+        }
     }
     // Device add's own events belong to no step.
     collect_trace();
@@ -122,6 +152,7 @@ Observation Executor::perform(const Step& step)
     seen.power = d.device->power_state();
     seen.references = d.device->power_references();
     seen.clock = sys_.clock().now() - origin_;
+    seen.speed = sys_.bus().speed();
     return seen;
 }
 
@@ -202,8 +233,16 @@ RunEnd Executor::finish()
             }
         }
     }
+    waveform_.watch(nullptr);
     auto report = sys_.unload_driver();
     collect_trace();  // unload's own events
+    if (waveform_.is_open()) {
+        if (auto error = waveform_.finish()) {
+            end_.failures.push_back("vcd: " + *error);
+        } else {
+            end_.waveform = scenario_.vcd;
+        }
+    }
     if (!report.clean()) {
         end_.failures.push_back("unload: " + report.text());
     }

@@ -7,6 +7,7 @@
 #include "scenario_check.h"
 #include "scenario_model.h"
 #include "trace_view.h"
+#include "waveform.h"
 
 #include "host/system.h"
 #include "sensor/device_context.h"
@@ -33,6 +34,7 @@ struct RunEnd {
     };
     std::string unload = "not reached";
     std::vector<Chart> charts;
+    std::string waveform;  // the VCD written, if any
     std::vector<std::string> failures;
     int64_t clock = 0;               // since the run began, 100 ns units
     std::vector<TraceEntry> trace;   // the run's events the trace options accept
@@ -74,6 +76,7 @@ private:
     bool ready_ = false;
     std::vector<DeviceState> devices_;
     RunEnd end_;
+    Waveform waveform_;
 
     std::optional<std::string> add(const DeviceSetup& setup);
     void act(const Action& action, DeviceState& d, Observation& seen);

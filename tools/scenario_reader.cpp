@@ -30,12 +30,18 @@ public:
         if (!doc.is_object()) {
             fail("", "a scenario is an object with \"device\" and \"steps\"");
         }
-        only(doc, "", {"description", "bus_speed", "trace", "device", "devices", "steps"});
+        only(doc, "", {"description", "bus_speed", "trace", "vcd", "device", "devices", "steps"});
         if (doc.contains("description")) {
             s.description = text(doc["description"], "/description");
         }
         if (doc.contains("bus_speed")) {
             s.speed = bus_speed(doc["bus_speed"], "/bus_speed");
+        }
+        if (doc.contains("vcd")) {
+            s.vcd = text(doc["vcd"], "/vcd");
+            if (s.speed == host::BusSpeed::Instant) {
+                fail("/vcd", "a waveform needs wire time: give \"bus_speed\" 100k, 400k or 1m");
+            }
         }
         if (doc.contains("trace")) {
             if (!doc["trace"].is_boolean()) {
@@ -91,6 +97,9 @@ public:
         }
         for (size_t i = 0; i < doc["steps"].size(); i++) {
             s.steps.push_back(read_step(doc["steps"][i], i, s.devices, base_dir_));
+            if (!s.vcd.empty() && std::holds_alternative<BusSpeedAction>(s.steps.back().action)) {
+                fail("/steps/" + std::to_string(i), "the waveform (\"vcd\") is drawn at the scenario's one bus speed");
+            }
             if (s.steps.back().expect.count > 0 && s.steps.back().expect.trace.size() > 0) {
                 s.trace = true;
             }

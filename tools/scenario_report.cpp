@@ -198,6 +198,9 @@ private:
             out_ << "Lens trajectory of " << chart.device << " (" << chart.moves << " moves) drawn in " << chart.file
                  << "\n";
         }
+        if (!end.waveform.empty()) {
+            out_ << "Waveform written to " << end.waveform << "\n";
+        }
         if (options_.show_trace) {
             out_ << "Trace:\n";
             for (auto& e : end.trace) {
@@ -251,6 +254,9 @@ private:
         json j = {{"scenario", name_}, {"description", scenario_.description}, {"steps", steps_}};
         j["trace"] = trace_json(end.trace, origin_);
         j["virtual_time_ms"] = double(end.clock) / 10000.0;
+        if (!end.waveform.empty()) {
+            j["vcd"] = end.waveform;
+        }
         j["unload"] = end.unload;
         j["failures"] = failures_;
         out_ << j.dump(2) << "\n";
