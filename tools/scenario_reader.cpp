@@ -196,7 +196,7 @@ private:
             if (!a.is_object() || !a.contains("chip")) {
                 fail(p, "an actuator names its \"chip\"");
             }
-            only(a, p, {"chip", "connection", "low", "high", "module", "plot"});
+            only(a, p, {"chip", "connection", "address", "low", "high", "module", "plot"});
             platform::ActuatorSelection options;
             options.chip = json_text(a["chip"]);
             if (sim::find_actuator_chip(options.chip) == nullptr) {
@@ -204,6 +204,9 @@ private:
             }
             if (a.contains("connection")) {
                 options.connection = uint64_t(integer(a["connection"], p + "/connection", 0, INT64_MAX));
+            }
+            if (a.contains("address")) {
+                options.address = uint8_t(integer(a["address"], p + "/address", 0, 0x7F));
             }
             if (a.contains("low")) {
                 options.low = unsigned(integer(a["low"], p + "/low", 0, 65535));
@@ -225,7 +228,7 @@ private:
             if (!m.is_object() || !m.contains("type")) {
                 fail(p, "a memory names its NVM \"type\"");
             }
-            only(m, p, {"type", "connection", "contents", "cache_length", "save"});
+            only(m, p, {"type", "connection", "address", "contents", "cache_length", "save"});
             unsigned type = unsigned(integer(m["type"], p + "/type", 0, NVM_TYPE_COUNT - 1));
             auto geometry = platform::memory_geometry(type);
             if (!geometry) {
@@ -236,6 +239,11 @@ private:
             platform::MemorySelection selection{type, 0x50, uint32_t(std::min<size_t>(geometry->size, NVM_CACHE_SIZE))};
             if (m.contains("connection")) {
                 selection.first_connection = uint64_t(integer(m["connection"], p + "/connection", 0, INT64_MAX));
+            }
+            if (m.contains("address")) {
+                // Block b answers on address + b, all of them 7-bit.
+                selection.address = uint8_t(integer(m["address"], p + "/address", 0,
+                                                    0x80 - (long long)geometry->connections));
             }
             if (m.contains("cache_length")) {
                 selection.cache_length = uint32_t(integer(m["cache_length"], p + "/cache_length", 0, 0xFFFFFFFFll));
