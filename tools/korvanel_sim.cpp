@@ -264,6 +264,7 @@ int main(int argc, char** argv)
     run->add_option("FILE", scenario_file, "the scenario (JSON, comments allowed)")->required();
     run->add_flag("-v,--verbose", scenario.verbose, "print each step's values, bus transfers and trace events");
     run->add_flag("--json", scenario.json, "print the run as JSON");
+    run->add_option("--vcd", scenario.vcd, korvanel::tool::waveform_option_help());
     korvanel::tool::add_trace_options(*run, scenario.trace);
     try {
         app.parse(argc, argv);

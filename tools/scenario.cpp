@@ -21,11 +21,24 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
         err << error << "\n";
         return 2;
     }
+    if (!options.vcd.empty()) {
+        if (auto problem = waveform_problem(*scenario)) {
+            err << "korvanel-sim: --vcd: " << name << ": " << *problem << "\n";
+            return 2;
+        }
+        scenario->vcd = options.vcd;
+    }
     Executor executor(*scenario, options.verbose, options.trace);
     auto reporter = make_reporter({options.json, options.verbose, options.trace.requested()}, *scenario, name,
                                   executor.origin(), out);
+    // A waveform file that cannot be written is bad input, as for the other modes.
+    bool ready = executor.set_up();
+    if (!ready && executor.waveform_refused()) {
+        err << "korvanel-sim: --vcd: " << *executor.waveform_refused() << "\n";
+        return 2;
+    }
     reporter->begin();
-    if (executor.set_up()) {
+    if (ready) {
         for (auto& step : scenario->steps) {
             Observation seen = executor.perform(step);
             auto failures = seen.problems;

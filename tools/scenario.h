@@ -38,6 +38,7 @@ struct ScenarioOptions {
     bool verbose = false;  // every step's returned values, bus transfers and trace events
     bool json = false;     // the run as JSON instead of text
     TraceOptions trace;    // the run's decoded trace after the steps
+    std::string vcd;       // the run's waveform file, instead of the scenario's "vcd"
 };
 
 int run_scenario_file(const std::string& path, const ScenarioOptions& options, std::ostream& out, std::ostream& err);

@@ -50,6 +50,7 @@ bool Executor::set_up()
             signals.memory = signals.memory || d.memory.has_value();
         }
         if (auto error = waveform_.open(sys_, scenario_.vcd, signals)) {
+            waveform_refused_ = error;
             end_.failures.push_back("vcd: " + *error);
             return false;
         }

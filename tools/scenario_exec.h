@@ -52,6 +52,8 @@ public:
     // Loads the driver and sets up every device; false when one cannot be,
     // the reason then the first of finish()'s failures.
     bool set_up();
+    // Why the waveform file could not be opened, when that stopped set_up().
+    const std::optional<std::string>& waveform_refused() const { return waveform_refused_; }
     Observation perform(const Step& step);
     // Releases what the scenario holds, writes charts and memories, unloads.
     RunEnd finish();
@@ -77,6 +79,7 @@ private:
     std::vector<DeviceState> devices_;
     RunEnd end_;
     Waveform waveform_;
+    std::optional<std::string> waveform_refused_;
 
     std::optional<std::string> add(const DeviceSetup& setup);
     void act(const Action& action, DeviceState& d, Observation& seen);

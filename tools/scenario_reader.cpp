@@ -39,9 +39,6 @@ public:
         }
         if (doc.contains("vcd")) {
             s.vcd = text(doc["vcd"], "/vcd");
-            if (s.speed == host::BusSpeed::Instant) {
-                fail("/vcd", "a waveform needs wire time: give \"bus_speed\" 100k, 400k or 1m");
-            }
         }
         if (doc.contains("trace")) {
             if (!doc["trace"].is_boolean()) {
@@ -97,12 +94,12 @@ public:
         }
         for (size_t i = 0; i < doc["steps"].size(); i++) {
             s.steps.push_back(read_step(doc["steps"][i], i, s.devices, base_dir_));
-            if (!s.vcd.empty() && std::holds_alternative<BusSpeedAction>(s.steps.back().action)) {
-                fail("/steps/" + std::to_string(i), "the waveform (\"vcd\") is drawn at the scenario's one bus speed");
-            }
             if (s.steps.back().expect.count > 0 && s.steps.back().expect.trace.size() > 0) {
                 s.trace = true;
             }
+        }
+        if (auto problem = s.vcd.empty() ? std::nullopt : waveform_problem(s)) {
+            fail("/vcd", *problem);
         }
         return s;
     }
@@ -291,6 +288,20 @@ std::optional<Scenario> read_scenario(const std::string& text, const std::string
         error = name + ":" + std::to_string(line_of(lines, e.path)) + ": " + field_name(e.path) + e.message;
         return std::nullopt;
     }
+}
+
+std::optional<std::string> waveform_problem(const Scenario& scenario)
+{
+    if (scenario.speed == host::BusSpeed::Instant) {
+        return "a waveform needs wire time: give \"bus_speed\" 100k, 400k or 1m";
+    }
+    for (auto& step : scenario.steps) {
+        if (std::holds_alternative<BusSpeedAction>(step.action)) {
+            return "a waveform is drawn at the scenario's one bus speed; step " + std::to_string(step.index + 1) +
+                   " (line " + std::to_string(step.line) + ") changes it";
+        }
+    }
+    return std::nullopt;
 }
 
 }  // namespace korvanel::tool
