@@ -32,10 +32,7 @@ namespace korvanel::host {
 struct I2cTiming {
     int64_t period, low, hold_data, hold_start, setup_stop;
     int64_t high() const { return period - low; }
-    // What the drawing gives each of the I2C-bus specification's intervals
-    // (back-to-back transfers, the tightest case).
-    int64_t setup_data() const { return low - hold_data; }
-    int64_t setup_repeated_start() const { return high() + period - hold_start; }
+    // STOP to START of transfers back to back, the shortest bus-free time.
     int64_t bus_free() const { return period - low - setup_stop + period - hold_start; }
 };
 // The I2C-bus specification's (UM10204) minimums at a speed, nanoseconds.

@@ -81,6 +81,17 @@ std::vector<Run> runs()
                            tool::prepare_call(call, nlohmann::ordered_json::object(), error)(dev.si, false);
                        }
                    }});
+    // A register read as one sequence request: the write of the register
+    // number and the read joined by a repeated START. (The driver sends them
+    // as two requests; the bus carries either.)
+    out.push_back({"repeated START", 10, std::nullopt, [](auto& sys, auto& dev, auto& wave) {
+                       wave.watch(platform::select_actuator(sys, dev.context, {.chip = "DW9719"}));
+                       for (uint8_t reg : {0x00, 0x03, 0x05}) {
+                           uint8_t out_byte = reg, in_bytes[2] = {};
+                           sys.bus().transfer({0x1C, sim::Direction::Write, &out_byte, 1, 0, std::nullopt}, nullptr);
+                           sys.bus().transfer({0x1C, sim::Direction::Read, in_bytes, 2, 0, std::nullopt, true}, nullptr);
+                       }
+                   }});
     // The second page's write of an M24c64 is not acknowledged at its address...
     out.push_back({"NACKed address", 0, 10u, [](auto& sys, auto& dev, auto& wave) {
                        sys.bus().fail_when({.connection = 0x50, .direction = sim::Direction::Write, .prefix = {0x00, 0x20}},
