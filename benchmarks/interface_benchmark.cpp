@@ -8,10 +8,14 @@
 //   build/interface_benchmark --benchmark_counters_tabular=true
 //
 // Counters: op_ns and baseline_ns per call, ratio = op_ns / baseline_ns.
+//
+// The verifier is on, as everywhere; KORVANEL_VERIFIER=off turns it off to
+// measure what its checks cost.
 #include <benchmark/benchmark.h>
 
 #include "bus/delay.h"
 #include "host/system.h"
+#include "host/verifier.h"
 #include "platform/device.h"
 #include "sensor/description.h"
 #include "sensor/device_context.h"
@@ -20,6 +24,8 @@
 #include "trace/trace.h"
 
 #include <atomic>
+#include <cstdlib>
+#include <string>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -285,6 +291,29 @@ void BM_SelectMode(benchmark::State& state)
             [&] { Indirect(PlainSelect)(cam.ctx, 2, 1920, 1080, 0); });
 }
 
+// The failure paths, each beside the same check failing in the baseline.
+void BM_SelectModeTableOutOfRange(benchmark::State& state)
+{
+    Camera cam(state.range(0));
+    Compare(state, [&] { cam.si.SelectMode(cam.ctx, MODE_TABLE_COUNT, 1920, 1080, 0); },
+            [&] { Indirect(PlainSelect)(cam.ctx, MODE_TABLE_COUNT, 1920, 1080, 0); });
+}
+
+void BM_SelectModeNoneFits(benchmark::State& state)
+{
+    Camera cam(state.range(0));
+    Compare(state, [&] { cam.si.SelectMode(cam.ctx, 2, 20000, 20000, 0); },
+            [&] { Indirect(PlainSelect)(cam.ctx, 2, 20000, 20000, 0); });
+}
+
+void BM_QueryPropertyUnknown(benchmark::State& state)
+{
+    Camera cam(state.range(0));
+    ULONG v = 0;
+    Compare(state, [&] { cam.si.QueryProperty(cam.ctx, 0xFFFF, &v); },
+            [&] { Indirect(PlainLoadStore)(nullptr, &v); });
+}
+
 void BM_GetModeInfo(benchmark::State& state)
 {
     Camera cam(state.range(0));
@@ -389,6 +418,9 @@ OFF_AND_ON(BM_GetSensorParameters);
 OFF_AND_ON(BM_GetModeTables);
 OFF_AND_ON(BM_GetPdafTable);
 OFF_AND_ON(BM_SelectMode);
+OFF_AND_ON(BM_SelectModeTableOutOfRange);
+OFF_AND_ON(BM_SelectModeNoneFits);
+OFF_AND_ON(BM_QueryPropertyUnknown);
 OFF_AND_ON(BM_GetModeInfo);
 OFF_AND_ON(BM_GetAuxFlag);
 OFF_AND_ON(BM_GetParameterWord);
@@ -529,4 +561,17 @@ BENCHMARK(BM_VirtualClock)->ArgName("ms")->Arg(1)->Arg(10);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv)
+{
+    const char* verifier = std::getenv("KORVANEL_VERIFIER");
+    bool on = verifier == nullptr || std::string(verifier) != "off";
+    korvanel::host::verifier::set_enabled(on);
+    benchmark::AddCustomContext("verifier", on ? "on" : "off");
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

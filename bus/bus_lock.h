@@ -13,7 +13,9 @@ EXTERN_C_START
  * other status is returned as the wait gave it, and the lock is then not the
  * caller's to release. The caller traces a failure in its own words.
  * Passive level only. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS AcquireBusLock(PKEVENT BusLock);
 /* Hands the lock to the next waiter; no wait follows. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 VOID ReleaseBusLock(PKEVENT BusLock);
 EXTERN_C_END

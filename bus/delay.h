@@ -8,5 +8,6 @@
 /* Below 6 ms spins in 50 us processor stalls; from 6 ms on the thread sleeps.
  * Passive level only. */
 EXTERN_C_START
+_IRQL_requires_max_(PASSIVE_LEVEL)
 VOID DelayMilliseconds(LONG Milliseconds);
 EXTERN_C_END

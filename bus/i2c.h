@@ -40,9 +40,13 @@ EXTERN_C_END
 
 /* Pageable: C linkage for the Windows build's section pragmas. */
 EXTERN_C_START
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS InitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 VOID DeinitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS OpenI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, WDFDEVICE Device);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS CloseI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
 
 /* One IOCTL_SPB_EXECUTE_SEQUENCE request carrying one transfer (a write to
@@ -50,6 +54,7 @@ NTSTATUS CloseI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
  * open target, sent synchronously with a relative time-out in 100 ns units.
  * The bus is released after it: a register read is two of these. A slot
  * without a target gives STATUS_INVALID_DEVICE_STATE. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS I2cTransfer(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, SPB_TRANSFER_DIRECTION Direction,
                      PVOID Buffer, ULONG Length, LONGLONG Timeout);
 EXTERN_C_END

@@ -1,5 +1,6 @@
-# The two Windows checks, compile only, one CTest test per driver source so
-# that `ctest -j` spreads them:
+# The Windows checks: two compiles, one CTest test per driver source so that
+# `ctest -j` spreads them, and a check of where the WDK build placed each
+# routine:
 #
 #   windows_mingw.<source>  mingw-w64 g++ against its DDK headers and our own
 #                           KMDF 1.15 and SPB declarations (wdk/kmdf.h,
@@ -11,6 +12,12 @@
 #                           the code-section pragmas are compiled and what only
 #                           the Microsoft compiler enforces (alloc_text names
 #                           routines with C linkage) is enforced here too.
+#                           The COFF object is kept in wdk-objects/.
+#   windows_placement       reads those objects (llvm-readobj-19) and checks
+#                           that each routine lies in the section it must
+#                           (INIT, PAGE, resident .text) and that no resident
+#                           code refers to pageable or discardable code
+#                           (cmake/windows_placement.py).
 #
 # What the published headers and mingw's DDK need to compile together with a
 # non-Microsoft compiler is arranged in the build tree here, never in the
@@ -28,6 +35,9 @@ get_filename_component(KMDF_INCLUDE_DIR_REAL "${KMDF_INCLUDE_DIR}" ABSOLUTE)
 find_program(KORVANEL_MINGW_CXX x86_64-w64-mingw32-g++)
 find_program(KORVANEL_MINGW_CC x86_64-w64-mingw32-gcc)
 find_program(KORVANEL_MS_CLANG NAMES clang++-19)
+find_program(KORVANEL_LLVM_READOBJ NAMES llvm-readobj-19)
+find_program(KORVANEL_LLVM_CXXFILT NAMES llvm-cxxfilt-19)
+find_program(KORVANEL_PYTHON3 NAMES python3)
 set(KORVANEL_DDK_DIR "")
 foreach(dir /usr/share/mingw-w64/include/ddk /usr/x86_64-w64-mingw32/include/ddk)
   if(EXISTS ${dir}/ntddk.h)
@@ -156,22 +166,42 @@ set(check_args
     -DKMDF_DIR=${KMDF_INCLUDE_DIR_REAL}
     -DWDK_HEADERS=${KORVANEL_WDK_HEADERS}
     -DWDK_READY=${KORVANEL_WDK_CHECK_READY})
+# How windows_check.cmake says it skipped where CMake has no script exit code.
+set(skipped "(^|\n)skipped: ")
+set(KORVANEL_WDK_OBJECTS ${CMAKE_CURRENT_BINARY_DIR}/wdk-objects)
 set(KORVANEL_WINDOWS_CHECKED 0)
+set(driver_sources_rel "")
 foreach(src ${KORVANEL_DRIVER_SOURCES})
   file(RELATIVE_PATH rel ${CMAKE_CURRENT_SOURCE_DIR} ${src})
+  list(APPEND driver_sources_rel ${rel})
   foreach(mode mingw wdk)
     add_test(NAME windows_${mode}.${rel}
              COMMAND ${CMAKE_COMMAND} ${check_args} -DMODE=${mode} -DSOURCE=${src}
+                     -DOBJECT=${KORVANEL_WDK_OBJECTS}/${rel}.obj
                      -P ${CMAKE_CURRENT_SOURCE_DIR}/cmake/windows_check.cmake)
-    set_tests_properties(windows_${mode}.${rel} PROPERTIES SKIP_RETURN_CODE 77 LABELS windows_${mode})
+    set_tests_properties(windows_${mode}.${rel} PROPERTIES LABELS windows_${mode}
+                         SKIP_RETURN_CODE 77 SKIP_REGULAR_EXPRESSION "${skipped}")
   endforeach()
+  set_tests_properties(windows_wdk.${rel} PROPERTIES FIXTURES_SETUP wdk_objects)
   math(EXPR KORVANEL_WINDOWS_CHECKED "${KORVANEL_WINDOWS_CHECKED} + 1")
 endforeach()
+# Code placement, over every object of the WDK build: the compiles above are
+# its fixture, so it runs after them (and `ctest -R windows_placement` runs
+# them first).
+add_test(NAME windows_placement
+         COMMAND ${CMAKE_COMMAND} ${check_args} -DMODE=placement
+                 -DLLVM_READOBJ=${KORVANEL_LLVM_READOBJ} -DLLVM_CXXFILT=${KORVANEL_LLVM_CXXFILT}
+                 -DPYTHON3=${KORVANEL_PYTHON3} -DOBJECT_DIR=${KORVANEL_WDK_OBJECTS}
+                 "-DSOURCES=${driver_sources_rel}"
+                 -P ${CMAKE_CURRENT_SOURCE_DIR}/cmake/windows_check.cmake)
+set_tests_properties(windows_placement PROPERTIES LABELS windows_placement FIXTURES_REQUIRED wdk_objects
+                     SKIP_RETURN_CODE 77 SKIP_REGULAR_EXPRESSION "${skipped}")
 # The camera driver's view of the interface, compiled as C.
 add_test(NAME windows_mingw.interface_as_c
          COMMAND ${CMAKE_COMMAND} ${check_args} -DMODE=interface_as_c -DWORK_DIR=${CMAKE_CURRENT_BINARY_DIR}
                  -DMINGW_CC=${KORVANEL_MINGW_CC} -P ${CMAKE_CURRENT_SOURCE_DIR}/cmake/windows_check.cmake)
-set_tests_properties(windows_mingw.interface_as_c PROPERTIES SKIP_RETURN_CODE 77 LABELS windows_mingw)
+set_tests_properties(windows_mingw.interface_as_c PROPERTIES LABELS windows_mingw
+                     SKIP_RETURN_CODE 77 SKIP_REGULAR_EXPRESSION "${skipped}")
 
 # The Windows project file cannot fall behind the sources.
 add_test(NAME windows_project_lists_every_source

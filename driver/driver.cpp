@@ -62,12 +62,13 @@ NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)
 
 NTSTATUS SensorEvtDeviceAdd(WDFDRIVER Driver, PWDFDEVICE_INIT DeviceInit)
 {
+    PAGED_CODE();
+
     NTSTATUS status;
     WDFDEVICE device;
     PDEVICE_CONTEXT deviceContext;
 
     UNREFERENCED_PARAMETER(Driver);
-    PAGED_CODE();
 
     TraceEvents(TRACE_INFO, "SensorEvtDeviceAdd entry");
 
@@ -173,8 +174,9 @@ Exit:
 
 VOID SensorEvtDriverUnload(WDFDRIVER Driver)
 {
-    UNREFERENCED_PARAMETER(Driver);
     PAGED_CODE();
+
+    UNREFERENCED_PARAMETER(Driver);
 
     FreeRegistryPath();
     TraceEvents(TRACE_INFO, "SensorEvtDriverUnload");
@@ -197,8 +199,9 @@ NTSTATUS SensorEvtD0Entry(WDFDEVICE Device, WDF_POWER_DEVICE_STATE PreviousState
 
 NTSTATUS SensorEvtD0Exit(WDFDEVICE Device, WDF_POWER_DEVICE_STATE TargetState)
 {
-    UNREFERENCED_PARAMETER(Device);
     PAGED_CODE();
+
+    UNREFERENCED_PARAMETER(Device);
 
     TraceEvents(TRACE_INFO, "SensorEvtD0Exit to framework power state %d", (ULONG)TargetState);
     return STATUS_SUCCESS;
@@ -206,9 +209,10 @@ NTSTATUS SensorEvtD0Exit(WDFDEVICE Device, WDF_POWER_DEVICE_STATE TargetState)
 
 NTSTATUS SensorEvtPrepareHardware(WDFDEVICE Device, WDFCMRESLIST ResourcesRaw, WDFCMRESLIST ResourcesTranslated)
 {
+    PAGED_CODE();
+
     UNREFERENCED_PARAMETER(ResourcesRaw);
     UNREFERENCED_PARAMETER(ResourcesTranslated);
-    PAGED_CODE();
 
     PDEVICE_CONTEXT deviceContext = GetDeviceContext(Device);
     UNREFERENCED_PARAMETER(deviceContext);
@@ -218,9 +222,10 @@ NTSTATUS SensorEvtPrepareHardware(WDFDEVICE Device, WDFCMRESLIST ResourcesRaw, W
 
 NTSTATUS SensorEvtReleaseHardware(WDFDEVICE Device, WDFCMRESLIST ResourcesTranslated)
 {
+    PAGED_CODE();
+
     UNREFERENCED_PARAMETER(Device);
     UNREFERENCED_PARAMETER(ResourcesTranslated);
-    PAGED_CODE();
 
     TraceEvents(TRACE_INFO, "SensorEvtReleaseHardware");
     return STATUS_SUCCESS;

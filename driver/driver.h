@@ -24,11 +24,14 @@ EVT_WDF_DEVICE_RELEASE_HARDWARE SensorEvtReleaseHardware;
 EVT_WDF_DEVICE_QUERY_REMOVE SensorEvtQueryRemove;
 
 /* InterfaceReference and InterfaceDereference of SENSOR_INTERFACE. */
+_IRQL_requires_max_(DISPATCH_LEVEL)
 VOID SensorInterfaceReference(PVOID Context);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 VOID SensorInterfaceDereference(PVOID Context);
 
 /* Asks the bus driver for the hardware identifiers and gives the context the
  * identity of the variant the first one names. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS IdentifySensorVariant(PDEVICE_CONTEXT DeviceContext);
 
 EXTERN_C_END

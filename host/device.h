@@ -90,6 +90,7 @@ public:
     void become_idle();           // the last power reference went (or none was ever taken)
     void ensure_idle_timer();
     void idle_timeout();          // the pending idle timer came due
+    void idle_expired();          // its work, at the level the framework does it
     void enter_d0(WDF_POWER_DEVICE_STATE from);
     void leave_d0(WDF_POWER_DEVICE_STATE to);
     std::u16string symbolic_link(const GUID& interface_class) const;

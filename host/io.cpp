@@ -3,6 +3,7 @@
 // object, and that device's answer to the hardware-identifier query
 // (synchronously, pending then completed from another thread, or failing).
 #include "device.h"
+#include "irql_rules.h"
 
 
 using namespace korvanel::host;
@@ -62,11 +63,12 @@ void complete(HostIrp* request, NTSTATUS status, ULONG_PTR information)
 PIRP IoBuildSynchronousFsdRequest(ULONG MajorFunction, PDEVICE_OBJECT DeviceObject, PVOID Buffer, ULONG Length,
                                   PLARGE_INTEGER StartingOffset, PKEVENT Event, PIO_STATUS_BLOCK IoStatusBlock)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("IoBuildSynchronousFsdRequest"));
     (void)Buffer;
     (void)Length;
     (void)StartingOffset;
     auto* device = DeviceObject ? static_cast<korvanel::host::DeviceObject*>(DeviceObject->HostDevice) : nullptr;
-    if (!NT_SUCCESS(System::current().faults().check("IoBuildSynchronousFsdRequest")) ||
+    if (!NT_SUCCESS(injected) ||
         (device != nullptr && device->config.id_request_build_fails)) {
         return nullptr;
     }
@@ -84,6 +86,7 @@ PIRP IoBuildSynchronousFsdRequest(ULONG MajorFunction, PDEVICE_OBJECT DeviceObje
 
 NTSTATUS IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("IofCallDriver"));
     auto* request = reinterpret_cast<HostIrp*>(Irp);
     auto* device = DeviceObject ? static_cast<class DeviceObject*>(DeviceObject->HostDevice) : nullptr;
     Irp->Tail.Overlay.CurrentStackLocation--;

@@ -13,6 +13,7 @@
 //   validates it before the controller sees it;
 // - a request that outlasts its time-out: STATUS_IO_TIMEOUT.
 #include "bus.h"
+#include "irql_rules.h"
 #include "device.h"
 #include "../wdk/spb.h"
 
@@ -127,6 +128,7 @@ using korvanel::host::TargetRecord;
 
 NTSTATUS WdfIoTargetCreate(WDFDEVICE Device, PWDF_OBJECT_ATTRIBUTES IoTargetAttributes, WDFIOTARGET* IoTarget)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfIoTargetCreate"));
     auto& sys = System::current();
     if (IoTarget != nullptr) {
         *IoTarget = nullptr;
@@ -139,7 +141,7 @@ NTSTATUS WdfIoTargetCreate(WDFDEVICE Device, PWDF_OBJECT_ATTRIBUTES IoTargetAttr
     if (IoTarget == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    NTSTATUS status = sys.faults().check("WdfIoTargetCreate");
+    NTSTATUS status = injected;
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -166,6 +168,7 @@ NTSTATUS WdfIoTargetCreate(WDFDEVICE Device, PWDF_OBJECT_ATTRIBUTES IoTargetAttr
 
 NTSTATUS WdfIoTargetOpen(WDFIOTARGET IoTarget, PWDF_IO_TARGET_OPEN_PARAMS OpenParams)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfIoTargetOpen"));
     auto& sys = System::current();
     auto* target = korvanel::host::target_from(IoTarget, "WdfIoTargetOpen");
     if (target == nullptr) {
@@ -184,7 +187,7 @@ NTSTATUS WdfIoTargetOpen(WDFIOTARGET IoTarget, PWDF_IO_TARGET_OPEN_PARAMS OpenPa
         open.name.assign(name.Buffer, name.Length / sizeof(WCHAR));
     }
 
-    NTSTATUS status = sys.faults().check("WdfIoTargetOpen");
+    NTSTATUS status = injected;
     if (NT_SUCCESS(status)) {
         if (target->open) {
             sys.faults().note_error("WdfIoTargetOpen on a target that is already open");
@@ -215,6 +218,7 @@ NTSTATUS WdfIoTargetOpen(WDFIOTARGET IoTarget, PWDF_IO_TARGET_OPEN_PARAMS OpenPa
 
 VOID WdfIoTargetClose(WDFIOTARGET IoTarget)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("WdfIoTargetClose"));
     auto* target = korvanel::host::target_from(IoTarget, "WdfIoTargetClose");
     if (target == nullptr) {
         return;
@@ -233,6 +237,7 @@ NTSTATUS WdfIoTargetSendIoctlSynchronously(WDFIOTARGET IoTarget, WDFREQUEST Requ
                                            PWDF_MEMORY_DESCRIPTOR InputBuffer, PWDF_MEMORY_DESCRIPTOR OutputBuffer,
                                            PWDF_REQUEST_SEND_OPTIONS RequestOptions, PULONG_PTR BytesReturned)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfIoTargetSendIoctlSynchronously"));
     (void)OutputBuffer;  // an execute-sequence request returns its read data through the list's buffers
     auto& sys = System::current();
     if (BytesReturned != nullptr) {
@@ -249,7 +254,7 @@ NTSTATUS WdfIoTargetSendIoctlSynchronously(WDFIOTARGET IoTarget, WDFREQUEST Requ
     if (RequestOptions != nullptr && RequestOptions->Size != sizeof(WDF_REQUEST_SEND_OPTIONS)) {
         return korvanel::host::refuse(STATUS_INFO_LENGTH_MISMATCH, "send options Size %llu", RequestOptions->Size);
     }
-    NTSTATUS status = sys.faults().check("WdfIoTargetSendIoctlSynchronously");
+    NTSTATUS status = injected;
     if (!NT_SUCCESS(status)) {
         return status;
     }

@@ -2,6 +2,7 @@
 // (virtual or real), events with real blocking waits, thread delays,
 // processor stalls, system time and interlocked operations.
 #include "system.h"
+#include "irql_rules.h"
 
 #include <algorithm>
 #include <chrono>
@@ -417,6 +418,7 @@ using korvanel::host::System;
 
 VOID KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("KeInitializeEvent"));
     std::lock_guard lock(korvanel::host::event_mutex());
     Event->Type = Type;
     Event->SignalState = State ? 1 : 0;
@@ -425,6 +427,7 @@ VOID KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State)
 
 LONG KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("KeSetEvent"));
     (void)Increment;
     (void)Wait;
     LONG previous;
@@ -442,12 +445,14 @@ LONG KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait)
 
 VOID KeClearEvent(PRKEVENT Event)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("KeClearEvent"));
     std::lock_guard lock(korvanel::host::event_mutex());
     Event->SignalState = 0;
 }
 
 LONG KeReadStateEvent(PRKEVENT Event)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("KeReadStateEvent"));
     std::lock_guard lock(korvanel::host::event_mutex());
     return Event->SignalState;
 }
@@ -458,8 +463,10 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
     (void)WaitReason;
     (void)WaitMode;
     (void)Alertable;
+    // A zero time-out only tests the object; any other wait may block.
+    bool polls = Timeout != nullptr && Timeout->QuadPart == 0;
+    NTSTATUS injected = polls ? KORVANEL_ENTRY(korvanel::host::irql_rule("KeWaitForSingleObject", korvanel::host::Condition::PollingWait)) : KORVANEL_ENTRY(korvanel::host::irql_rule("KeWaitForSingleObject", korvanel::host::Condition::BlockingWait));
     auto& sys = System::current();
-    NTSTATUS injected = sys.faults().check("KeWaitForSingleObject");
     if (injected != STATUS_SUCCESS) {
         return injected;
     }
@@ -500,6 +507,7 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
 
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("KeDelayExecutionThread"));
     (void)WaitMode;
     (void)Alertable;
     if (Interval == nullptr) {
@@ -511,21 +519,36 @@ NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLA
 
 VOID KeStallExecutionProcessor(ULONG MicroSeconds)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("KeStallExecutionProcessor"));
     System::current().clock().stall_us(MicroSeconds);
 }
 
 VOID KeQuerySystemTime(PLARGE_INTEGER CurrentTime)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("KeQuerySystemTime"));
     CurrentTime->QuadPart = System::current().clock().now();
 }
 
 // ---- Interlocked operations ------------------------------------------------------
 
-LONG InterlockedIncrement(LONG volatile* Addend) { return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST); }
-LONG InterlockedDecrement(LONG volatile* Addend) { return __atomic_sub_fetch(Addend, 1, __ATOMIC_SEQ_CST); }
-LONG InterlockedExchange(LONG volatile* Target, LONG Value) { return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST); }
+LONG InterlockedIncrement(LONG volatile* Addend)
+{
+    KORVANEL_ENTRY(korvanel::host::irql_rule("InterlockedIncrement"));
+    return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST);
+}
+LONG InterlockedDecrement(LONG volatile* Addend)
+{
+    KORVANEL_ENTRY(korvanel::host::irql_rule("InterlockedDecrement"));
+    return __atomic_sub_fetch(Addend, 1, __ATOMIC_SEQ_CST);
+}
+LONG InterlockedExchange(LONG volatile* Target, LONG Value)
+{
+    KORVANEL_ENTRY(korvanel::host::irql_rule("InterlockedExchange"));
+    return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
+}
 LONG InterlockedCompareExchange(LONG volatile* Destination, LONG Exchange, LONG Comperand)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("InterlockedCompareExchange"));
     __atomic_compare_exchange_n(Destination, &Comperand, Exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
     return Comperand;
 }

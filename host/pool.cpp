@@ -1,6 +1,7 @@
 // pool.cpp - pool allocation by tag with accounting of what is outstanding,
 // so that a leak at driver unload fails the test, and injectable failure.
 #include "system.h"
+#include "irql_rules.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -42,6 +43,13 @@ void Pool::free(void* p, uint32_t tag)
     ::free(p);
 }
 
+uint32_t Pool::type_of(void* p) const
+{
+    std::lock_guard lock(mutex_);
+    auto it = live_.find(p);
+    return it == live_.end() ? 0 : it->second.pool_type;
+}
+
 size_t Pool::outstanding() const
 {
     std::lock_guard lock(mutex_);
@@ -68,15 +76,30 @@ size_t Pool::allocations_made() const
 
 using korvanel::host::System;
 
+namespace {
+// Paged pool types are the odd ones (PagedPool, and the paged variants of
+// the others); they may only be touched at APC_LEVEL or below.
+bool paged(uint32_t pool_type) { return (pool_type & 1) != 0; }
+}  // namespace
+
 PVOID ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag)
 {
-    auto& sys = System::current();
-    if (!NT_SUCCESS(sys.faults().check("ExAllocatePoolWithTag"))) {
+    NTSTATUS injected = paged(PoolType) ? KORVANEL_ENTRY(korvanel::host::irql_rule("ExAllocatePoolWithTag", korvanel::host::Condition::PagedPool)) : KORVANEL_ENTRY(korvanel::host::irql_rule("ExAllocatePoolWithTag", korvanel::host::Condition::NonPagedPool));
+    if (!NT_SUCCESS(injected)) {
         return nullptr;
     }
-    return sys.pool().allocate(uint32_t(PoolType), NumberOfBytes, Tag);
+    return System::current().pool().allocate(uint32_t(PoolType), NumberOfBytes, Tag);
 }
 
-VOID ExFreePoolWithTag(PVOID P, ULONG Tag) { System::current().pool().free(P, Tag); }
+VOID ExFreePoolWithTag(PVOID P, ULONG Tag)
+{
+    auto& pool = System::current().pool();
+    if (paged(pool.type_of(P))) {
+        KORVANEL_ENTRY(korvanel::host::irql_rule("ExFreePoolWithTag", korvanel::host::Condition::PagedPool));
+    } else {
+        KORVANEL_ENTRY(korvanel::host::irql_rule("ExFreePoolWithTag", korvanel::host::Condition::NonPagedPool));
+    }
+    pool.free(P, Tag);
+}
 
 VOID ExFreePool(PVOID P) { System::current().pool().free(P, 0); }

@@ -2,6 +2,7 @@
 // without regard to case, values have any type and length, and the driver
 // reaches them through ZwOpenKey / ZwQueryValueKey / ZwClose.
 #include "system.h"
+#include "irql_rules.h"
 
 #include <algorithm>
 
@@ -163,15 +164,15 @@ using korvanel::host::System;
 
 NTSTATUS ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("ZwOpenKey"));
     (void)DesiredAccess;
     if (KeyHandle == nullptr || ObjectAttributes == nullptr || ObjectAttributes->Length != sizeof(OBJECT_ATTRIBUTES) ||
         ObjectAttributes->ObjectName == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
     auto& sys = System::current();
-    NTSTATUS status = sys.faults().check("ZwOpenKey");
-    if (!NT_SUCCESS(status)) {
-        return status;
+    if (!NT_SUCCESS(injected)) {
+        return injected;
     }
     return RegistryAccess::open(sys.registry(), korvanel::host::from_unicode_string(ObjectAttributes->ObjectName),
                                 KeyHandle);
@@ -181,16 +182,16 @@ NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
                          KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass, PVOID KeyValueInformation,
                          ULONG Length, PULONG ResultLength)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("ZwQueryValueKey"));
     if (ValueName == nullptr || ResultLength == nullptr || KeyValueInformationClass != KeyValuePartialInformation) {
         return STATUS_INVALID_PARAMETER;
     }
     auto& sys = System::current();
-    NTSTATUS status = sys.faults().check("ZwQueryValueKey");
-    if (!NT_SUCCESS(status)) {
-        return status;
+    if (!NT_SUCCESS(injected)) {
+        return injected;
     }
     Registry::Value value;
-    status = RegistryAccess::query(sys.registry(), KeyHandle, korvanel::host::from_unicode_string(ValueName), &value);
+    NTSTATUS status = RegistryAccess::query(sys.registry(), KeyHandle, korvanel::host::from_unicode_string(ValueName), &value);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -214,6 +215,7 @@ NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
 
 NTSTATUS ZwClose(HANDLE Handle)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("ZwClose"));
     auto& sys = System::current();
     NTSTATUS status = RegistryAccess::close(sys.registry(), Handle);
     if (!NT_SUCCESS(status)) {

@@ -4,6 +4,7 @@
 // NTSTRSAFE_MAX_CCH, at most capacity - 1 characters, always terminated, a cut
 // result reported as STATUS_BUFFER_OVERFLOW.
 #include "system.h"
+#include "irql_rules.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -260,6 +261,7 @@ using korvanel::host::System;
 
 VOID RtlInitAnsiString(PANSI_STRING DestinationString, PCSZ SourceString)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("RtlInitAnsiString"));
     size_t n = SourceString ? korvanel::host::length_of(SourceString) : 0;
     DestinationString->Buffer = const_cast<PCHAR>(SourceString);
     DestinationString->Length = USHORT(n);
@@ -268,6 +270,7 @@ VOID RtlInitAnsiString(PANSI_STRING DestinationString, PCSZ SourceString)
 
 VOID RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("RtlInitUnicodeString"));
     size_t n = SourceString ? korvanel::host::length_of(SourceString) : 0;
     DestinationString->Buffer = const_cast<PWSTR>(SourceString);
     DestinationString->Length = USHORT(n * sizeof(WCHAR));
@@ -277,13 +280,13 @@ VOID RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString
 NTSTATUS RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString, PCANSI_STRING SourceString,
                                       BOOLEAN AllocateDestinationString)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("RtlAnsiStringToUnicodeString"));
     if (DestinationString == nullptr || SourceString == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
     auto& sys = System::current();
-    NTSTATUS status = sys.faults().check("RtlAnsiStringToUnicodeString");
-    if (!NT_SUCCESS(status)) {
-        return status;
+    if (!NT_SUCCESS(injected)) {
+        return injected;
     }
     // As Windows: the result with its terminator must fit a counted string,
     // and a caller's buffer must hold more than the characters.
@@ -314,6 +317,7 @@ NTSTATUS RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString, PCANSI_
 
 VOID RtlFreeUnicodeString(PUNICODE_STRING UnicodeString)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("RtlFreeUnicodeString"));
     if (UnicodeString != nullptr && UnicodeString->Buffer != nullptr) {
         System::current().pool().free(UnicodeString->Buffer, korvanel::host::kStringTag);
         UnicodeString->Buffer = nullptr;
@@ -323,6 +327,7 @@ VOID RtlFreeUnicodeString(PUNICODE_STRING UnicodeString)
 
 VOID RtlCopyUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STRING SourceString)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("RtlCopyUnicodeString"));
     if (SourceString == nullptr || SourceString->Buffer == nullptr) {
         DestinationString->Length = 0;
         return;
@@ -348,6 +353,7 @@ int _wcsicmp(const WCHAR* string1, const WCHAR* string2)
 
 NTSTATUS RtlStringCbCopyA(PSTR pszDest, SIZE_T cbDest, PCSTR pszSrc)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("RtlStringCbCopyA"));
     // A rejected destination still becomes the empty string where it has room.
     if (cbDest == 0 || cbDest > NTSTRSAFE_MAX_CCH) {
         if (cbDest != 0 && pszDest != nullptr) {
@@ -373,6 +379,7 @@ NTSTATUS RtlStringCbCopyA(PSTR pszDest, SIZE_T cbDest, PCSTR pszSrc)
 
 NTSTATUS RtlStringCbPrintfW(PWSTR pszDest, SIZE_T cbDest, PCWSTR pszFormat, ...)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("RtlStringCbPrintfW"));
     size_t capacity = cbDest / sizeof(WCHAR);
     if (capacity == 0 || capacity > NTSTRSAFE_MAX_CCH) {
         if (capacity != 0 && pszDest != nullptr) {
@@ -393,6 +400,7 @@ NTSTATUS RtlStringCbPrintfW(PWSTR pszDest, SIZE_T cbDest, PCWSTR pszFormat, ...)
 
 NTSTATUS RtlGetVersion(PRTL_OSVERSIONINFOW lpVersionInformation)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("RtlGetVersion"));
     if (lpVersionInformation == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }

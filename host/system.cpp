@@ -3,6 +3,7 @@
 // request, and the unload report.
 #include "bus.h"
 #include "device.h"
+#include "verifier.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -49,8 +50,9 @@ NTSTATUS Device::query_interface(const GUID& type, INTERFACE* out, USHORT size, 
             return STATUS_INVALID_PARAMETER;
         }
         memcpy(out, published, published->Size);
+        // The query-interface request is handled at passive level.
         if (out->InterfaceReference != nullptr) {
-            out->InterfaceReference(out->Context);
+            verifier::call_driver("InterfaceReference", PASSIVE_LEVEL, [&] { out->InterfaceReference(out->Context); });
         }
         return STATUS_SUCCESS;
     }
@@ -80,7 +82,9 @@ NTSTATUS query_pnp(DeviceObject* object, Callback callback)
         return STATUS_INVALID_DEVICE_STATE;
     }
     auto fn = callback(object->pnp);
-    return fn ? fn(reinterpret_cast<WDFDEVICE>(object->handle())) : STATUS_SUCCESS;
+    return fn ? verifier::call_driver("EvtDeviceQueryRemove/Stop", PASSIVE_LEVEL,
+                                      [&] { return fn(reinterpret_cast<WDFDEVICE>(object->handle())); })
+              : STATUS_SUCCESS;
 }
 }  // namespace
 
@@ -213,7 +217,7 @@ NTSTATUS System::load_driver(DRIVER_INITIALIZE* entry, const std::u16string* reg
         registry_path_us_.MaximumLength = registry_path_us_.Length;
         path = &registry_path_us_;
     }
-    entry_status_ = entry(&wdm_driver_, path);
+    entry_status_ = verifier::call_driver("DriverEntry", PASSIVE_LEVEL, [&] { return entry(&wdm_driver_, path); });
     if (!NT_SUCCESS(entry_status_)) {
         // A failed entry: the framework deletes the driver object it made.
         if (driver_ != nullptr) {
@@ -250,7 +254,9 @@ Device& System::add_device(DeviceConfig config)
     auto& view = static_cast<FrameworkDriver&>(*driver_);
     WDFDEVICE_INIT init;
     init.config = std::move(config);
-    device->add_status_ = view.config.EvtDriverDeviceAdd(reinterpret_cast<WDFDRIVER>(driver_->handle()), &init);
+    device->add_status_ = verifier::call_driver("EvtDriverDeviceAdd", PASSIVE_LEVEL, [&] {
+        return view.config.EvtDriverDeviceAdd(reinterpret_cast<WDFDRIVER>(driver_->handle()), &init);
+    });
     if (init.created != nullptr) {
         if (NT_SUCCESS(device->add_status_)) {
             device->object_ = init.created;
@@ -300,7 +306,8 @@ UnloadReport System::unload_driver()
     if (driver_ != nullptr) {
         auto& view = static_cast<FrameworkDriver&>(*driver_);
         if (loaded_ && view.config.EvtDriverUnload != nullptr) {
-            view.config.EvtDriverUnload(reinterpret_cast<WDFDRIVER>(driver_->handle()));
+            verifier::call_driver("EvtDriverUnload", PASSIVE_LEVEL,
+                                  [&] { view.config.EvtDriverUnload(reinterpret_cast<WDFDRIVER>(driver_->handle())); });
         }
         Object::destroy(driver_);
         driver_ = nullptr;

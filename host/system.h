@@ -187,6 +187,7 @@ public:
     size_t outstanding() const;
     std::vector<Allocation> live() const;
     size_t allocations_made() const;
+    uint32_t type_of(void* p) const;  // the pool type of a live allocation (0 for none)
     // Bytes the pool hands out start with this pattern, so code that reads
     // memory it never wrote is caught.
     static constexpr uint8_t kFill = 0xCD;

@@ -4,6 +4,7 @@
 // collecting events, and a decoder that formats them with the call sites'
 // message texts.
 #include "system.h"
+#include "irql_rules.h"
 #include "../wdk/wdk_extras.h"
 
 #include <cstdarg>
@@ -106,9 +107,12 @@ void Traces::apply_session()
     TRACEHANDLE handle = session_handle(flags_, level_);
     if (registration_ == Registration::Classic) {
         auto callback = reinterpret_cast<ClassicCallback>(callback_);
-        callback(&g_provider_guid,
-                 session_ ? EVENT_CONTROL_CODE_ENABLE_PROVIDER : EVENT_CONTROL_CODE_DISABLE_PROVIDER, &handle,
-                 callback_context_);
+        // The system calls an enable callback at passive level.
+        verifier::call_driver("the trace enable callback", PASSIVE_LEVEL, [&] {
+            callback(&g_provider_guid,
+                     session_ ? EVENT_CONTROL_CODE_ENABLE_PROVIDER : EVENT_CONTROL_CODE_DISABLE_PROVIDER, &handle,
+                     callback_context_);
+        });
     } else {
         WNODE_HEADER wnode{};
         wnode.BufferSize = sizeof wnode;
@@ -116,8 +120,10 @@ void Traces::apply_session()
         wnode.Guid = g_provider_guid;
         ULONG size = 0;
         auto callback = reinterpret_cast<WmiCallback>(callback_);
-        callback(session_ ? IRP_MN_ENABLE_EVENTS : IRP_MN_DISABLE_EVENTS, &g_provider_guid, sizeof wnode, &wnode,
-                 callback_context_, &size);
+        verifier::call_driver("the WMI callback", PASSIVE_LEVEL, [&] {
+            return callback(session_ ? IRP_MN_ENABLE_EVENTS : IRP_MN_DISABLE_EVENTS, &g_provider_guid, sizeof wnode,
+                            &wnode, callback_context_, &size);
+        });
     }
     delivered_ = session_;
 }
@@ -376,6 +382,7 @@ namespace {
 NTSTATUS NTAPI HostEtwRegisterClassicProvider(LPCGUID ProviderGuid, ULONG Type, PETW_CLASSIC_CALLBACK EnableCallback,
                                               PVOID CallbackContext, PREGHANDLE RegHandle)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("EtwRegisterClassicProvider"));
     (void)Type;
     if (ProviderGuid == nullptr || RegHandle == nullptr) {
         return STATUS_INVALID_PARAMETER;
@@ -389,6 +396,7 @@ NTSTATUS NTAPI HostEtwRegisterClassicProvider(LPCGUID ProviderGuid, ULONG Type, 
 
 NTSTATUS NTAPI HostEtwUnregister(REGHANDLE RegHandle)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("EtwUnregister"));
     auto& sys = System::current();
     if (RegHandle != 0x5245470000000001ULL || sys.traces().registration() != Traces::Registration::Classic) {
         sys.faults().note_error("EtwUnregister of a handle that is not registered");
@@ -402,6 +410,7 @@ NTSTATUS NTAPI HostEtwUnregister(REGHANDLE RegHandle)
 
 PVOID MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("MmGetSystemRoutineAddress"));
     auto& sys = System::current();
     if (SystemRoutineName == nullptr || SystemRoutineName->Buffer == nullptr || !sys.classic_tracing_available()) {
         return nullptr;
@@ -418,6 +427,7 @@ PVOID MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName)
 
 NTSTATUS IoWMIRegistrationControl(PDEVICE_OBJECT DeviceObject, ULONG Action)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("IoWMIRegistrationControl"));
     auto& sys = System::current();
     if ((Action & WMIREG_FLAG_CALLBACK) == 0 || DeviceObject == nullptr) {
         return STATUS_INVALID_PARAMETER;  // the driver has no WMI device objects of its own
@@ -428,7 +438,9 @@ NTSTATUS IoWMIRegistrationControl(PDEVICE_OBJECT DeviceObject, ULONG Action)
         // The system asks the provider which GUID it controls.
         alignas(8) uint8_t buffer[256] = {};
         ULONG size = 0;
-        NTSTATUS status = callback(IRP_MN_REGINFO, nullptr, sizeof buffer, buffer, nullptr, &size);
+        NTSTATUS status = korvanel::host::verifier::call_driver("the WMI callback", PASSIVE_LEVEL, [&] {
+            return callback(IRP_MN_REGINFO, nullptr, sizeof buffer, buffer, nullptr, &size);
+        });
         auto* info = reinterpret_cast<PWMIREGINFOW>(buffer);
         if (!NT_SUCCESS(status) || info->GuidCount != 1 ||
             (info->WmiRegGuid[0].Flags & WMIREG_FLAG_TRACE_CONTROL_GUID) == 0) {
@@ -454,6 +466,7 @@ NTSTATUS IoWMIRegistrationControl(PDEVICE_OBJECT DeviceObject, ULONG Action)
 extern "C" NTSTATUS KorvanelHostWmiTraceMessage(TRACEHANDLE LoggerHandle, ULONG MessageFlags, LPGUID MessageGuid,
                                                 ULONG MessageNumber, ...)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("WmiTraceMessage"));
     auto& sys = System::current();
     if (MessageGuid == nullptr) {
         return STATUS_INVALID_PARAMETER;

@@ -2,6 +2,7 @@
 // and cleanup, the driver object, device creation and its PnP state, query
 // interfaces, framework strings, and power under the S0 idle policy.
 #include "device.h"
+#include "irql_rules.h"
 
 #include <algorithm>
 #include <unordered_set>
@@ -95,14 +96,16 @@ void Object::destroy(Object* object)
         destroy(object->children_.back());
     }
     object->on_delete();
+    // The framework disposes of the driver's and devices' objects at passive
+    // level.
     if (object->cleanup_ != nullptr) {
-        object->cleanup_(object->handle());
+        verifier::call_driver("EvtCleanupCallback", PASSIVE_LEVEL, [&] { object->cleanup_(object->handle()); });
     }
     if (object->parent_ != nullptr) {
         object->parent_->children_.erase(object->place_in_parent_);
     }
     if (object->destroy_ != nullptr) {
-        object->destroy_(object->handle());
+        verifier::call_driver("EvtDestroyCallback", PASSIVE_LEVEL, [&] { object->destroy_(object->handle()); });
     }
     {
         std::lock_guard lock(live_mutex());
@@ -153,7 +156,8 @@ void DeviceObject::enter_d0(WDF_POWER_DEVICE_STATE from)
     d0_entries++;
     power = PowerDeviceD0;
     if (pnp.EvtDeviceD0Entry != nullptr) {
-        pnp.EvtDeviceD0Entry(reinterpret_cast<WDFDEVICE>(handle()), from);
+        verifier::call_driver("EvtDeviceD0Entry", PASSIVE_LEVEL,
+                              [&] { return pnp.EvtDeviceD0Entry(reinterpret_cast<WDFDEVICE>(handle()), from); });
     }
 }
 
@@ -161,7 +165,8 @@ void DeviceObject::leave_d0(WDF_POWER_DEVICE_STATE to)
 {
     d0_exits++;
     if (pnp.EvtDeviceD0Exit != nullptr) {
-        pnp.EvtDeviceD0Exit(reinterpret_cast<WDFDEVICE>(handle()), to);
+        verifier::call_driver("EvtDeviceD0Exit", PASSIVE_LEVEL,
+                              [&] { return pnp.EvtDeviceD0Exit(reinterpret_cast<WDFDEVICE>(handle()), to); });
     }
     power = PowerDeviceD3;
 }
@@ -187,7 +192,14 @@ void DeviceObject::ensure_idle_timer()
     idle_timer = System::current().clock().add_timer(due, [this] { idle_timeout(); });
 }
 
+// The framework's idle timer expires at DISPATCH_LEVEL; the power-down it
+// decides on runs at passive level (leave_d0 calls the driver there).
 void DeviceObject::idle_timeout()
+{
+    verifier::at_irql(DISPATCH_LEVEL, [this] { idle_expired(); });
+}
+
+void DeviceObject::idle_expired()
 {
     std::lock_guard lock(framework_lock());
     idle_timer = 0;
@@ -216,7 +228,9 @@ void DeviceObject::start()
 {
     std::lock_guard lock(framework_lock());
     if (pnp.EvtDevicePrepareHardware != nullptr) {
-        pnp.EvtDevicePrepareHardware(reinterpret_cast<WDFDEVICE>(handle()), nullptr, nullptr);
+        verifier::call_driver("EvtDevicePrepareHardware", PASSIVE_LEVEL, [&] {
+            return pnp.EvtDevicePrepareHardware(reinterpret_cast<WDFDEVICE>(handle()), nullptr, nullptr);
+        });
     }
     started = true;
     enter_d0(WdfPowerDeviceD3Final);
@@ -231,7 +245,9 @@ void DeviceObject::stop_and_remove()
             leave_d0(WdfPowerDeviceD3Final);
         }
         if (pnp.EvtDeviceReleaseHardware != nullptr) {
-            pnp.EvtDeviceReleaseHardware(reinterpret_cast<WDFDEVICE>(handle()), nullptr);
+            verifier::call_driver("EvtDeviceReleaseHardware", PASSIVE_LEVEL, [&] {
+                return pnp.EvtDeviceReleaseHardware(reinterpret_cast<WDFDEVICE>(handle()), nullptr);
+            });
         }
         started = false;
     }
@@ -258,6 +274,7 @@ using namespace korvanel::host;
 
 PVOID WdfObjectGetTypedContextWorker(WDFOBJECT Handle, PCWDF_OBJECT_CONTEXT_TYPE_INFO TypeInfo)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("WdfObjectGetTypedContextWorker"));
     Object* object = lookup(Handle, Object::Kind::Other);
     if (object == nullptr) {
         note("WdfObjectGetTypedContextWorker on an invalid handle");
@@ -271,6 +288,7 @@ PVOID WdfObjectGetTypedContextWorker(WDFOBJECT Handle, PCWDF_OBJECT_CONTEXT_TYPE
 
 VOID WdfObjectDelete(WDFOBJECT Object)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("WdfObjectDelete"));
     std::lock_guard lock(framework_lock());
     auto* object = lookup(Object, korvanel::host::Object::Kind::Other);
     if (object == nullptr) {
@@ -283,12 +301,13 @@ VOID WdfObjectDelete(WDFOBJECT Object)
 NTSTATUS WdfDriverCreate(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath,
                          PWDF_OBJECT_ATTRIBUTES DriverAttributes, PWDF_DRIVER_CONFIG DriverConfig, WDFDRIVER* Driver)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDriverCreate"));
     auto& sys = System::current();
     if (DriverObject == nullptr || RegistryPath == nullptr || DriverConfig == nullptr ||
         DriverConfig->Size != sizeof(WDF_DRIVER_CONFIG)) {
         return STATUS_INVALID_PARAMETER;
     }
-    NTSTATUS status = sys.faults().check("WdfDriverCreate");
+    NTSTATUS status = injected;
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -315,6 +334,7 @@ NTSTATUS WdfDriverCreate(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryP
 
 PDRIVER_OBJECT WdfDriverWdmGetDriverObject(WDFDRIVER Driver)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDriverWdmGetDriverObject"));
     auto* driver = static_cast<FrameworkDriver*>(lookup(reinterpret_cast<WDFOBJECT>(Driver), Object::Kind::Driver));
     return driver ? driver->wdm : nullptr;
 }
@@ -322,6 +342,7 @@ PDRIVER_OBJECT WdfDriverWdmGetDriverObject(WDFDRIVER Driver)
 VOID WdfDeviceInitSetPnpPowerEventCallbacks(PWDFDEVICE_INIT DeviceInit,
                                             PWDF_PNPPOWER_EVENT_CALLBACKS PnpPowerEventCallbacks)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceInitSetPnpPowerEventCallbacks"));
     if (DeviceInit == nullptr || PnpPowerEventCallbacks == nullptr ||
         PnpPowerEventCallbacks->Size != sizeof(WDF_PNPPOWER_EVENT_CALLBACKS)) {
         note("WdfDeviceInitSetPnpPowerEventCallbacks with a bad record");
@@ -333,11 +354,12 @@ VOID WdfDeviceInitSetPnpPowerEventCallbacks(PWDFDEVICE_INIT DeviceInit,
 
 NTSTATUS WdfDeviceCreate(PWDFDEVICE_INIT* DeviceInit, PWDF_OBJECT_ATTRIBUTES DeviceAttributes, WDFDEVICE* Device)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceCreate"));
     if (DeviceInit == nullptr || *DeviceInit == nullptr || Device == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
     auto& sys = System::current();
-    NTSTATUS status = sys.faults().check("WdfDeviceCreate");
+    NTSTATUS status = injected;
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -364,11 +386,12 @@ NTSTATUS WdfDeviceCreate(PWDFDEVICE_INIT* DeviceInit, PWDF_OBJECT_ATTRIBUTES Dev
 NTSTATUS WdfDeviceCreateDeviceInterface(WDFDEVICE Device, const GUID* InterfaceClassGUID,
                                         PCUNICODE_STRING ReferenceString)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceCreateDeviceInterface"));
     auto* device = device_from(Device);
     if (device == nullptr || InterfaceClassGUID == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    NTSTATUS status = System::current().faults().check("WdfDeviceCreateDeviceInterface");
+    NTSTATUS status = injected;
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -381,11 +404,12 @@ NTSTATUS WdfDeviceCreateDeviceInterface(WDFDEVICE Device, const GUID* InterfaceC
 
 NTSTATUS WdfStringCreate(PCUNICODE_STRING UnicodeString, PWDF_OBJECT_ATTRIBUTES StringAttributes, WDFSTRING* String)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfStringCreate"));
     if (String == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
     auto& sys = System::current();
-    NTSTATUS status = sys.faults().check("WdfStringCreate");
+    NTSTATUS status = injected;
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -405,12 +429,13 @@ NTSTATUS WdfStringCreate(PCUNICODE_STRING UnicodeString, PWDF_OBJECT_ATTRIBUTES 
 NTSTATUS WdfDeviceRetrieveDeviceInterfaceString(WDFDEVICE Device, const GUID* InterfaceClassGUID,
                                                 PCUNICODE_STRING ReferenceString, WDFSTRING String)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceRetrieveDeviceInterfaceString"));
     auto* device = device_from(Device);
     auto* string = static_cast<StringObject*>(lookup(reinterpret_cast<WDFOBJECT>(String), Object::Kind::String));
     if (device == nullptr || string == nullptr || InterfaceClassGUID == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    NTSTATUS status = System::current().faults().check("WdfDeviceRetrieveDeviceInterfaceString");
+    NTSTATUS status = injected;
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -426,6 +451,7 @@ NTSTATUS WdfDeviceRetrieveDeviceInterfaceString(WDFDEVICE Device, const GUID* In
 
 VOID WdfStringGetUnicodeString(WDFSTRING String, PUNICODE_STRING UnicodeString)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("WdfStringGetUnicodeString"));
     auto* string = static_cast<StringObject*>(lookup(reinterpret_cast<WDFOBJECT>(String), Object::Kind::String));
     if (string == nullptr || UnicodeString == nullptr) {
         note("WdfStringGetUnicodeString on an invalid handle");
@@ -438,18 +464,20 @@ VOID WdfStringGetUnicodeString(WDFSTRING String, PUNICODE_STRING UnicodeString)
 
 PDEVICE_OBJECT WdfDeviceWdmGetPhysicalDevice(WDFDEVICE Device)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceWdmGetPhysicalDevice"));
     auto* device = device_from(Device);
     return device ? &device->pdo : nullptr;
 }
 
 NTSTATUS WdfDeviceAddQueryInterface(WDFDEVICE Device, PWDF_QUERY_INTERFACE_CONFIG InterfaceConfig)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceAddQueryInterface"));
     auto* device = device_from(Device);
     if (device == nullptr || InterfaceConfig == nullptr || InterfaceConfig->Size != sizeof(WDF_QUERY_INTERFACE_CONFIG) ||
         InterfaceConfig->Interface == nullptr || InterfaceConfig->InterfaceType == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    NTSTATUS status = System::current().faults().check("WdfDeviceAddQueryInterface");
+    NTSTATUS status = injected;
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -460,6 +488,7 @@ NTSTATUS WdfDeviceAddQueryInterface(WDFDEVICE Device, PWDF_QUERY_INTERFACE_CONFI
 
 VOID WdfDeviceSetDeviceState(WDFDEVICE Device, PWDF_DEVICE_STATE DeviceState)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceSetDeviceState"));
     auto* device = device_from(Device);
     if (device == nullptr || DeviceState == nullptr || DeviceState->Size != sizeof(WDF_DEVICE_STATE)) {
         note("WdfDeviceSetDeviceState with a bad record");
@@ -470,12 +499,13 @@ VOID WdfDeviceSetDeviceState(WDFDEVICE Device, PWDF_DEVICE_STATE DeviceState)
 
 NTSTATUS WdfDeviceAssignS0IdleSettings(WDFDEVICE Device, PWDF_DEVICE_POWER_POLICY_IDLE_SETTINGS Settings)
 {
+    NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceAssignS0IdleSettings"));
     auto* device = device_from(Device);
     if (device == nullptr || Settings == nullptr ||
         Settings->Size != sizeof(WDF_DEVICE_POWER_POLICY_IDLE_SETTINGS)) {
         return STATUS_INVALID_PARAMETER;
     }
-    NTSTATUS status = System::current().faults().check("WdfDeviceAssignS0IdleSettings");
+    NTSTATUS status = injected;
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -491,6 +521,7 @@ NTSTATUS WdfDeviceAssignS0IdleSettings(WDFDEVICE Device, PWDF_DEVICE_POWER_POLIC
 
 VOID WdfDeviceSetStaticStopRemove(WDFDEVICE Device, BOOLEAN Stoppable)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceSetStaticStopRemove"));
     auto* device = device_from(Device);
     if (device == nullptr) {
         note("WdfDeviceSetStaticStopRemove on an invalid handle");
@@ -507,13 +538,17 @@ VOID WdfDeviceSetStaticStopRemove(WDFDEVICE Device, BOOLEAN Stoppable)
 
 NTSTATUS WdfDeviceStopIdleActual(WDFDEVICE Device, BOOLEAN WaitForD0, PVOID Tag, LONG Line, PCHAR File)
 {
+    // Waiting for D0 blocks: passive level only.
+    NTSTATUS injected = WaitForD0
+                            ? KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceStopIdle", korvanel::host::Condition::WaitForD0))
+                            : KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceStopIdle", korvanel::host::Condition::NoWait));
     auto* device = device_from(Device);
     if (device == nullptr) {
         note("WdfDeviceStopIdle on an invalid handle");
         return STATUS_INVALID_PARAMETER;
     }
     device->note_idle_call(true, WaitForD0 != FALSE, Tag, Line, File);
-    NTSTATUS status = System::current().faults().check("WdfDeviceStopIdle");
+    NTSTATUS status = injected;
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -534,6 +569,7 @@ NTSTATUS WdfDeviceStopIdleActual(WDFDEVICE Device, BOOLEAN WaitForD0, PVOID Tag,
 
 VOID WdfDeviceResumeIdleActual(WDFDEVICE Device, PVOID Tag, LONG Line, PCHAR File)
 {
+    KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceResumeIdle"));
     auto* device = device_from(Device);
     if (device == nullptr) {
         note("WdfDeviceResumeIdle on an invalid handle");

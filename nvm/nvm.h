@@ -22,9 +22,9 @@ struct _DEVICE_CONTEXT;
 
 EXTERN_C_START
 
-typedef NTSTATUS NVM_WRITE_ROUTINE(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, const UCHAR* Data,
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NVM_WRITE_ROUTINE(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, const UCHAR* Data,
                                    LONG Length);
-typedef NTSTATUS NVM_READ_ROUTINE(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length);
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NVM_READ_ROUTINE(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length);
 typedef NTSTATUS NVM_LOAD_ROUTINE(struct _DEVICE_CONTEXT* DeviceContext, PULONG Size, PUCHAR Buffer);
 
 /* One memory type. */
@@ -51,23 +51,37 @@ extern const NVM_DRIVER NvmDriverTable[NVM_TYPE_COUNT];
 
 /* ---- Cache and stubs ---- */
 NVM_LOAD_ROUTINE NvmLoad;
+_IRQL_requires_max_(PASSIVE_LEVEL)
 VOID NvmCacheWrite(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, const UCHAR* Data, LONG Length);
 NVM_READ_ROUTINE NvmStubRead;
 NVM_WRITE_ROUTINE NvmStubWrite;
 
 /* ---- Page engines: one exchange on an open connection, under BusLock ---- */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS nvmRead0(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS M24c64RomRead(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS RomRead1(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Block, UCHAR Address, PUCHAR Buffer, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS RomRead2(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Block, UCHAR Address, PUCHAR Buffer, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS RomRead3(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Page, USHORT Offset, PUCHAR Buffer, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS RomRead4(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Block, UCHAR Address, PUCHAR Buffer, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS nvmWrite0(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, const UCHAR* Data, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS bulkWrite(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, const UCHAR* Data, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS RomWrite1(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Block, UCHAR Address, const UCHAR* Data, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS RomWrite2(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Block, UCHAR Address, const UCHAR* Data, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS RomWrite3(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Page, USHORT Offset, const UCHAR* Data, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS RomWrite4(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Block, UCHAR Address, const UCHAR* Data, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS PageErase3(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Page, UCHAR Macro);
 
 /* ---- Linear-address commands (types 5, 7, 8 and 10) ---- */

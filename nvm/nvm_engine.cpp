@@ -197,11 +197,20 @@ NTSTATUS NvmEngineWrite(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext,
     }
 
     // A fixed limit is compared unsigned, so a negative length is too long;
-    // the page-size limit is compared signed. Nothing longer than the
-    // largest write page fits the transfer buffer, whatever the context says.
-    BOOLEAN refused = Engine->LengthLimit != 0 ? (ULONG)Length > (ULONG)Engine->LengthLimit
-                                               : Length > DeviceContext->NvmPageSize || Length < 0;
-    refused = refused || (ULONG)Length > NVM_MAX_WRITE_PAGE;
+    // the page-size limit is compared signed. The page-size limit is also
+    // held to NVM_MAX_WRITE_PAGE: the transfer buffer lives on the stack and
+    // has room for the largest write page of any part, no more. CmdWrite
+    // never passes more (its geometry check refuses a larger NvmPageSize);
+    // a caller that does gets the length refused and traced like any other
+    // length past the limit, not a buffer overrun.
+    LONG limit = Engine->LengthLimit;
+    BOOLEAN refused;
+    if (limit != 0) {
+        refused = (ULONG)Length > (ULONG)limit;
+    } else {
+        limit = DeviceContext->NvmPageSize < NVM_MAX_WRITE_PAGE ? DeviceContext->NvmPageSize : NVM_MAX_WRITE_PAGE;
+        refused = Length > limit || Length < 0;
+    }
 
     UCHAR transfer[NVM_ADDRESS_BYTES + NVM_MAX_WRITE_PAGE];
     ULONG slot = I2C_SLOT_NVM;

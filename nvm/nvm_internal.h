@@ -89,16 +89,20 @@ extern const NVM_ENGINE NvmEngineRomWrite2;
 extern const NVM_ENGINE NvmEngineRomWrite3;
 
 /* Block is the block (in-block engines) or the page (paged engines). */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS NvmEngineRead(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext, UCHAR Block, USHORT Address,
                        PUCHAR Buffer, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS NvmEngineWrite(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext, UCHAR Block, USHORT Address,
                         const UCHAR* Data, LONG Length);
 
 /* A text trace of the memory code: NvmType, the text and two numbers, sent
  * only while NvmType names a row. A null text sends nothing. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 VOID NvmTrace(PDEVICE_CONTEXT DeviceContext, BOOLEAN Error, const CHAR* Text, ULONG First, ULONG Second);
 /* The two exit texts of a command: address and first byte (NVM_TRACE_NO_NUMBER
  * when the length leaves no byte), then length and status. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 VOID NvmTraceExit(PDEVICE_CONTEXT DeviceContext, const CHAR* const Texts[2], USHORT Address, const UCHAR* Data,
                   LONG Length, NTSTATUS Status);
 

@@ -24,8 +24,12 @@ for variant in build build-asan; do
   ctest --test-dir "$variant" --output-on-failure -j "$jobs" "${select[@]}" | tee "$variant/ctest.log"
   if [ "$variant" = build ]; then
     passed() { grep -cE "Test +#[0-9]+: windows_$1\.[a-z_]+/[a-z_0-9]+\.cpp \.+ +Passed" build/ctest.log || true; }
+    # The placement check's own summary line, or what became of it.
+    placement=$(grep -m1 '^placement: ' build/Testing/Temporary/LastTest.log ||
+                echo "placement check $(grep -m1 -oE 'windows_placement \.+ *\**[A-Za-z]+' build/ctest.log |
+                                        grep -oE '[A-Za-z]+$' || echo 'not run')")
     echo "Windows checks: $(passed mingw) driver sources compiled by mingw-w64 g++ against its DDK headers," \
-         "$(passed wdk) as a WDK build by clang-19 against the KMDF 1.15 headers"
+         "$(passed wdk) as a WDK build by clang-19 against the KMDF 1.15 headers; $placement"
   fi
 done
 

@@ -67,6 +67,8 @@ extern const PDAF_MODE PdafModes[PDAF_MODE_CAPACITY];
 /* Publish the four mode lists and the PDAF list; run during device add, from
  * pageable code (C linkage for the Windows build's section pragmas). */
 EXTERN_C_START
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS BuildModeLists(PDEVICE_CONTEXT DeviceContext);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS BuildPdafList(PDEVICE_CONTEXT DeviceContext);
 EXTERN_C_END

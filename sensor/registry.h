@@ -14,11 +14,15 @@ extern UNICODE_STRING DriverRegistryPath;
 /* C linkage: placed in code sections by a Windows build. */
 EXTERN_C_START
 
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS SaveRegistryPath(PCUNICODE_STRING RegistryPath);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 VOID FreeRegistryPath(VOID);
 
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS ReadRegistryValue(PCUNICODE_STRING KeyPath, PCSTR ValueName, ULONG ExpectedType, PVOID Buffer,
                            PULONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 VOID ReadRegistryConfiguration(PDEVICE_CONTEXT DeviceContext);
 
 EXTERN_C_END

@@ -179,6 +179,13 @@ NTSTATUS GetModeInfo(PDEVICE_CONTEXT DeviceContext, PULONG Size, PSENSOR_MODE_IN
 
 /* ---- Sensor description ---- */
 
+/* Two consecutive words of a record as one 64-bit value, the first word in
+ * the low half (both targets are little-endian). */
+static inline LONG64 CapsPair(ULONG First, ULONG Second)
+{
+    return (LONG64)(((ULONG64)Second << 32) | First);
+}
+
 NTSTATUS GetSensorCaps(PDEVICE_CONTEXT DeviceContext, PSENSOR_CAPS Caps)
 {
     if (DeviceContext == NULL || Caps == NULL) {
@@ -198,12 +205,22 @@ NTSTATUS GetSensorCaps(PDEVICE_CONTEXT DeviceContext, PSENSOR_CAPS Caps)
         SetCapsMode(&caps, SENSOR_CAPS_MODE_RGBIR);
     }
 
-    // The final record goes to both places, the device's copy one word at a
-    // time, so a concurrent reader sees each word whole.
+    // The final record goes to both places. The device's copy is stored in
+    // whole aligned words, so a concurrent reader sees each word whole: its
+    // five words as two aligned 64-bit stores and one 32-bit store, the single
+    // word first or last as the record's alignment in the context asks. Word
+    // by word it was five volatile stores from a copy on the stack.
     *Caps = caps;
-    const ULONG* words = (const ULONG*)&caps;
-    for (ULONG i = 0; i < sizeof(SENSOR_CAPS) / sizeof(ULONG); i++) {
-        WriteULongNoFence(&deviceWords[i], words[i]);
+    static_assert(sizeof(SENSOR_CAPS) == 5 * sizeof(ULONG), "five words: one single, two pairs");
+    const ULONG* w = (const ULONG*)&caps;
+    if (((ULONG_PTR)deviceWords & 7) == 0) {
+        WriteNoFence64((LONG64 volatile*)&deviceWords[0], CapsPair(w[0], w[1]));
+        WriteNoFence64((LONG64 volatile*)&deviceWords[2], CapsPair(w[2], w[3]));
+        WriteULongNoFence(&deviceWords[4], w[4]);
+    } else {
+        WriteULongNoFence(&deviceWords[0], w[0]);
+        WriteNoFence64((LONG64 volatile*)&deviceWords[1], CapsPair(w[1], w[2]));
+        WriteNoFence64((LONG64 volatile*)&deviceWords[3], CapsPair(w[3], w[4]));
     }
 
     TraceEvents(TRACE_INFO, "GetSensorCaps mode %u", GetCapsMode(&caps));

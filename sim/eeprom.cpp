@@ -11,9 +11,15 @@ namespace korvanel::sim {
 namespace {
 
 // The DW9806B memory's commands: a first byte with bit 7 set is not an
-// address (the array has 13 address bits), and 0xEE confirms the erase.
+// address (the array has 13 address bits), and 0xEE confirms the erase. The
+// page goes into the command by OR: 0x81 | page is the macro erase (every
+// page), 0x82 | page the erase of one page, whose number the part takes from
+// the byte's low three bits. So 0x83 erases page 3 and 0x86 page 6; as bit 1
+// is the page-erase mark, a byte with it set is a page erase, and a macro
+// erase is sent with a page of 0 (0x81), or 4 (0x85).
 constexpr uint8_t kMacroErase = 0x81;
-constexpr uint8_t kPageErase = 0x82;  // + page
+constexpr uint8_t kPageErase = 0x82;
+constexpr uint8_t kPageBits = 0x07;
 constexpr uint8_t kEraseConfirm = 0xEE;
 constexpr size_t kPagedPageSize = 1024;
 constexpr size_t kPagedPages = 8;
@@ -76,11 +82,17 @@ bool Eeprom::take_erase(const Transfer& when, std::span<const uint8_t> bytes)
     if (geometry_.kind != Kind::Paged || bytes.size() != 2 || bytes[1] != kEraseConfirm) {
         return false;
     }
-    if (bytes[0] == kMacroErase) {
+    uint8_t command = bytes[0] & uint8_t(~kPageBits);
+    size_t page = bytes[0] & kPageBits;
+    static_assert(kPageBits + 1 == kPagedPages);
+    if (command != 0x80) {
+        return false;  // bits 6..3 name no command of this part
+    }
+    if ((bytes[0] & kPageErase) == kPageErase) {
+        auto first = cells_.begin() + ptrdiff_t(page * kPagedPageSize);
+        std::fill(first, first + ptrdiff_t(kPagedPageSize), 0xFF);
+    } else if ((bytes[0] & kMacroErase) == kMacroErase) {
         std::fill(cells_.begin(), cells_.end(), 0xFF);
-    } else if (bytes[0] >= kPageErase && bytes[0] < kPageErase + kPagedPages) {
-        auto page = cells_.begin() + ptrdiff_t((bytes[0] - kPageErase) * kPagedPageSize);
-        std::fill(page, page + ptrdiff_t(kPagedPageSize), 0xFF);
     } else {
         return false;
     }

@@ -10,11 +10,10 @@
 //     bits do);
 //   - the memory inside the DW9806B actuator: eight 1024-byte pages behind a
 //     two-byte address with the page folded in (page x 1024 + offset), macro
-//     erase (0x81, 0xEE) and page erase (0x82 + page, 0xEE), cells that
-//     program only ones to zeros until erased: type 11. Assumed where no
-//     datasheet figure was at hand: the page field of the page-erase command
-//     is the byte minus 0x82, the physical write page is 32 bytes, an erase
-//     takes 10 ms.
+//     erase (0x81 OR page, 0xEE) and page erase (0x82 OR page, 0xEE: the
+//     page is the byte's low three bits), cells that program only ones to
+//     zeros until erased: type 11. Assumed where no datasheet figure was at
+//     hand: the physical write page is 32 bytes, an erase takes 10 ms.
 //
 // Each has an address pointer (address bytes first, then data; a read with
 // no address continues from the pointer), sequential reads that roll over at

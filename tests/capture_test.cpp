@@ -68,7 +68,7 @@ TEST(Capture, UnusableInputIsRefusedWithTheFileAndWhy)
         const char* message;
         tool::CaptureChannels channels = {};
     } cases[] = {
-        {testing::TempDir() + "no-such-capture.txt", "no-such-capture.txt: cannot read: No such file"},
+        {testing::TempDir() + "no-such-capture.txt", "no-such-capture.txt: no such file"},
         {file("notes.txt", "scope shots of the module\nsee bench log\n"), "notes.txt: not a capture"},
         {file("cut.txt", text.substr(0, text.find("520-700"))), "cut.txt: truncated: the capture ends inside a transfer (S 0x0C W ACK: 04 ACK ...)"},
         {file("stray.txt", "i2c-1: Data write: 04\n"), "stray.txt:1: a data byte outside a transfer"},

@@ -129,24 +129,43 @@ TEST(EepromPaged, ErasesByCommandAndProgramsOnlyOnesToZeros)
     auto conn = part->connections().at(0);
     auto settle = [&] { now += 10 * 10000 + kWire; };
     auto write = [&](std::vector<uint8_t> bytes) { return conn->write({now, now + kWire}, bytes); };
+    // Cells around every page boundary, as page p's first and last cell.
+    auto edges = [&] {
+        std::vector<uint8_t> out;
+        for (size_t p = 0; p < 8; p++) {
+            out.push_back(part->bytes(p * 1024, 1)[0]);
+            out.push_back(part->bytes(p * 1024 + 1023, 1)[0]);
+        }
+        return out;
+    };
     part->set_contents(0, std::vector<uint8_t>(8192, 0x00));
 
-    // Page erase: 0x82 + page; the page's cells only.
+    // The page erase is 0x82 OR page, then 0xEE: 0x83 erases page 3 and
+    // 0x86 page 6, each whole and nothing else.
     ASSERT_EQ(write({0x83, 0xEE}), STATUS_SUCCESS);
     EXPECT_TRUE(part->busy(now));
     settle();
-    EXPECT_EQ(part->bytes(1023, 3), (std::vector<uint8_t>{0x00, 0xFF, 0xFF}));
-    EXPECT_EQ(part->bytes(2047, 2), (std::vector<uint8_t>{0xFF, 0x00}));
+    ASSERT_EQ(write({0x86, 0xEE}), STATUS_SUCCESS);
+    settle();
+    EXPECT_EQ(edges(), (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 0, 0, 0, 0, 0xFF, 0xFF, 0, 0}));
+    EXPECT_EQ(part->bytes(3072, 1024), std::vector<uint8_t>(1024, 0xFF));
 
     // Programming clears bits and never sets them.
-    ASSERT_EQ(write({0x04, 0x00, 0xF0, 0x0F}), STATUS_SUCCESS);
+    ASSERT_EQ(write({0x0C, 0x00, 0xF0, 0x0F}), STATUS_SUCCESS);
     settle();
-    ASSERT_EQ(write({0x04, 0x00, 0x3C, 0xFF}), STATUS_SUCCESS);
+    ASSERT_EQ(write({0x0C, 0x00, 0x3C, 0xFF}), STATUS_SUCCESS);
     settle();
-    EXPECT_EQ(part->bytes(1024, 2), (std::vector<uint8_t>{0x30, 0x0F}));
+    EXPECT_EQ(part->bytes(3072, 2), (std::vector<uint8_t>{0x30, 0x0F}));
 
-    // An unknown command is not acknowledged.
+    // The macro erase, 0x81 OR page 0, takes every page.
+    ASSERT_EQ(write({0x81, 0xEE}), STATUS_SUCCESS);
+    settle();
+    EXPECT_EQ(part->contents(), std::vector<uint8_t>(8192, 0xFF));
+
+    // Without its confirmation, or with bits no command has, the part does
+    // not acknowledge.
     EXPECT_EQ(write({0x81, 0x00}), sim::kNack);
+    EXPECT_EQ(write({0x84, 0xEE}), sim::kNack);
     EXPECT_EQ(write({0x8A, 0xEE}), sim::kNack);
 }
 

@@ -4,6 +4,8 @@
 // answers to bad input.
 #include "nvm_fixture.h"
 
+#include <climits>
+
 namespace korvanel::test {
 namespace {
 
@@ -133,18 +135,18 @@ TEST_F(NvmCommandTest, LinearBadInputEndsWithItsStatusLockFreeAndDataInTheCache)
              return CmdRead(c, 120, b, 9);
          },
          STATUS_INVALID_PARAMETER,
-         {{"CmdRead address is out of range!", kNoNumber, kNoNumber},
+         {{"CmdRead address is out of range!", kNoNumber, kNoNumber, 'E'},
           {"CmdRead addr data:", 120, 0x77},
           {"CmdRead len status:", 9, 0xC000000D}},
          false},
         {"write nothing", 5, nullptr, [](auto c, auto p) { return CmdWrite(c, 4, p, 0); }, STATUS_INVALID_PARAMETER,
-         {{"CmdWrite address is out of  range!!", kNoNumber, kNoNumber},
+         {{"CmdWrite address is out of  range!!", kNoNumber, kNoNumber, 'E'},
           {"CmdWrite addr data:", 4, kNoNumber},
           {"CmdWrite len status:", 0, 0xC000000D}},
          false},
         {"no connection", 10, [](auto c) { c->I2cConnections[2].Present = 0; },
          [](auto c, auto p) { return Cmd_M24c64Write(c, 4, p, 8); }, STATUS_NOT_SUPPORTED,
-         {{"InitI2c error!!!", 0xC00000BB, kNoNumber},
+         {{"InitI2c error!!!", 0xC00000BB, kNoNumber, 'E'},
           {"Cmd_m24c64Write addr data:", 4, 0x10},
           {"Cmd_m24c64Write len status:", 8, 0xC00000BB}},
          true},
@@ -153,11 +155,11 @@ TEST_F(NvmCommandTest, LinearBadInputEndsWithItsStatusLockFreeAndDataInTheCache)
              UCHAR b[3];
              return Cmd_M24c64Read(c, 8190, b, 3);
          },
-         STATUS_INVALID_PARAMETER, {{"Cmd_M24c64Read address is out of  range!!", kNoNumber, kNoNumber}}, false},
+         STATUS_INVALID_PARAMETER, {{"Cmd_M24c64Read address is out of  range!!", kNoNumber, kNoNumber, 'E'}}, false},
         {"null data", 5, nullptr, [](auto c, auto) { return CmdWrite(c, 0, nullptr, 8); }, STATUS_INVALID_PARAMETER,
          {}, false},
         {"null M24c64 buffer", 10, nullptr, [](auto c, auto) { return Cmd_M24c64Read(c, 0, nullptr, 8); },
-         STATUS_INVALID_PARAMETER, {{"CmdRead read buffer pointer is NULL!!", kNoNumber, kNoNumber}}, false},
+         STATUS_INVALID_PARAMETER, {{"CmdRead read buffer pointer is NULL!!", kNoNumber, kNoNumber, 'E'}}, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -178,6 +180,33 @@ TEST_F(NvmCommandTest, LinearBadInputEndsWithItsStatusLockFreeAndDataInTheCache)
     }
 }
 
+// The geometry CmdRead and CmdWrite take from the device: a write page of 1
+// to 64 bytes and a memory larger than 64 bytes, each bound and one past;
+// then a read of the last byte NvmSize allows and one past it.
+TEST_F(NvmCommandTest, TheGeometryCheckAtBothBounds)
+{
+    const struct {
+        LONG page, size;
+        USHORT address;
+        NTSTATUS status;
+    } cases[] = {
+        {0, 0x4000, 0, STATUS_UNSUCCESSFUL},   {1, 0x4000, 0, STATUS_SUCCESS},    {64, 0x4000, 0, STATUS_SUCCESS},
+        {65, 0x4000, 0, STATUS_UNSUCCESSFUL},  {64, 64, 0, STATUS_UNSUCCESSFUL},  {64, 65, 0, STATUS_SUCCESS},
+        {64, 65, 64, STATUS_SUCCESS},         {64, 65, 65, STATUS_INVALID_PARAMETER},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "page " << c.page << ", size " << c.size << ", at " << c.address);
+        select(5);
+        ctx->NvmPageSize = c.page;
+        ctx->NvmSize = c.size;
+        UCHAR b = 0;
+        begin();
+        EXPECT_EQ(CmdRead(ctx, c.address, &b, 1), c.status);
+        EXPECT_EQ(sys.bus().transcript().size(), c.status == STATUS_SUCCESS ? 2u : 0u);
+        expect_clean_exit();
+    }
+}
+
 TEST_F(NvmCommandTest, AFailedWaitEndsTheM24c64CommandsButNotCmdReadAndCmdWrite)
 {
     auto d = pattern(4);
@@ -186,8 +215,8 @@ TEST_F(NvmCommandTest, AFailedWaitEndsTheM24c64CommandsButNotCmdReadAndCmdWrite)
     UCHAR buffer[4];
     EXPECT_EQ(Cmd_M24c64Read(ctx, 0, buffer, 4), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(Cmd_M24c64Write(ctx, 0, d.data(), 4), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(texts(), (std::vector<NvmText>{{"KeWaitForSingleObject!", 0xC0000001, kNoNumber},
-                                             {"KeWaitForSingleObject !!", 0xC0000001, kNoNumber}}));
+    EXPECT_EQ(texts(), (std::vector<NvmText>{{"KeWaitForSingleObject!", 0xC0000001, kNoNumber, 'E'},
+                                             {"KeWaitForSingleObject !!", 0xC0000001, kNoNumber, 'E'}}));
     EXPECT_TRUE(sys.bus().transcript().empty());
     EXPECT_EQ(ctx->NvmCache[0], 0) << "no cache copy without the lock";
 
@@ -260,6 +289,10 @@ TEST_F(NvmCommandTest, TheDW9806BMemoryIsErasedBeforeEveryWriteAndReadPageByPage
     EXPECT_EQ(timeline(), (std::vector<std::string>{"w50 81 EE", "sleep 50", w("w50 03 F8", d, 0, 8), "spin 5",
                                                    w("w50 04 00", d, 8, 32), "spin 5"}));
     EXPECT_EQ(texts().front(), (NvmText{" erase macro", 2, kNoNumber}));
+    // Within one page that is not the last, the number is still the count.
+    begin();
+    EXPECT_EQ(Cmd_DW9806BWrite(ctx, 0x0C00, d.data(), 1), STATUS_SUCCESS);
+    EXPECT_EQ(texts().front(), (NvmText{" erase macro", 8, kNoNumber}));
 
     part->set_contents(0, pattern(8192));
     std::vector<uint8_t> buffer(2048);
@@ -271,29 +304,41 @@ TEST_F(NvmCommandTest, TheDW9806BMemoryIsErasedBeforeEveryWriteAndReadPageByPage
     expect_clean_exit();
 }
 
-// The 256-byte families write 16-byte chunks from the caller's offset; the
-// part's write page is 16 bytes, so a chunk that does not start on a page
-// boundary wraps inside its page. The cache keeps the data as written.
+// The block commands write chunks from the caller's offset (16 bytes for
+// the 256-byte families, 32 for type 11); a part stores each chunk within
+// its physical write page (16 bytes, and 32 for type 11), so a chunk that
+// does not start on a page boundary wraps inside its page. 40 bytes d0..d39
+// at 5 land as below; cells 32..36 keep their erased state. The cache keeps
+// the data as written.
 TEST_F(NvmCommandTest, UnalignedChunksWrapInsideThePartsWritePage)
 {
+    struct Run {
+        size_t cell, from, count;  // d[from, from + count) at cell
+    };
+    const struct {
+        unsigned type;
+        std::vector<Run> stored;
+    } cases[] = {
+        {6, {{0, 11, 5}, {5, 0, 11}, {16, 27, 5}, {21, 16, 11}, {37, 32, 8}}},
+        {11, {{0, 27, 5}, {5, 0, 27}, {37, 32, 8}}},
+    };
     auto d = pattern(40);
-    select(6);
-    forget();
-    ASSERT_EQ(Cmd_Brca016Write(ctx, 5, d.data(), 40), STATUS_SUCCESS);
-    EXPECT_EQ(timeline(), (std::vector<std::string>{w("w50 05", d, 0, 16), "spin 5", w("w50 15", d, 16, 16), "spin 5",
-                                                   w("w50 25", d, 32, 8), "spin 5"}));
-    std::vector<uint8_t> stored(48, 0xFF);
-    for (size_t i = 0; i < 16; i++) {
-        stored[(5 + i) % 16] = d[i];                // chunk at 5: 5..15, then 0..4
-        stored[16 + (5 + i) % 16] = d[16 + i];      // chunk at 21: 21..31, then 16..20
-    }
-    std::copy(d.begin() + 32, d.end(), stored.begin() + 37);  // 37..44 fit in their page
-    EXPECT_EQ(part->bytes(0, 48), stored);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.type);
+        select(c.type);
+        ASSERT_EQ(row->Write(ctx, 5, d.data(), 40), STATUS_SUCCESS);
+        std::vector<uint8_t> stored(48, 0xFF);
+        for (const auto& r : c.stored) {
+            std::copy_n(d.begin() + ptrdiff_t(r.from), r.count, stored.begin() + ptrdiff_t(r.cell));
+        }
+        EXPECT_EQ(part->bytes(0, 48), stored);
 
-    std::vector<uint8_t> back(40);
-    ASSERT_EQ(Cmd_Brca016Read(ctx, 5, back.data(), 40), STATUS_SUCCESS);
-    EXPECT_EQ(back, std::vector<uint8_t>(stored.begin() + 5, stored.begin() + 45));
-    EXPECT_EQ(std::vector<uint8_t>(ctx->NvmCache + 5, ctx->NvmCache + 45), d);
+        sys.clock().advance_ms(5);
+        std::vector<uint8_t> back(40);
+        ASSERT_EQ(row->Read(ctx, 5, back.data(), 40), STATUS_SUCCESS);
+        EXPECT_EQ(back, std::vector<uint8_t>(stored.begin() + 5, stored.begin() + 45));
+        EXPECT_EQ(std::vector<uint8_t>(ctx->NvmCache + 5, ctx->NvmCache + 45), d);
+    }
 }
 
 TEST_F(NvmCommandTest, BlockBadInputEndsWithItsStatusLockFreeAndSlotsClosed)
@@ -307,12 +352,12 @@ TEST_F(NvmCommandTest, BlockBadInputEndsWithItsStatusLockFreeAndSlotsClosed)
     select(6);
     EXPECT_EQ(Cmd_Brca016Read(ctx, 0, nullptr, 5), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(Cmd_Brca016Write(ctx, 2040, d.data(), 9), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(texts(), (std::vector<NvmText>{{"CmdRead address is out of range!", kNoNumber, kNoNumber},
+    EXPECT_EQ(texts(), (std::vector<NvmText>{{"CmdRead address is out of range!", kNoNumber, kNoNumber, 'E'},
                                              {"Cmd_Cat24cRead addr data:", 1020, buffer[0]},
                                              {"Cmd_Cat24cRead len status:", 5, 0xC000000D},
-                                             {"write buffer pointer is NULL!!!", kNoNumber, kNoNumber},
-                                             {"CmdRead read buffer pointer is NULL!!", kNoNumber, kNoNumber},
-                                             {"Cmd_Brca016Write address is out of  range!!", kNoNumber, kNoNumber},
+                                             {"write buffer pointer is NULL!!!", kNoNumber, kNoNumber, 'E'},
+                                             {"CmdRead read buffer pointer is NULL!!", kNoNumber, kNoNumber, 'E'},
+                                             {"Cmd_Brca016Write address is out of  range!!", kNoNumber, kNoNumber, 'E'},
                                              {"Cmd_Brca016Write addr data:", 2040, d[0]},
                                              {"Cmd_Brca016Write len status:", 9, 0xC000000D}}));
     EXPECT_EQ(std::vector<uint8_t>(ctx->NvmCache + 0, ctx->NvmCache + 5), std::vector<uint8_t>(5, 0))
@@ -333,6 +378,169 @@ TEST_F(NvmCommandTest, BlockBadInputEndsWithItsStatusLockFreeAndSlotsClosed)
     EXPECT_EQ(std::vector<uint8_t>(ctx->NvmCache, ctx->NvmCache + NVM_CACHE_SIZE),
               std::vector<uint8_t>(d.begin(), d.begin() + NVM_CACHE_SIZE));
     expect_clean_exit();
+}
+
+// ---- One contract over every row of the type table ----
+//
+// What each type is, as the memory's description gives it: its size, where
+// its writes are cut (the write page of the 16-bit parts, the block or page
+// of the others) and how many connections its blocks answer on. Each run
+// below comes out differently if a row's size, page, routines or load
+// differ from this.
+struct TypeFacts {
+    unsigned type;
+    size_t size;
+    size_t cut;     // write page, block or page
+    size_t blocks;  // blocks on consecutive connections; 0: one connection
+    bool paged;     // type 11: erased before every write
+};
+
+void PrintTo(const TypeFacts& f, std::ostream* os) { *os << "type " << f.type; }
+
+class NvmTypeContract : public NvmTest, public ::testing::WithParamInterface<TypeFacts> {
+protected:
+    void SetUp() override
+    {
+        NvmTest::SetUp();
+        select(GetParam().type, 100);
+        forget();
+    }
+    // The address bytes the part gets for `address`, on its connection.
+    std::string at(size_t address) const
+    {
+        const TypeFacts& f = GetParam();
+        char text[32];
+        if (f.blocks != 0) {
+            snprintf(text, sizeof text, "w%02x %02X", unsigned(0x50 + address / 256), unsigned(address & 0xFF));
+        } else {
+            snprintf(text, sizeof text, "w50 %02X %02X", unsigned(address >> 8), unsigned(address & 0xFF));
+        }
+        return text;
+    }
+    std::vector<std::string> writes()
+    {
+        std::vector<std::string> out;
+        for (auto& line : timeline()) {
+            if (line[0] == 'w') {
+                out.push_back(line);
+            }
+        }
+        return out;
+    }
+};
+
+TEST_P(NvmTypeContract, EveryAddressUpToTheLastIsReachedAndNoneBeyond)
+{
+    const TypeFacts& f = GetParam();
+    auto memory = pattern(f.size, 0x21);
+    part->set_contents(0, memory);
+    std::vector<uint8_t> buffer(f.size + 1);
+
+    // The last byte of every block, on the block's own connection.
+    size_t block = f.blocks != 0 ? 256 : f.paged ? 1024 : f.size;
+    for (size_t last = block - 1; last < f.size; last += block) {
+        SCOPED_TRACE(last);
+        forget();
+        ASSERT_EQ(row->Read(ctx, USHORT(last), buffer.data(), 1), STATUS_SUCCESS);
+        EXPECT_EQ(buffer[0], memory[last]);
+        EXPECT_EQ(writes(), std::vector<std::string>{at(last)});
+    }
+    EXPECT_EQ(row->Read(ctx, 0, buffer.data(), LONG(f.size)), STATUS_SUCCESS);
+    EXPECT_TRUE(std::equal(memory.begin(), memory.end(), buffer.begin()));
+
+    // One byte past the end, however the sum is formed: no transfer.
+    const struct {
+        size_t address;
+        LONG length;
+    } beyond[] = {{f.size - 1, 2}, {f.size, 1}, {0, LONG(f.size + 1)}, {0xFFFF, 2}, {1, INT_MAX}};
+    for (const auto& b : beyond) {
+        SCOPED_TRACE(testing::Message() << b.length << " at " << b.address);
+        forget();
+        EXPECT_EQ(row->Read(ctx, USHORT(b.address), buffer.data(), b.length), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(row->Write(ctx, USHORT(b.address), memory.data(), b.length), STATUS_INVALID_PARAMETER);
+        EXPECT_TRUE(sys.bus().transcript().empty());
+        EXPECT_TRUE(lock_free());
+    }
+    UCHAR last = 0x5A;
+    EXPECT_EQ(row->Write(ctx, USHORT(f.size - 1), &last, 1), STATUS_SUCCESS);
+    EXPECT_EQ(part->bytes(f.size - 1, 1), std::vector<uint8_t>{last});
+}
+
+TEST_P(NvmTypeContract, AWriteAcrossTheSecondCutIsSplitThere)
+{
+    const TypeFacts& f = GetParam();
+    size_t address = 2 * f.cut - 2;
+    auto d = pattern(4);
+    ASSERT_EQ(row->Write(ctx, USHORT(address), d.data(), 4), STATUS_SUCCESS);
+    std::vector<std::string> expected;
+    if (f.paged) {
+        expected.push_back("w50 81 EE");
+    }
+    expected.push_back(at(address) + " " + hex_bytes(d.data(), 2));
+    expected.push_back(at(address + 2) + " " + hex_bytes(d.data() + 2, 2));
+    EXPECT_EQ(writes(), expected);
+    EXPECT_EQ(part->bytes(address, 4), d);
+}
+
+TEST_P(NvmTypeContract, TheLoadReadsFromAddressZeroOnceThroughTheRow)
+{
+    auto memory = pattern(GetParam().size, 0x44);
+    part->set_contents(0, memory);
+    std::vector<uint8_t> buffer(100);
+    ULONG size = 100;
+    ASSERT_EQ(row->Load(ctx, &size, buffer.data()), STATUS_SUCCESS);
+    EXPECT_EQ(ctx->NvmLoaded, 1);
+    part->erase();
+    ASSERT_EQ(row->Load(ctx, &size, buffer.data()), STATUS_SUCCESS);
+    EXPECT_TRUE(std::equal(buffer.begin(), buffer.end(), memory.begin()));
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryMemoryType, NvmTypeContract,
+                         ::testing::Values(TypeFacts{5, 16384, 64, 0, false}, TypeFacts{6, 2048, 256, 8, false},
+                                           TypeFacts{7, 128, 8, 0, false}, TypeFacts{8, 4096, 32, 0, false},
+                                           TypeFacts{9, 1024, 256, 4, false}, TypeFacts{10, 8192, 32, 0, false},
+                                           TypeFacts{11, 8192, 1024, 0, true}, TypeFacts{12, 2048, 256, 8, false}),
+                         [](const auto& info) { return "type" + std::to_string(info.param.type); });
+
+// Types 0 to 4 have no memory: 0 to 2 no operations but the load, 3 and 4
+// stubs that accept a call with a context and a buffer and move nothing.
+// Type 3 loads a fixed 432 bytes through its stub, type 4 the cache length
+// from the row's load address.
+TEST_F(NvmCommandTest, TypesWithoutAMemory)
+{
+    UCHAR byte = 0x11;
+    for (unsigned type = 0; type < 5; type++) {
+        SCOPED_TRACE(type);
+        select(type, 100);
+        ctx->NvmLoaded = 0;
+        EXPECT_EQ(row->Type, type) << "a row found by number says its number";
+        bool stub = type >= 3;
+        ASSERT_EQ(row->Read == nullptr, !stub);
+        ASSERT_EQ(row->Write == nullptr, !stub);
+        begin();
+        if (stub) {
+            EXPECT_EQ(row->Read(ctx, 7, &byte, 1), STATUS_SUCCESS);
+            EXPECT_EQ(row->Write(ctx, 7, &byte, 1), STATUS_SUCCESS);
+            EXPECT_EQ(row->Read(ctx, 7, nullptr, 1), STATUS_INVALID_PARAMETER);
+            EXPECT_EQ(row->Write(ctx, 7, nullptr, 1), STATUS_INVALID_PARAMETER);
+            EXPECT_EQ(row->Read(nullptr, 7, &byte, 1), STATUS_INVALID_PARAMETER);
+            EXPECT_EQ(row->Write(nullptr, 7, &byte, 1), STATUS_INVALID_PARAMETER);
+            EXPECT_EQ(byte, 0x11);
+        }
+        sys.traces().clear();
+        std::vector<uint8_t> buffer(100, 0xEE);
+        ULONG size = 100;
+        EXPECT_EQ(row->Load(ctx, &size, buffer.data()), STATUS_SUCCESS);
+        EXPECT_EQ(ctx->NvmLoaded, stub);
+        auto calls = sys.traces().find("NvmStub: address %u, length %u, %!STATUS!");
+        ASSERT_EQ(calls.size(), stub ? 1u : 0u);
+        if (stub) {
+            EXPECT_EQ(host::Traces::u32(calls[0], 1), 0u);
+            EXPECT_EQ(host::Traces::u32(calls[0], 2), type == 3 ? 432u : 100u);
+        }
+        EXPECT_EQ(buffer, std::vector<uint8_t>(100, 0xEE));
+        EXPECT_TRUE(sys.bus().transcript().empty());
+    }
 }
 
 }  // namespace

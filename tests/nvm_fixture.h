@@ -20,17 +20,19 @@ namespace korvanel::test {
 constexpr uint64_t kNvmConnection = 0x50;  // slot 2; block b of a block part on 0x50 + b
 constexpr uint32_t kNoNumber = NVM_TRACE_NO_NUMBER;
 
-// One memory text trace: the text and its two numbers.
+// One memory text trace: the text, its two numbers and its level: 'E' for
+// a failure, 'I' for progress and exit texts.
 struct NvmText {
     std::string text;
     uint32_t first;
     uint32_t second;
+    char level = 'I';
     bool operator==(const NvmText&) const = default;
 };
 
 inline std::ostream& operator<<(std::ostream& os, const NvmText& t)
 {
-    return os << "{\"" << t.text << "\", " << t.first << ", " << t.second << "}";
+    return os << "{\"" << t.text << "\", " << t.first << ", " << t.second << ", '" << t.level << "'}";
 }
 
 inline std::vector<uint8_t> pattern(size_t n, uint8_t seed = 0x10)
@@ -80,7 +82,8 @@ protected:
     {
         std::vector<NvmText> out;
         for (auto& e : sys.traces().find(kTextFormat)) {
-            out.push_back({host::Traces::text(e, 2), host::Traces::u32(e, 3), host::Traces::u32(e, 4)});
+            out.push_back({host::Traces::text(e, 2), host::Traces::u32(e, 3), host::Traces::u32(e, 4),
+                           sys.traces().format(e)->flag == TRACE_ERROR ? 'E' : 'I'});
         }
         return out;
     }

@@ -63,8 +63,8 @@ TEST_F(ScenarioTest, MalformedFilesNameTheLineAndTheField)
         {"{\"device\": {}, \"steps\": [{\"call\": \"PowerUp\",\n \"expect\": {\n \"status\": \"STATUS_SUCESS\"}}]}",
          "test.jsonc:3: step 1: field \"expect.status\": takes a status name"},
         {"{\"device\": {}, \"steps\": [{\"vcm\": \"init\"}]}", "field \"vcm\": device 'device' has no \"actuator\""},
-        {"{\"device\": {\"memory\": {\"type\": 7}}, \"steps\": [{\"nvm\": \"read:120:16\"}]}",
-         "not within the memory's 128 bytes"},
+        {"{\"device\": {\"memory\": {\"type\": 7}}, \"steps\": [{\"nvm\": \"read:0:2147483648\"}]}",
+         "'2147483648' is not a length from -2147483648 to 2147483647"},
         {"{\"device\": {\"actuator\": {\"chip\": \"AD5823\", \"connection\": \"0x51\"},\n"
          "  \"memory\": {\"type\": 6, \"connection\": \"0x50\"}}, \"steps\": []}",
          "test.jsonc:2: field \"device.memory.connection\": connection 0x51 already has a part"},
@@ -136,15 +136,15 @@ TEST_F(ScenarioTest, PartStepKeysAndTheirShortNamesReadAlike)
     }
     // Problems read alike too, each naming the key as written.
     std::string error;
-    read(R"({"memory": "read:120:16"})", error);
+    read(R"({"memory": "read:65536:16"})", error);
     EXPECT_NE(error.find("step 1: field \"memory\": "), std::string::npos) << error;
-    EXPECT_NE(error.find("not within the memory's 128 bytes"), std::string::npos) << error;
+    EXPECT_NE(error.find("is not an address from 0 to 65535"), std::string::npos) << error;
     read(R"({"actuator": "init", "vcm": "init"})", error);
     EXPECT_NE(error.find("step 1: field \"vcm\": a step does one thing: 'actuator' and 'vcm' are two"),
               std::string::npos)
         << error;
     read(R"({"memory": "load", "note": "x", "lens": 1})", error);
-    EXPECT_NE(error.find("unknown field 'lens' (known here: memory, device, expect, note)"), std::string::npos)
+    EXPECT_NE(error.find("unknown field 'lens' (known here: memory, device, expect, note, irql)"), std::string::npos)
         << error;
 }
 
@@ -365,6 +365,75 @@ TEST_F(ScenarioTest, FilesBesideTheScenarioAndFilesItWrites)
         unlink((dir + f).c_str());
     }
     rmdir(dir.c_str());
+}
+
+// Charts and saved memories: written only by a run that passes, listed in its
+// summary, never over an existing file unless the scenario or the user says
+// so, into the output folder when one is given.
+TEST_F(ScenarioTest, OutputsAreWrittenOnlyByAPassingRunAndNeverOverAFile)
+{
+    std::string dir = ::testing::TempDir() + "scenario_outputs_" + std::to_string(getpid());
+    ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+    auto slurp = [](const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    };
+    auto scenario = [](const std::string& head, const std::string& expect) {
+        return "{" + head + R"("device": {"memory": {"type": 7, "save": "m.bin"},
+                              "actuator": {"chip": "DW9714", "plot": "lens.svg"}},
+                   "steps": [{"nvm": "write:0:4B56", "expect": {"status": ")" + expect + R"("}}]})";
+    };
+    struct Case {
+        std::string text;
+        bool force;
+        std::string output_dir;  // relative to dir
+        int status;
+        const char* said;     // in the output or the error
+        const char* m_bin;    // what dir/m.bin then holds
+    } cases[] = {
+        // A failed run leaves no file that could pass for a good run's.
+        {scenario("", "STATUS_UNSUCCESSFUL"), false, "", 1, "Not written, the run failed: " , ""},
+        {scenario("", "STATUS_SUCCESS"), false, "", 0, "Wrote: ", "KV"},
+        // Now m.bin exists: the run refuses before it starts, and keeps it.
+        {scenario("", "STATUS_SUCCESS"), false, "", 2, "lens.svg: the file exists; --force", "KV"},
+        {scenario(R"("overwrite": true, )", "STATUS_SUCCESS"), false, "", 0, "Wrote: ", "KV"},
+        {scenario("", "STATUS_SUCCESS"), true, "", 0, "Wrote: ", "KV"},
+        // The output folder takes the files; the scenario's folder is left alone.
+        {scenario("", "STATUS_SUCCESS"), false, "out", 0, "/out/m.bin (memory contents, 128 bytes)\n", "KV"},
+    };
+    ASSERT_EQ(mkdir((dir + "/out").c_str(), 0700), 0);
+    for (auto& c : cases) {
+        tool::ScenarioOptions options;
+        options.force = c.force;
+        options.output_dir = c.output_dir.empty() ? "" : dir + "/" + c.output_dir;
+        std::ostringstream o, e;
+        EXPECT_EQ(tool::run_scenario_text(c.text, dir + "/s.jsonc", dir, options, o, e), c.status) << o.str() << e.str();
+        EXPECT_NE((o.str() + e.str()).find(c.said), std::string::npos) << o.str() << e.str();
+        EXPECT_EQ(slurp(dir + "/m.bin").substr(0, 2), c.m_bin) << c.text;
+    }
+    EXPECT_NE(slurp(dir + "/out/lens.svg").find("<svg"), std::string::npos);
+    for (auto* f : {"/m.bin", "/lens.svg", "/out/m.bin", "/out/lens.svg"}) {
+        unlink((dir + f).c_str());
+    }
+    rmdir((dir + "/out").c_str());
+    rmdir(dir.c_str());
+}
+
+// Byte strings longer than a line show as a dump with offsets under -v, and
+// by their first bytes and length on the step's line.
+TEST_F(ScenarioTest, LongByteStringsPrintAsADump)
+{
+    const char* text = R"({"device": {"memory": {"type": 10}},
+      "steps": [{"nvm": "write:0:000102030405060708090A0B0C0D0E0F101112"},
+                {"nvm": "read:0:19", "expect": {"values": {"data": "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 11 12"}}}]})";
+    tool::ScenarioOptions verbose;
+    verbose.verbose = true;
+    ASSERT_EQ(run(text, verbose), 0) << err;
+    EXPECT_NE(out.find("data 00 01 02 03 04 05 06 07 ... (19 bytes)  ok\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("000000  00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("000010  10 11 12\n"), std::string::npos) << out;
+    // The write's 21 bytes on the bus: a head line, then the dump.
+    EXPECT_NE(out.find("conn 0x50  W  21:  STATUS_SUCCESS\n"), std::string::npos) << out;
 }
 
 // -v shows each step's transfers and trace events; the trace options print

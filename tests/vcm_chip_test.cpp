@@ -60,23 +60,25 @@ TEST_F(VcmChipTest, PositionsAreClampedPerChipAndRecordedAsEachChipSays)
     const struct {
         const char* chip;
         SHORT position;
-        int code;        // what the part receives
+        const char* wire;  // from the chip's register map
+        int code;        // what the part latches
         SHORT recorded;  // VcmPosition afterwards
         int high = 0;    // the code-MSB register before, for the merging chips
     } cases[] = {
-        {"AD5823", 0x2AB, 0x2AB, 0x2AB, 0xF4},  // 0xF4 -> 0xF6: bit 2 and the reserved bits stay
-        {"AD5823", 2000, 1023, 2000},           // the request is recorded, not the code
-        {"AD5823", -5, 1, -5},
-        {"AD5816", -5, 0, -5},
-        {"DW9719", -1, 0, -1, 0xFF},
-        {"DW9718", -1, 1023, 1023},  // 0xFFFF taken unsigned, the code is recorded
-        {"WV517S", 0, 1, 1},
-        {"DW9714", 0, 1, 1},
-        {"DW9714", 5000, 1023, 1023},
-        {"DW9806B", 0, 1, 0},
-        {"LC898122XA", 1500, 1500, 1500},
-        {"LC898122XA", 3000, 2047, 2047},
-        {"LC898122XA", 0, 0, 0},
+        // 0xF4 -> 0xF6: the merging chips keep the other bits of the MSB register.
+        {"AD5823", 0x2AB, "W 04|R F4|W 04 F6|W 05 AB", 0x2AB, 0x2AB, 0xF4},
+        {"AD5823", 2000, "W 04|R 00|W 04 03|W 05 FF", 1023, 2000},  // the request is recorded, not the code
+        {"AD5823", -5, "W 04|R 00|W 04 00|W 05 01", 1, -5},
+        {"AD5816", -5, "W 03 00|W 04 00", 0, -5},
+        {"DW9719", -1, "W 03|R FF|W 03 FC|W 04 00", 0, -1, 0xFF},
+        {"DW9718", -1, "W 02 03|W 03 FF", 1023, 1023},  // 0xFFFF taken unsigned, the code is recorded
+        {"WV517S", 0, "W 41 00|W 42 01", 1, 1},
+        {"DW9714", 0, "W 00 10", 1, 1},
+        {"DW9714", 5000, "W 3F F0", 1023, 1023},
+        {"DW9806B", 0, "W 03|R 00|W 03 00|W 04 01", 1, 0},
+        {"LC898122XA", 1500, "W 03 80 BB|W 03 81 80", 1500, 1500},
+        {"LC898122XA", 3000, "W 03 80 FF|W 03 81 E0", 2047, 2047},
+        {"LC898122XA", 0, "W 03 80 00|W 03 81 00", 0, 0},
     };
     for (auto& c : cases) {
         SCOPED_TRACE(std::string(c.chip) + " " + std::to_string(c.position));
@@ -86,8 +88,7 @@ TEST_F(VcmChipTest, PositionsAreClampedPerChipAndRecordedAsEachChipSays)
         clear();
         int64_t start = sys.clock().now();
         EXPECT_EQ(row().SetPos(ctx, c.position), STATUS_SUCCESS);
-        int high = c.high;
-        EXPECT_EQ(timeline(), position_wire(c.chip, c.code, high));
+        EXPECT_EQ(timeline(), wire(c.wire));
         EXPECT_EQ(vcm.code(), c.code);
         EXPECT_EQ(ctx->VcmPosition, c.recorded);
         EXPECT_EQ(ctx->VcmLastMoveDistance, LONG(USHORT(c.recorded)) - 7);
@@ -160,16 +161,35 @@ TEST_F(VcmChipTest, ResetRampsStepThirtyTwoCodesWithTheirPauses)
         ctx->VcmLowPosition = c.low;
         clear();
         EXPECT_EQ(row().ResetPos(ctx), STATUS_SUCCESS);
-        Wire wire;
-        int high = 0;
-        for (int code : c.steps) {
-            wire = wire + position_wire(c.chip, code, high) + Wire{"delay " + std::to_string(c.pause_ms) + " ms"};
+        // Every step latched on the part, each followed by its pause.
+        std::vector<int> latched, pauses;
+        for (auto& point : vcm.trajectory()) {
+            latched.push_back(point.code);
         }
-        EXPECT_EQ(timeline(), wire);
-        EXPECT_EQ(vcm.code(), c.steps.back());
+        for (auto& line : timeline()) {
+            if (line.starts_with("delay ")) {
+                pauses.push_back(std::stoi(line.substr(6)));
+            }
+        }
+        EXPECT_EQ(latched, c.steps);
+        EXPECT_EQ(pauses, std::vector<int>(c.steps.size(), c.pause_ms));
         EXPECT_EQ(ctx->VcmPosition, c.steps.back());
         EXPECT_EQ(marked(std::string(c.chip) + "_ResetPos -").size(), 1u);
     }
+
+    // DW9719's rest is the module's low position as it stands at each step:
+    // raised past the next step during the first pause, the ramp from 500
+    // ends at once on the new one.
+    auto& dw9719 = select("DW9719");
+    ctx->VcmPosition = 500;
+    ctx->VcmLowPosition = 100;
+    sys.clock().add_timer(sys.clock().now() + 5 * 10000, [&] { ctx->VcmLowPosition = 480; });
+    ASSERT_EQ(DW9719_ResetPos(ctx), STATUS_SUCCESS);
+    std::vector<int> latched;
+    for (auto& point : dw9719.trajectory()) {
+        latched.push_back(point.code);
+    }
+    EXPECT_EQ(latched, (std::vector<int>{500, 480}));
 
     // DW9718 records the clamped code, so after SetPos(2000) the ramp
     // starts at 1023: 32 steps, then 1.

@@ -110,6 +110,8 @@ TEST_F(VcmFaultTest, EveryTransferOfEveryOperationFailedThreeWays)
         ASSERT_EQ(run(s), STATUS_SUCCESS) << what;
         auto clean = sys.bus().transcript();
         ASSERT_FALSE(clean.empty()) << what;
+        SHORT clean_position = ctx->VcmPosition;
+        LONG clean_distance = ctx->VcmLastMoveDistance;
 
         for (size_t k = 0; k < clean.size(); k++) {
             cases++;
@@ -127,7 +129,14 @@ TEST_F(VcmFaultTest, EveryTransferOfEveryOperationFailedThreeWays)
                     KeSetEvent(&ctx->BusLock, 0, FALSE);  // so that the sweep goes on
                 }
                 if (result_ignored(s, clean[k], k)) {
+                    // Nothing else is different either: the move is
+                    // recorded as in the run without a failure.
                     EXPECT_EQ(status, STATUS_SUCCESS);
+                    if (s.op != Op::Init) {
+                        EXPECT_EQ(ctx->VcmPosition, clean_position);
+                        EXPECT_EQ(ctx->VcmLastMoveDistance, clean_distance);
+                        EXPECT_NE(ctx->VcmLastMoveTime, 0);
+                    }
                     continue;
                 }
                 EXPECT_EQ(status, fault.status);

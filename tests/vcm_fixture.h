@@ -54,33 +54,6 @@ inline Wire operator+(Wire a, const Wire& b)
     return a;
 }
 
-// What the part needs to see for one position, per chip; `high` is what the
-// code-MSB register holds before (the merging chips read it back).
-inline Wire merged(uint8_t high_reg, uint8_t low_reg, int code, int& high)
-{
-    int before = high;
-    high = (before & ~3) | (code >> 8);
-    return {W({high_reg}), R(uint8_t(before)), W({high_reg, uint8_t(high)}), W({low_reg, uint8_t(code)})};
-}
-inline Wire position_wire(const std::string& chip, int code, int& high)
-{
-    uint8_t h = uint8_t(code >> 8), l = uint8_t(code);
-    if (chip == "AD5823") {
-        return merged(0x04, 0x05, code, high);
-    }
-    if (chip == "DW9719" || chip == "DW9806B") {
-        return merged(0x03, 0x04, code, high);
-    }
-    if (chip == "DW9714") {
-        return {W({uint8_t(code >> 4), uint8_t(code << 4)})};
-    }
-    if (chip == "LC898122XA") {
-        return {W({0x03, 0x80, uint8_t(code >> 3)}), W({0x03, 0x81, uint8_t((code & 7) << 5)})};
-    }
-    uint8_t high_reg = chip == "AD5816" ? 0x03 : chip == "DW9718" ? 0x02 : 0x41;
-    return {W({high_reg, h}), W({uint8_t(high_reg + 1), l})};
-}
-
 class VcmTest : public DriverTest {
 protected:
     static constexpr uint64_t kConnection = 0x1C;

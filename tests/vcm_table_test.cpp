@@ -15,48 +15,57 @@ std::vector<ULONG> config(std::vector<ULONG> pairs)
     return pairs;
 }
 
+// Each chip's count and the number of leading pairs whose Reg it verifies:
+// a wrong Reg in the last verified pair is refused, in the first pair past
+// them it is taken; one pair more or fewer is refused by count.
 TEST_F(VcmTableTest, SetConfigAcceptsOnlyTheChipsCountAndRegisters)
 {
     select("DW9806B");
     const struct {
-        const char* what;
         int row;
-        std::vector<ULONG> config;
-        size_t checked;      // "reg - data" events
-        const char* reject;  // "incorrect count" or "incorrect reg - data"; none: applied
-    } cases[] = {
-        {"DW9806B, its last Reg is not compared", VCM_TYPE_DW9806B,
-         config({2, 0x11, 2, 0x12, 0xFF, 5, 2, 0x13, 6, 0x14, 0x99, 0x15}), 5, nullptr},
-        {"DW9806B, one pair too many", VCM_TYPE_DW9806B, config({2, 1, 2, 0, 0xFF, 1, 2, 2, 6, 0x61, 7, 0x3D, 8, 0}),
-         0, "incorrect count"},
-        {"AD5823, second Reg 4 instead of 3", VCM_TYPE_AD5823, config({2, 1, 4, 0x60, 4, 4, 5, 0, 6, 0, 7, 0xA0}), 2,
-         "incorrect reg - data"},
-        {"DW9714, entry 4's Reg is free", VCM_TYPE_DW9714,
-         config({0xEC, 0xA3, 0xA1, 0x0E, 0xF2, 0xC0, 0xDC, 0x51, 0x77, 0x0F}), 4, nullptr},
-        {"DW9718, sixth Reg wrong", VCM_TYPE_DW9718, config({0, 0, 1, 0x39, 2, 0, 3, 0, 4, 0, 6, 0x62, 0x10, 1}), 6,
-         "incorrect reg - data"},
-        {"LC898122XA, 37 pairs", VCM_TYPE_LC898122XA, config(std::vector<ULONG>(37 * 2, 0x25)), 0, "incorrect count"},
-    };
-    for (auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        auto [table, count] = settings()[size_t(c.row - 1)];
+        size_t count, verified;
+    } chips[] = {{VCM_TYPE_AD5823, 6, 6}, {VCM_TYPE_DW9714, 5, 4},  {VCM_TYPE_AD5816, 6, 6},
+                 {VCM_TYPE_DW9719, 6, 6}, {VCM_TYPE_DW9718, 7, 6},  {VCM_TYPE_DW9806B, 6, 5},
+                 {VCM_TYPE_WV517S, 6, 5}, {VCM_TYPE_LC898122XA, 38, 38}};
+    for (const auto& chip : chips) {
+        auto [table, count] = settings()[size_t(chip.row - 1)];
         std::vector<VCM_REG_DATA> before(table, table + count);
-        clear();
-        EXPECT_EQ(VcmDrivers[c.row].SetConfig(ctx, c.config.data()), STATUS_SUCCESS);
-        for (size_t i = 0; i < count; i++) {
-            EXPECT_EQ(table[i].Reg, before[i].Reg) << "registers never change";
-            EXPECT_EQ(table[i].Data, c.reject ? before[i].Data : c.config[2 + 2 * i]) << i;
+        const struct {
+            size_t pairs;
+            size_t wrong;        // the pair whose Reg is changed; none past the pairs
+            const char* reject;  // none: applied
+        } cases[] = {
+            {chip.count, chip.verified - 1, "incorrect reg - data"},
+            {chip.count, chip.verified, nullptr},
+            {chip.count + 1, 99, "incorrect count"},
+            {chip.count - 1, 99, "incorrect count"},
+        };
+        for (const auto& c : cases) {
+            std::string name = VcmDrivers[chip.row].Name;
+            SCOPED_TRACE(testing::Message() << name << ", " << c.pairs << " pairs, pair " << c.wrong << " wrong");
+            std::copy(before.begin(), before.end(), table);
+            std::vector<ULONG> config = {ULONG(c.pairs)};
+            for (size_t i = 0; i < c.pairs; i++) {
+                config.push_back(i == c.wrong ? 0x1234 : i < count ? before[i].Reg : 0);
+                config.push_back(ULONG(0x40 + i));
+            }
+            clear();
+            EXPECT_EQ(VcmDrivers[chip.row].SetConfig(ctx, config.data()), STATUS_SUCCESS);
+            for (size_t i = 0; i < count; i++) {
+                EXPECT_EQ(table[i].Reg, before[i].Reg) << "registers never change";
+                EXPECT_EQ(table[i].Data, c.reject ? before[i].Data : 0x40 + i) << i;
+            }
+            EXPECT_EQ(marked("reg - data").size(), c.reject && c.pairs != chip.count ? 0 : chip.verified);
+            if (c.reject) {
+                ASSERT_EQ(marked(c.reject).size(), 1u);
+                EXPECT_EQ(numbers(marked(c.reject)[0])[0], c.pairs == chip.count ? 0x1234 : c.pairs);
+            }
+            EXPECT_EQ(marked(name + "_SetConfig +").size(), 1u);
+            ASSERT_EQ(marked(name + "_SetConfig -").size(), 1u);
+            // The events name the device's chip, whichever routine ran.
+            EXPECT_EQ(host::Traces::text(marked(name + "_SetConfig -")[0], 1), "DW9806B");
         }
-        EXPECT_EQ(marked("reg - data").size(), c.checked);
-        if (c.reject) {
-            ASSERT_EQ(marked(c.reject).size(), 1u);
-            EXPECT_EQ(numbers(marked(c.reject)[0])[0], c.config[c.checked ? 2 * c.checked - 1 : 0]);
-        }
-        std::string name = VcmDrivers[c.row].Name;
-        EXPECT_EQ(marked(name + "_SetConfig +").size(), 1u);
-        ASSERT_EQ(marked(name + "_SetConfig -").size(), 1u);
-        // The events name the device's chip, whichever routine ran.
-        EXPECT_EQ(host::Traces::text(marked(name + "_SetConfig -")[0], 1), "DW9806B");
+        std::copy(before.begin(), before.end(), table);
     }
 
     clear();

@@ -3,6 +3,7 @@
 #include "actuator_cli.h"
 
 #include "bus_report.h"
+#include "files.h"
 #include "parse.h"
 #include "host/bus.h"
 #include "sim/actuator.h"
@@ -12,7 +13,6 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
-#include <fstream>
 #include <sstream>
 
 namespace korvanel::tool {
@@ -120,7 +120,7 @@ std::optional<std::vector<ActuatorOp>> parse_actuator_ops(const std::string& lis
 void add_actuator_options(CLI::App& app, ActuatorOptions& options)
 {
     app.add_option("--vcm", options.selection.chip, "attach a lens actuator: " + actuator_chip_names() + ", or its table row 1-8");
-    app.add_option("--vcm-connection", options.selection.connection, "its resource-hub connection id (default 0x1C)");
+    app.add_option("--vcm-connection", options.connection, "its resource-hub connection id (default 0x1C)");
     app.add_option_function<std::string>(
         "--vcm-address",
         [&options](const std::string& text) {
@@ -141,7 +141,7 @@ void add_actuator_options(CLI::App& app, ActuatorOptions& options)
     app.add_option("--svg", options.svg, "write the lens trajectory as an SVG chart to this file");
 }
 
-std::optional<std::vector<ActuatorOp>> check_actuator_options(const ActuatorOptions& options, std::string& error)
+std::optional<std::vector<ActuatorOp>> check_actuator_options(ActuatorOptions& options, std::string& error)
 {
     if (options.selection.chip.empty()) {
         if (options.ops_given || !options.svg.empty()) {
@@ -153,6 +153,18 @@ std::optional<std::vector<ActuatorOp>> check_actuator_options(const ActuatorOpti
     if (sim::find_actuator_chip(options.selection.chip) == nullptr) {
         error = "unknown actuator chip '" + options.selection.chip + "' (" + actuator_chip_names() + ", or 1-8)";
         return std::nullopt;
+    }
+    auto connection = parse_unsigned(options.connection);
+    if (!connection) {
+        error = "--vcm-connection: '" + options.connection + "' is not a connection id (0 to 0xFFFFFFFFFFFFFFFF)";
+        return std::nullopt;
+    }
+    options.selection.connection = *connection;
+    if (!options.svg.empty()) {
+        if (auto problem = check_output(options.svg, {options.force, "--force", {}})) {
+            error = "--svg " + *problem;
+            return std::nullopt;
+        }
     }
     return parse_actuator_ops(options.ops, error);
 }
@@ -260,9 +272,12 @@ bool run_actuator_options(host::System& sys, PDEVICE_CONTEXT context, const Actu
         waveform->watch(model);
     }
     result = run_actuator(sys, context, ops);
-    if (!options.svg.empty() && !(std::ofstream(options.svg) << trajectory_svg(result))) {
-        error = "cannot write " + options.svg;
-        return false;
+    if (!options.svg.empty()) {
+        if (auto problem = write_output(options.svg, trajectory_svg(result), {options.force, "--force", {}})) {
+            error = "--svg " + *problem;
+            return false;
+        }
+        result["chart"] = options.svg;
     }
     return true;
 }
@@ -289,7 +304,7 @@ void print_actuator(const ordered_json& a)
                r["op"].get<std::string>().c_str(), r["status"].get<std::string>().c_str(),
                r["recorded_position"].get<int>(), extra.c_str());
     }
-    printf("Bus transcript (%zu transfers):\n", a["transcript_lines"].size());
+    printf("Bus transcript (%zu transfers):\n", a["transcript"].size());
     for (auto& line : a["transcript_lines"]) {
         printf("  %s\n", line.get<std::string>().c_str());
     }
@@ -298,45 +313,160 @@ void print_actuator(const ordered_json& a)
     for (auto& p : a["trajectory"]) {
         printf("  %10.4f ms  code %u\n", p["time_ms"].get<double>(), p["code"].get<unsigned>());
     }
+    if (a.contains("chart")) {
+        printf("Chart: %s\n", a["chart"].get<std::string>().c_str());
+    }
 }
+
+namespace {
+
+// Round tick values over [low, high]: a step of 1, 2 or 5 times a power of
+// ten giving four to eight ticks, and the range widened to whole steps.
+struct Ticks {
+    double first, last, step;
+};
+
+Ticks round_ticks(double low, double high)
+{
+    if (high <= low) {
+        high = low + 1;
+    }
+    double raw = (high - low) / 8;
+    double power = std::pow(10.0, std::floor(std::log10(raw)));
+    double step = power;
+    for (double m : {1.0, 2.0, 5.0, 10.0}) {
+        if (m * power >= raw) {
+            step = m * power;
+            break;
+        }
+    }
+    return {std::floor(low / step) * step, std::ceil(high / step) * step, step};
+}
+
+std::string number_text(double v)
+{
+    char text[32];
+    snprintf(text, sizeof text, "%g", std::fabs(v) < 1e-9 ? 0.0 : v);
+    return text;
+}
+
+std::string xml_text(const std::string& text)
+{
+    std::string out;
+    for (char c : text) {
+        out += c == '<' ? "&lt;" : c == '>' ? "&gt;" : c == '&' ? "&amp;" : c == '"' ? "&quot;" : std::string(1, c);
+    }
+    return out;
+}
+
+}  // namespace
 
 std::string trajectory_svg(const ordered_json& a)
 {
-    const double width = 720, height = 400, left = 70, right = 20, top = 40, bottom = 50;
-    double t_end = std::max(1.0, a.value("end_ms", 1.0));
-    double c_max = a.value("max_code", 1023);
-    auto x = [&](double t) { return left + (width - left - right) * t / t_end; };
-    auto y = [&](double c) { return height - bottom - (height - top - bottom) * c / c_max; };
+    const auto& points = a.contains("trajectory") ? a["trajectory"] : ordered_json::array();
+    const auto& operations = a.contains("operations") ? a["operations"] : ordered_json::array();
+    // Operation labels sit in lanes above the plot, each in the first lane
+    // where it clears the label before it: their x is known once the time
+    // axis is, their lane count sets the top margin.
+    const double width = 760, left = 70, right = 80, bottom = 50, lane_height = 13, char_width = 6;
+    double low = a.value("low", 0.0), high = a.value("high", double(a.value("max_code", 1023)));
+
+    // The code axis covers every move and the module's low and high positions.
+    double c_min = std::min(low, high), c_max = std::max(low, high);
+    for (auto& p : points) {
+        c_min = std::min(c_min, p["code"].get<double>());
+        c_max = std::max(c_max, p["code"].get<double>());
+    }
+    Ticks codes = round_ticks(c_min, c_max);
+    // Time from 0 to the run's end, in seconds once it lasts two or more.
+    double end_ms = std::max(a.value("end_ms", 0.0), 0.001);
+    bool seconds = end_ms >= 2000;
+    double unit = seconds ? 1000.0 : 1.0;
+    Ticks times = round_ticks(0, end_ms / unit);
+    auto x = [&](double ms) {
+        return left + (width - left - right) * (ms / unit - times.first) / (times.last - times.first);
+    };
+    std::vector<double> lane_ends;
+    std::vector<size_t> lanes;
+    for (auto& op : operations) {
+        double from = x(op["time_ms"].get<double>()) - 2;
+        double to = from + char_width * double(op["op"].get<std::string>().size()) + 8;
+        size_t lane = 0;
+        while (lane < lane_ends.size() && lane_ends[lane] > from) {
+            lane++;
+        }
+        if (lane == lane_ends.size()) {
+            lane_ends.push_back(to);
+        } else {
+            lane_ends[lane] = to;
+        }
+        lanes.push_back(lane);
+    }
+    const double top = 56 + lane_height * double(lane_ends.size()) + (lane_ends.empty() ? 0 : 8);
+    const double height = top + 334 + bottom;
+    auto y_lane = [&](size_t lane) { return 56 + lane_height * double(lane + 1); };
+
+    auto y = [&](double c) {
+        return height - bottom - (height - top - bottom) * (c - codes.first) / (codes.last - codes.first);
+    };
 
     std::ostringstream svg;
     svg << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\"" << height
         << "\" viewBox=\"0 0 " << width << " " << height << "\" font-family=\"sans-serif\" font-size=\"12\">\n";
     svg << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";
-    svg << "<text x=\"" << left << "\" y=\"24\" font-size=\"15\">" << a.value("chip", std::string("actuator"))
-        << " lens position (bus " << a.value("bus_speed", std::string("?")) << ")</text>\n";
-    // Axes with five ticks each.
-    svg << "<g stroke=\"#444\">\n<line x1=\"" << left << "\" y1=\"" << y(0) << "\" x2=\"" << width - right
-        << "\" y2=\"" << y(0) << "\"/>\n<line x1=\"" << left << "\" y1=\"" << y(0) << "\" x2=\"" << left
-        << "\" y2=\"" << top << "\"/>\n</g>\n";
-    for (int i = 0; i <= 5; i++) {
-        double t = t_end * i / 5, c = c_max * i / 5;
-        char label[32];
-        snprintf(label, sizeof label, "%.1f", t);
-        svg << "<line x1=\"" << x(t) << "\" y1=\"" << y(0) << "\" x2=\"" << x(t) << "\" y2=\"" << y(0) + 5
-            << "\" stroke=\"#444\"/><text x=\"" << x(t) << "\" y=\"" << y(0) + 18 << "\" text-anchor=\"middle\">"
-            << label << "</text>\n";
+    std::string module = a.value("module", std::string());
+    svg << "<text x=\"" << left << "\" y=\"22\" font-size=\"15\">" << xml_text(a.value("chip", std::string("actuator")))
+        << " lens position" << (module.empty() ? "" : ", module " + xml_text(module)) << ", low "
+        << number_text(low) << ", high " << number_text(high) << "</text>\n";
+    svg << "<text x=\"" << left << "\" y=\"40\" fill=\"#555\">bus " << xml_text(a.value("bus_speed", std::string("?")))
+        << ", " << points.size() << (points.size() == 1 ? " move" : " moves") << ", run of "
+        << number_text(std::round(end_ms / unit * 1000) / 1000) << (seconds ? " s" : " ms") << "</text>\n";
+
+    // Grid and tick labels.
+    for (double c = codes.first; c <= codes.last + codes.step / 2; c += codes.step) {
         svg << "<line x1=\"" << left - 5 << "\" y1=\"" << y(c) << "\" x2=\"" << width - right << "\" y2=\"" << y(c)
-            << "\" stroke=\"#ddd\"/><text x=\"" << left - 8 << "\" y=\"" << y(c) + 4 << "\" text-anchor=\"end\">"
-            << std::lround(c) << "</text>\n";
+            << "\" stroke=\"#e4e4e4\"/><text x=\"" << left - 8 << "\" y=\"" << y(c) + 4
+            << "\" text-anchor=\"end\">" << number_text(c) << "</text>\n";
     }
-    svg << "<text x=\"" << (left + width - right) / 2 << "\" y=\"" << height - 12
-        << "\" text-anchor=\"middle\">time (ms)</text>\n";
-    svg << "<text transform=\"translate(16," << (top + height - bottom) / 2
+    for (double t = times.first; t <= times.last + times.step / 2; t += times.step) {
+        svg << "<line x1=\"" << x(t * unit) << "\" y1=\"" << y(codes.first) << "\" x2=\"" << x(t * unit)
+            << "\" y2=\"" << y(codes.first) + 5 << "\" stroke=\"#444\"/><text x=\"" << x(t * unit) << "\" y=\""
+            << y(codes.first) + 18 << "\" text-anchor=\"middle\">" << number_text(t) << "</text>\n";
+    }
+    svg << "<g stroke=\"#444\">\n<line x1=\"" << left << "\" y1=\"" << y(codes.first) << "\" x2=\"" << width - right
+        << "\" y2=\"" << y(codes.first) << "\"/>\n<line x1=\"" << left << "\" y1=\"" << y(codes.first)
+        << "\" x2=\"" << left << "\" y2=\"" << y(codes.last) << "\"/>\n</g>\n";
+    svg << "<text x=\"" << (left + width - right) / 2 << "\" y=\"" << height - 12 << "\" text-anchor=\"middle\">time ("
+        << (seconds ? "s" : "ms") << ")</text>\n";
+    svg << "<text transform=\"translate(18," << (top + height - bottom) / 2
         << ") rotate(-90)\" text-anchor=\"middle\">code</text>\n";
 
+    // The module's low and high positions.
+    for (auto [value, name] : {std::pair{low, "low"}, std::pair{high, "high"}}) {
+        svg << "<line x1=\"" << left << "\" y1=\"" << y(value) << "\" x2=\"" << width - right << "\" y2=\""
+            << y(value) << "\" stroke=\"#2ca02c\" stroke-dasharray=\"6,4\"/><text x=\"" << width - right + 6
+            << "\" y=\"" << y(value) + 4 << "\" fill=\"#2ca02c\">" << name << " " << number_text(value)
+            << "</text>\n";
+    }
+
+    // Each operation where it happened: a faint line from the time axis up
+    // to its name in its lane.
+    for (size_t i = 0; i < operations.size(); i++) {
+        double t = operations[i]["time_ms"].get<double>();
+        svg << "<line x1=\"" << x(t) << "\" y1=\"" << y(codes.first) << "\" x2=\"" << x(t) << "\" y2=\""
+            << y_lane(lanes[i]) + 2 << "\" stroke=\"#c7c7c7\" stroke-dasharray=\"2,3\"/><text x=\"" << x(t) + 2
+            << "\" y=\"" << y_lane(lanes[i]) << "\" font-size=\"10\" fill=\"#555\">"
+            << xml_text(operations[i]["op"].get<std::string>()) << "</text>\n";
+    }
+
+    if (points.empty()) {
+        svg << "<text x=\"" << (left + width - right) / 2 << "\" y=\"" << (top + height - bottom) / 2
+            << "\" text-anchor=\"middle\" font-size=\"16\" fill=\"#888\">no moves</text>\n";
+        svg << "</svg>\n";
+        return svg.str();
+    }
     // The lens holds each code until the next move: a step line, a dot per move.
     std::ostringstream path;
-    auto& points = a["trajectory"];
     for (size_t i = 0; i < points.size(); i++) {
         double t = points[i]["time_ms"].get<double>(), c = points[i]["code"].get<double>();
         if (i > 0) {
@@ -344,11 +474,8 @@ std::string trajectory_svg(const ordered_json& a)
         }
         path << " " << x(t) << "," << y(c);
     }
-    if (!points.empty()) {
-        path << " " << x(t_end) << "," << y(points.back()["code"].get<double>());
-        svg << "<polyline fill=\"none\" stroke=\"#1f77b4\" stroke-width=\"1.5\" points=\"" << path.str()
-            << "\"/>\n";
-    }
+    path << " " << x(end_ms) << "," << y(points.back()["code"].get<double>());
+    svg << "<polyline fill=\"none\" stroke=\"#1f77b4\" stroke-width=\"1.5\" points=\"" << path.str() << "\"/>\n";
     for (auto& p : points) {
         svg << "<circle cx=\"" << x(p["time_ms"].get<double>()) << "\" cy=\"" << y(p["code"].get<double>())
             << "\" r=\"2.5\" fill=\"#d62728\"><title>" << p["time_ms"].get<double>() << " ms: "

@@ -41,15 +41,18 @@ std::optional<std::vector<ActuatorOp>> parse_actuator_ops(const std::string& lis
 
 struct ActuatorOptions {
     platform::ActuatorSelection selection;  // chip: name or table row; empty: no actuator
+    std::string connection = "0x1C";        // --vcm-connection as given; into selection by the check
     std::string ops = "init,setpos:512,getpos,status,hpstatus,resetpos";
     bool ops_given = false;
     std::string svg;                     // trajectory chart file
+    bool force = false;                  // --force: the chart may replace a file
 };
 
 void add_actuator_options(CLI::App& app, ActuatorOptions& options);
 
 // The checked operation list, or a message for the user (exit status 2).
-std::optional<std::vector<ActuatorOp>> check_actuator_options(const ActuatorOptions& options, std::string& error);
+// Fills the selection's connection.
+std::optional<std::vector<ActuatorOp>> check_actuator_options(ActuatorOptions& options, std::string& error);
 
 // Runs the operations through the row VcmType selects. The result holds the
 // chip, each operation with its status and outputs, the decoded bus
@@ -64,15 +67,19 @@ nlohmann::ordered_json run_actuator_op(host::System& sys, PDEVICE_CONTEXT contex
 // end and the chip's largest code: what trajectory_svg() draws.
 nlohmann::ordered_json lens_trajectory(const sim::ActuatorModel* model, int64_t origin, int64_t end);
 
-// The tool's run: attach, run, write the chart if asked. False with a
-// message when the chart cannot be written.
+// The tool's run: attach, run, write the chart if asked (the result says
+// where, in "chart"). False with a message when the chart cannot be written.
 bool run_actuator_options(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOptions& options,
                           const std::vector<ActuatorOp>& ops, nlohmann::ordered_json& result, std::string& error,
                           Waveform* waveform = nullptr);
 
 void print_actuator(const nlohmann::ordered_json& result);
 
-// A line chart of the trajectory: time on x, code on y, one point per move.
+// A step chart of the trajectory: time on x (ms, or s for a long run), code
+// on y fitted to the moves and the module's low and high positions (both
+// marked), a dot per move, each operation labelled at its time ("operations":
+// {"time_ms", "op"}), the chip, module and low/high in the title; an empty
+// run says it has no moves.
 std::string trajectory_svg(const nlohmann::ordered_json& result);
 
 }  // namespace korvanel::tool

@@ -53,6 +53,17 @@ std::vector<std::string> hex_dump(const std::vector<uint8_t>& bytes)
     return lines;
 }
 
+std::vector<std::string> byte_lines(const std::vector<uint8_t>& bytes)
+{
+    if (bytes.empty()) {
+        return {};
+    }
+    if (bytes.size() <= kBytesPerLine) {
+        return {hex_bytes(bytes.data(), bytes.size())};
+    }
+    return hex_dump(bytes);
+}
+
 std::optional<host::BusSpeed> parse_bus_speed(const std::string& text)
 {
     std::string t = text;
@@ -84,11 +95,22 @@ std::string transfer_line(const host::BusTransfer& t, int64_t origin)
     snprintf(head, sizeof head, "%10s ms  conn %s  %s %3u:", milliseconds(t.time - origin).c_str(),
              connection_text(t.connection).c_str(), t.direction == host::Direction::Write ? "W" : "R", t.length);
     std::string line = head;
-    if (!t.bytes.empty()) {
+    if (!t.bytes.empty() && t.bytes.size() <= kBytesPerLine) {
         line += " " + hex_bytes(t.bytes.data(), t.bytes.size());
     }
     line += "  " + host::status_name(t.status);
     return line;
+}
+
+std::vector<std::string> transfer_lines(const host::BusTransfer& t, int64_t origin)
+{
+    std::vector<std::string> lines = {transfer_line(t, origin)};
+    if (t.bytes.size() > kBytesPerLine) {
+        for (auto& line : hex_dump(t.bytes)) {
+            lines.push_back("                 " + line);
+        }
+    }
+    return lines;
 }
 
 std::vector<std::string> transcript_lines(const std::vector<host::BusTransfer>& transcript, int64_t origin)
@@ -96,7 +118,8 @@ std::vector<std::string> transcript_lines(const std::vector<host::BusTransfer>& 
     std::vector<std::string> lines;
     lines.reserve(transcript.size());
     for (auto& t : transcript) {
-        lines.push_back(transfer_line(t, origin));
+        auto more = transfer_lines(t, origin);
+        lines.insert(lines.end(), more.begin(), more.end());
     }
     return lines;
 }

@@ -15,7 +15,10 @@ namespace korvanel::tool {
 
 // Times are printed relative to `origin` (clock units of 100 ns), in
 // milliseconds with microsecond digits.
+// A transfer of more than kBytesPerLine bytes gives its head line, then its
+// bytes as a dump, each line indented under it.
 std::string transfer_line(const host::BusTransfer& transfer, int64_t origin);
+std::vector<std::string> transfer_lines(const host::BusTransfer& transfer, int64_t origin);
 std::vector<std::string> transcript_lines(const std::vector<host::BusTransfer>& transcript, int64_t origin);
 nlohmann::ordered_json transcript_json(const std::vector<host::BusTransfer>& transcript, int64_t origin);
 
@@ -31,5 +34,9 @@ std::string connection_text(uint64_t connection);
 std::string hex_bytes(const uint8_t* data, size_t n);
 // 16 bytes a line with the address; runs of equal lines are shown as "*".
 std::vector<std::string> hex_dump(const std::vector<uint8_t>& bytes);
+// Bytes as a report shows them: one line of hex_bytes() when they fit in
+// kBytesPerLine, a hex_dump() otherwise; nothing for none.
+constexpr size_t kBytesPerLine = 16;
+std::vector<std::string> byte_lines(const std::vector<uint8_t>& bytes);
 
 }  // namespace korvanel::tool

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <strings.h>
 #include <optional>
 
 namespace korvanel::tool {
@@ -15,8 +16,6 @@ using json = nlohmann::ordered_json;
 using nlohmann::ordered_json;
 
 namespace {
-
-const char* const kTableNames[] = {"Still", "Video", "Preview", "Raw"};
 
 struct Operation;
 
@@ -325,7 +324,7 @@ const std::vector<Operation>& operations()
                  ordered_json result = with_status(si.GetModeTables(context, out[0], out[1], out[2], out[3]));
                  for (int t = 0; t < 4; t++) {
                      if (lists[t] != nullptr) {
-                         result[kTableNames[t]] = list_json(lists[t], Record::ModeEntry);
+                         result[mode_table_names()[t]] = list_json(lists[t], Record::ModeEntry);
                      }
                  }
                  return result;
@@ -346,12 +345,14 @@ const std::vector<Operation>& operations()
         {"SelectMode", {"TableIndex", "MinWidth", "MinHeight", "FrameRate"}, {}, {}, std::nullopt,
          [](Reader& r) -> Made {
              long long table = 2;
-             if (const json* given = r.get("TableIndex")) {
-                 auto* name = given->is_string() ? std::find(std::begin(kTableNames), std::end(kTableNames),
-                                                             given->get<std::string>())
-                                                 : std::end(kTableNames);
-                 table = name != std::end(kTableNames) ? name - std::begin(kTableNames)
-                                                       : r.integer("TableIndex", INT32_MIN, INT32_MAX, 2);
+             if (const json* given = r.get("TableIndex"); given != nullptr && given->is_string()) {
+                 auto index = table_index(given->get<std::string>());
+                 if (!index) {
+                     r.fail("TableIndex", "TableIndex " + given->dump() + " is not " + table_index_forms());
+                 }
+                 table = index.value_or(2);
+             } else {
+                 table = r.integer("TableIndex", INT32_MIN, INT32_MAX, 2);
              }
              LONG w = LONG(r.integer("MinWidth", INT32_MIN, INT32_MAX, std::nullopt));
              LONG h = LONG(r.integer("MinHeight", INT32_MIN, INT32_MAX, std::nullopt));
@@ -480,6 +481,33 @@ const Operation* find_operation(const std::string& name)
 }
 
 }  // namespace
+
+const std::vector<const char*>& mode_table_names()
+{
+    static const std::vector<const char*> names = {"Still", "Video", "Preview", "Raw"};
+    return names;
+}
+
+std::optional<long long> table_index(const std::string& text)
+{
+    auto& names = mode_table_names();
+    for (size_t i = 0; i < names.size(); i++) {
+        if (strcasecmp(names[i], text.c_str()) == 0) {
+            return (long long)i;
+        }
+    }
+    return parse_integer(text, INT32_MIN, INT32_MAX);
+}
+
+std::string table_index_forms()
+{
+    std::string out = "a mode table: ";
+    auto& names = mode_table_names();
+    for (size_t i = 0; i < names.size(); i++) {
+        out += std::string(i ? ", " : "") + names[i] + " (" + std::to_string(i) + ")";
+    }
+    return out + ", or a number from -2147483648 to 2147483647";
+}
 
 std::vector<std::string> call_names()
 {

@@ -24,6 +24,7 @@
 #include <nlohmann/json.hpp>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,14 @@ struct ArgumentError {
 // then what the call handed back by name. With `raw`, records carry their
 // bytes too ("bytes").
 using PreparedCall = std::function<nlohmann::ordered_json(const SENSOR_INTERFACE& si, bool raw)>;
+
+// The mode tables by name, in TableIndex order: Still (0), Video, Preview, Raw.
+const std::vector<const char*>& mode_table_names();
+// A TableIndex as a user writes it: a table's name (any case) or a number,
+// which goes to the driver as given. Nothing for anything else.
+std::optional<long long> table_index(const std::string& text);
+// "a mode table: Still (0), ..., or a number from ...", for messages.
+std::string table_index_forms();
 
 // The provided operations, in slot order.
 std::vector<std::string> call_names();

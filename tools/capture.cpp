@@ -2,6 +2,8 @@
 // text directly, VCD and session files through sigrok-cli.
 #include "capture.h"
 
+#include "files.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -168,34 +170,24 @@ std::optional<Capture> parse_annotations(std::istream& in, const std::string& na
 
 std::optional<Capture> read_capture(const std::string& path, const CaptureChannels& channels, std::string& error)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        error = path + ": cannot read: " + std::strerror(errno);
+    // Read whole under the one rule for input files, before sigrok-cli sees it.
+    auto data = read_input(path, "a capture", kCaptureFileLimit, false, error);
+    if (!data) {
         return std::nullopt;
     }
-    std::string head(4096, '\0');
-    in.read(head.data(), std::streamsize(head.size()));
-    head.resize(size_t(in.gcount()));
+    std::string bytes(data->begin(), data->end());
+    std::string head = bytes.substr(0, 4096);
     bool session = head.rfind("PK\x03\x04", 0) == 0;
     size_t text_start = head.find_first_not_of(" \t\r\n");
     bool vcd = !session && text_start != std::string::npos && head[text_start] == '$';
     if (!session && !vcd) {
-        in.clear();
-        in.seekg(0);
+        std::istringstream in(bytes);
         return parse_annotations(in, path, error);
     }
-    if (vcd) {
-        // A VCD cut before its definitions end holds no signal changes at all.
-        std::ifstream whole(path);
-        std::string line;
-        bool defined = false;
-        while (!defined && std::getline(whole, line)) {
-            defined = line.find("$enddefinitions") != std::string::npos;
-        }
-        if (!defined) {
-            error = path + ": truncated: the VCD's definitions never end ($enddefinitions missing)";
-            return std::nullopt;
-        }
+    // A VCD cut before its definitions end holds no signal changes at all.
+    if (vcd && bytes.find("$enddefinitions") == std::string::npos) {
+        error = path + ": truncated: the VCD's definitions never end ($enddefinitions missing)";
+        return std::nullopt;
     }
 
     std::string input = "-i " + quoted(path) + (vcd ? " -I vcd" : "");

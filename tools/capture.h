@@ -39,7 +39,8 @@ struct Capture {
 std::string sigrok_cli();
 
 // Nothing, with `error` naming the file and what is wrong, for input that is
-// missing, not a capture, truncated, or lacks the channels.
+// missing, not a regular file, over kCaptureFileLimit (64 MiB, files.h), not
+// a capture, truncated, or lacks the channels.
 std::optional<Capture> read_capture(const std::string& path, const CaptureChannels& channels, std::string& error);
 // The I2C decoder's annotation lines; `name` is for messages. A saved text
 // without a single annotation is no capture; sigrok-cli's own output of a

@@ -18,6 +18,8 @@
 #include "bus_report.h"
 #include "calls.h"
 #include "capture.h"
+#include "files.h"
+#include "known_names.h"
 #include "memory_cli.h"
 #include "parse.h"
 #include "records.h"
@@ -26,6 +28,7 @@
 #include "waveform.h"
 #include "host/bus.h"
 #include "host/system.h"
+#include "host/verifier.h"
 #include "platform/device.h"
 #include "sensor/sensor_interface.h"
 #include "trace/trace.h"
@@ -33,9 +36,11 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <sys/stat.h>
 
 using korvanel::host::DeviceConfig;
 using korvanel::host::System;
@@ -51,8 +56,6 @@ const char* const kSlotNames[SENSOR_INTERFACE_SLOTS] = {
     "GetAuxFlag", "GetParameterWord", "GetModuleInfo", nullptr, nullptr, nullptr, "QueryProperty", nullptr,
     nullptr, nullptr, nullptr, nullptr, nullptr, "GetPdafInfo", nullptr, nullptr, nullptr, "AcceptEntryList",
     nullptr};
-
-const char* const kTableNames[] = {"Still", "Video", "Preview", "Raw"};
 
 // The image sizes the report asks PDAF information for.
 const std::pair<ULONG, ULONG> kPdafSizes[] = {{4208, 3120}, {4032, 3024}, {1920, 1120}};
@@ -149,6 +152,11 @@ void print_record(const char* call_name, const ordered_json& result)
 void print_text(const ordered_json& d, const std::string& hwid)
 {
     printf("korvanel-sim: device with hardware identifier %s\n", hwid.c_str());
+    if (!d["variant"]["matched"].get<bool>()) {
+        std::string chosen = d.contains("module") ? d["module"].value("SensorName", std::string("?")) : "?";
+        printf("Note: '%s' matches no variant; the driver chose its default identity, SensorName \"%s\"\n",
+               hwid.c_str(), chosen.c_str());
+    }
     printf("SENSOR_INTERFACE: Size %d, Version %d, %zu of %d slots provided\n", d["interface"]["size"].get<int>(),
            d["interface"]["version"].get<int>(), d["slots"].size(), SENSOR_INTERFACE_SLOTS);
     for (auto& s : d["slots"]) {
@@ -179,7 +187,7 @@ void print_text(const ordered_json& d, const std::string& hwid)
         printf("Aux flag: %u\n", number(d["aux_flag"]["Value"]));
     }
     if (d.contains("mode_lists")) {
-        for (auto* name : kTableNames) {
+        for (auto* name : korvanel::tool::mode_table_names()) {
             if (!d["mode_lists"].contains(name)) {
                 continue;
             }
@@ -225,9 +233,100 @@ void print_text(const ordered_json& d, const std::string& hwid)
     }
 }
 
+
+// A command-line mistake: the message and a one-line hint, exit status 2.
+int usage_error(const std::string& message, bool run)
+{
+    std::cerr << "korvanel-sim: " << message << "\n"
+              << "Run 'korvanel-sim " << (run ? "run " : "") << "--help' for the options.\n";
+    return 2;
+}
+
+// Every option given with an empty value names nothing: refused.
+std::optional<std::string> empty_value(const CLI::App& app)
+{
+    for (const CLI::Option* option : app.get_options()) {
+        for (auto& value : option->results()) {
+            if (value.empty() && option->get_expected_min() > 0) {
+                return option->get_name() + ": an empty value";
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+// Options that have no effect without another are refused, not ignored.
+std::optional<std::string> without_effect(const CLI::App& app)
+{
+    auto given = [&](const char* name) { return app.get_option(name)->count() > 0; };
+    static const struct {
+        std::vector<const char*> options;
+        std::vector<const char*> needs;  // any one of these
+    } rules[] = {
+        {{"--vcm-connection", "--vcm-address", "--vcm-low", "--vcm-high", "--module", "--vcm-ops", "--svg"}, {"--vcm"}},
+        {{"--nvm-connection", "--nvm-address", "--nvm-file", "--nvm-cache-length", "--nvm-ops", "--nvm-save"}, {"--nvm"}},
+        {{"--bus-speed", "--vcd", "--bus-capture"}, {"--vcm", "--nvm"}},
+        {{"--capture-channels"}, {"--bus-capture"}},
+        {{"--force"}, {"--svg", "--nvm-save", "--vcd"}},
+    };
+    for (auto& rule : rules) {
+        if (std::any_of(rule.needs.begin(), rule.needs.end(), given)) {
+            continue;
+        }
+        for (auto* option : rule.options) {
+            if (given(option)) {
+                std::string needs;
+                for (auto* n : rule.needs) {
+                    needs += std::string(needs.empty() ? "" : " or ") + n;
+                }
+                return std::string(option) + " has no effect without " + needs;
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+// --select TABLE:WIDTH:HEIGHT:FPS, each part checked on its own.
+std::optional<std::string> parse_select(const std::string& spec, std::vector<LONG>& select)
+{
+    auto parts = korvanel::tool::split(spec, ':');
+    if (parts.size() != 4) {
+        return "--select takes TABLE:WIDTH:HEIGHT:FPS, four parts, not " + std::to_string(parts.size()) + " in '" +
+               spec + "'";
+    }
+    const char* names[] = {"TABLE", "WIDTH", "HEIGHT", "FPS"};
+    for (size_t i = 0; i < 4; i++) {
+        if (parts[i].empty()) {
+            return std::string("--select: ") + names[i] + " is empty in '" + spec + "'";
+        }
+        auto number = i == 0 ? korvanel::tool::table_index(parts[i])
+                             : korvanel::tool::parse_integer(parts[i], INT32_MIN, INT32_MAX);
+        if (!number) {
+            return std::string("--select: ") + names[i] + " '" + parts[i] + "' is not " +
+                   (i == 0 ? korvanel::tool::table_index_forms() : "a number from -2147483648 to 2147483647");
+        }
+        select.push_back(LONG(*number));
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
+static int run(int argc, char** argv);
+
+// A rule of the Windows kernel broken on the bench stops the run with the
+// report a bugcheck would give, and an exit status of its own.
 int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const korvanel::host::Bugcheck&) {
+        // The verifier's hook has printed the report.
+        return korvanel::tool::kVerifierStop;
+    }
+}
+
+static int run(int argc, char** argv)
 {
     CLI::App app{"korvanel-sim: run the korvanel camera sensor driver on the simulated platform"};
     std::string hwid = "root\\KORVANEL";
@@ -236,9 +335,12 @@ int main(int argc, char** argv)
     bool json = false;
     bool raw = false;
     bool real_time = false;
+    bool force = false;
     app.add_option("--hwid", hwid, "hardware identifier of the device (default root\\KORVANEL)");
     app.add_option("--reg", registry_values, "REG_DWORD value under the service key, NAME=VALUE (repeatable)");
-    app.add_option("--select", select_spec, "SelectMode before reading the mode info: TABLE:WIDTH:HEIGHT:FPS");
+    app.add_option("--select", select_spec,
+                   "SelectMode before reading the mode info: TABLE:WIDTH:HEIGHT:FPS, TABLE Still, Video, Preview, Raw "
+                   "or 0-3");
     korvanel::tool::TraceOptions trace;
     korvanel::tool::add_trace_options(app, trace);
     app.add_flag("--json", json, "print machine-readable JSON");
@@ -257,40 +359,62 @@ int main(int argc, char** argv)
                    "compare the run's bus with a logic-analyzer capture: sigrok-cli -A i2c annotation text, a VCD "
                    "or a sigrok session file");
     app.add_option("--capture-channels", capture_channels, "the capture's SCL and SDA channel names: SCL,SDA (default scl,sda)");
+    app.add_flag("--force", force, "--svg, --nvm-save and --vcd may replace an existing file");
 
     auto* run = app.add_subcommand("run", "run a scenario file: its devices, its steps and what each step expects");
     std::string scenario_file;
     korvanel::tool::ScenarioOptions scenario;
-    run->add_option("FILE", scenario_file, "the scenario (JSON, comments allowed)")->required();
+    run->add_option("FILE", scenario_file, "the scenario (JSON, comments allowed), or - for standard input")
+        ->required();
     run->add_flag("-v,--verbose", scenario.verbose, "print each step's values, bus transfers and trace events");
     run->add_flag("--json", scenario.json, "print the run as JSON");
     run->add_option("--vcd", scenario.vcd, korvanel::tool::waveform_option_help());
+    run->add_option("--output-dir", scenario.output_dir,
+                    "write the scenario's charts, saved memories and waveform here (default: beside the scenario)");
+    run->add_flag("--force", scenario.force, "charts, saved memories and waveforms may replace existing files");
     korvanel::tool::add_trace_options(*run, scenario.trace);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
-        std::cout << app.help();
+        std::cout << (run->parsed() ? run->help() : app.help());
         return 0;
     } catch (const CLI::ParseError& e) {
-        std::cerr << "korvanel-sim: " << e.what() << "\n\n" << app.help();
-        return 2;
+        return usage_error(e.what(), run->parsed());
+    }
+    if (auto problem = empty_value(run->parsed() ? *run : app)) {
+        return usage_error(*problem, run->parsed());
     }
     if (run->parsed()) {
+        // The scenario says what the device is: options before "run" would be ignored.
+        for (const CLI::Option* option : app.get_options()) {
+            if (option->count() > 0) {
+                return usage_error(option->get_name() + " has no effect before run: the scenario describes the " +
+                                       "devices, and run's own options (-v, --json, --trace...) go after it",
+                                   true);
+            }
+        }
+        if (auto problem = korvanel::tool::check_trace_options(scenario.trace)) {
+            return usage_error(*problem, true);
+        }
+        struct stat st;
+        if (!scenario.output_dir.empty() && (stat(scenario.output_dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))) {
+            return usage_error("--output-dir " + scenario.output_dir + ": not a folder", true);
+        }
         return korvanel::tool::run_scenario_file(scenario_file, scenario, std::cout, std::cerr);
     }
+    if (auto problem = without_effect(app)) {
+        return usage_error(*problem, false);
+    }
+    if (auto problem = korvanel::tool::check_trace_options(trace)) {
+        return usage_error(*problem, false);
+    }
+    memory.force = actuator.force = force;
 
     std::vector<LONG> select;
-    for (auto& part : select_spec.empty() ? std::vector<std::string>{} : korvanel::tool::split(select_spec, ':')) {
-        auto v = korvanel::tool::parse_integer(part, INT32_MIN, INT32_MAX);
-        select.push_back(LONG(v.value_or(0)));
-        if (!v) {
-            select.clear();
-            break;
+    if (!select_spec.empty()) {
+        if (auto problem = parse_select(select_spec, select)) {
+            return usage_error(*problem, false);
         }
-    }
-    if (!select_spec.empty() && select.size() != 4) {
-        std::cerr << "korvanel-sim: --select takes TABLE:WIDTH:HEIGHT:FPS\n\n" << app.help();
-        return 2;
     }
 
     std::string error;
@@ -298,9 +422,25 @@ int main(int argc, char** argv)
     auto speed = bus_speed.empty() ? korvanel::host::BusSpeed::Instant : korvanel::tool::parse_bus_speed(bus_speed);
     auto memory_error = korvanel::tool::prepare_memory(memory);
     if (!speed || !vcm_ops || memory_error) {
-        std::cerr << "korvanel-sim: "
-                  << (!speed ? "--bus-speed takes 100k, 400k or 1m" : !vcm_ops ? error : *memory_error) << "\n";
-        return 2;
+        return usage_error(!speed ? "--bus-speed takes 100k, 400k or 1m, not '" + bus_speed + "'"
+                           : !vcm_ops ? error
+                                      : *memory_error,
+                           false);
+    }
+    if (!actuator.svg.empty() && actuator.svg == memory.save) {
+        return usage_error("--svg and --nvm-save both name " + actuator.svg, false);
+    }
+    if (!vcd.empty() && (vcd == actuator.svg || vcd == memory.save)) {
+        return usage_error("--vcd and " + std::string(vcd == actuator.svg ? "--svg" : "--nvm-save") + " both name " + vcd,
+                           false);
+    }
+    if (!vcd.empty()) {
+        if (speed == korvanel::host::BusSpeed::Instant) {
+            return usage_error("--vcd: a waveform needs wire time: give --bus-speed 100k, 400k or 1m", false);
+        }
+        if (auto problem = korvanel::tool::check_output(vcd, {force, "--force", {}})) {
+            return usage_error("--vcd " + *problem, false);
+        }
     }
 
     // A capture that cannot be read stops the run before it starts.
@@ -309,8 +449,7 @@ int main(int argc, char** argv)
         korvanel::tool::CaptureChannels channels;
         auto names = korvanel::tool::split(capture_channels, ',');
         if (!capture_channels.empty() && (names.size() != 2 || names[0].empty() || names[1].empty())) {
-            std::cerr << "korvanel-sim: --capture-channels takes SCL,SDA\n";
-            return 2;
+            return usage_error("--capture-channels takes SCL,SDA, not '" + capture_channels + "'", false);
         }
         if (names.size() == 2) {
             channels = {names[0], names[1]};
@@ -318,26 +457,28 @@ int main(int argc, char** argv)
         std::string error;
         capture = korvanel::tool::read_capture(bus_capture, channels, error);
         if (!capture) {
-            std::cerr << "korvanel-sim: --bus-capture: " << error << "\n";
-            return 2;
+            return usage_error("--bus-capture " + error, false);
         }
     }
-
-    System sys;
-    sys.bus().set_speed(*speed);
-    if (real_time) {
-        sys.clock().set_mode(korvanel::host::Clock::Mode::Real);
-    }
+    std::vector<std::pair<std::string, uint32_t>> dwords;
     for (auto& assignment : registry_values) {
         auto eq = assignment.find('=');
         auto value = eq == std::string::npos || eq == 0
                          ? std::nullopt
                          : korvanel::tool::parse_integer(assignment.substr(eq + 1), 0, 0xFFFFFFFFll);
         if (!value) {
-            std::cerr << "korvanel-sim: --reg takes NAME=VALUE with a 32-bit number, not '" << assignment << "'\n";
-            return 2;
+            return usage_error("--reg takes NAME=VALUE with a number from 0 to 4294967295, not '" + assignment + "'",
+                               false);
         }
-        sys.registry().set_dword(assignment.substr(0, eq), uint32_t(*value));
+        dwords.emplace_back(assignment.substr(0, eq), uint32_t(*value));
+    }
+    System sys;
+    sys.bus().set_speed(*speed);
+    if (real_time) {
+        sys.clock().set_mode(korvanel::host::Clock::Mode::Real);
+    }
+    for (auto& [name, value] : dwords) {
+        sys.registry().set_dword(name, value);
     }
     if (trace.requested()) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
@@ -369,20 +510,30 @@ int main(int argc, char** argv)
     SENSOR_INTERFACE& si = dev.si;
     waveform.watch(dev.device);
     ordered_json description = describe(si, select, raw);
+    auto variant = korvanel::tool::variant_name(hwid);
+    description["variant"] = {{"hardware_id", hwid}, {"matched", variant.has_value()}};
     auto* context = dev.context;
+    // A file the run could not write is the user's error, as a bad option is.
+    std::string write_error;
     if (memory.requested()) {
         description["memory"] = korvanel::tool::run_memory_options(sys, context, memory, &waveform);
+        write_error = description["memory"].value("save_error", "");
     }
     if (!actuator.selection.chip.empty() &&
         !korvanel::tool::run_actuator_options(sys, context, actuator, *vcm_ops, description["actuator"], error,
                                               &waveform)) {
-        std::cerr << "korvanel-sim: " << error << "\n";
-        return 1;
+        write_error = error;
     }
     si.InterfaceHeader.InterfaceDereference(si.InterfaceHeader.Context);
 
     waveform.watch(nullptr);
     auto report = sys.unload_driver();
+    // Checked again under the one rule, then moved into place; the waveform
+    // is written whatever the run found, to look at it.
+    if (auto problem = vcd.empty() ? std::nullopt : korvanel::tool::check_output(vcd, {force, "--force", {}})) {
+        std::cerr << "korvanel-sim: --vcd " << *problem << "\n";
+        return 2;
+    }
     if (auto error = waveform.finish()) {
         std::cerr << "korvanel-sim: --vcd: " << *error << "\n";
         return 2;
@@ -410,6 +561,10 @@ int main(int argc, char** argv)
             }
         }
         printf("Unload: %s\n", report.clean() ? "clean" : report.text().c_str());
+    }
+    if (!write_error.empty()) {
+        std::cerr << "korvanel-sim: cannot write " << write_error << "\n";
+        return 2;
     }
     if (capture) {
         auto bench = korvanel::host::wire_transcript(sys.bus().transcript(), *speed);

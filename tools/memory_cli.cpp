@@ -1,6 +1,7 @@
 // memory_cli.cpp - korvanel-sim's module-memory work.
 #include "memory_cli.h"
 #include "bus_report.h"
+#include "files.h"
 #include "parse.h"
 
 #include "host/bus.h"
@@ -9,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 namespace korvanel::tool {
 
@@ -16,18 +18,20 @@ using nlohmann::ordered_json;
 
 namespace {
 
-std::string in_memory(uint64_t address, uint64_t length, size_t size)
+// A note, not a refusal: the driver's own range checks are what runs.
+std::string outside_memory(int64_t address, int64_t length, size_t size)
 {
-    if (length < 1 || address + length > size) {
-        return "the range " + std::to_string(address) + " + " + std::to_string(length) +
-               " is not within the memory's " + std::to_string(size) + " bytes";
+    if (length >= 1 && address + length <= int64_t(size)) {
+        return {};
     }
-    return {};
+    return "the range " + std::to_string(address) + " + " + std::to_string(length) + " lies outside the memory's " +
+           std::to_string(size) + " bytes; it goes to the driver as written";
 }
 
 }  // namespace
 
-std::optional<std::string> parse_memory_ops(const std::string& text, size_t size, std::vector<MemoryOp>& ops)
+std::optional<std::string> parse_memory_ops(const std::string& text, size_t size, std::vector<MemoryOp>& ops,
+                                            std::vector<std::string>* notes)
 {
     for (const auto& item : split(text, ',')) {
         auto fields = split(item, ':');
@@ -38,29 +42,39 @@ std::optional<std::string> parse_memory_ops(const std::string& text, size_t size
         if (fields.size() != 3 || (fields[0] != "read" && fields[0] != "write" && fields[0] != "writefile")) {
             return "'" + item + "' is not load, read:ADDR:LEN, write:ADDR:HEXBYTES or writefile:ADDR:FILE";
         }
-        auto address = parse_unsigned(fields[1]);
+        auto address = parse_integer(fields[1], 0, 0xFFFF);
         if (!address) {
-            return "'" + fields[1] + "' is not an address";
+            return "'" + fields[1] + "' is not an address from 0 to 65535 (0xFFFF)";
         }
         MemoryOp op{fields[0] == "read" ? MemoryOp::Kind::Read : MemoryOp::Kind::Write, uint32_t(*address), 0, {}};
-        uint64_t length = 0;
+        int64_t length = 0;
         if (fields[0] == "read") {
-            auto n = parse_unsigned(fields[2]);
+            auto n = parse_integer(fields[2], INT32_MIN, INT32_MAX);
             if (!n) {
-                return "'" + fields[2] + "' is not a length";
+                return "'" + fields[2] + "' is not a length from -2147483648 to 2147483647";
             }
-            length = op.length = uint32_t(std::min<uint64_t>(*n, UINT32_MAX));
-        } else {
-            auto data = fields[0] == "write" ? parse_hex_bytes(fields[2]) : read_binary_file(fields[2]);
+            length = op.length = int32_t(*n);
+        } else if (fields[0] == "write") {
+            auto data = parse_hex_bytes(fields[2]);
             if (!data) {
-                return fields[0] == "write" ? "'" + fields[2] + "' is not a list of hex bytes"
-                                            : "cannot read " + fields[2];
+                return "'" + fields[2] + "' is not a list of hex bytes";
             }
             op.data = std::move(*data);
-            length = op.data.size();
+            length = int64_t(op.data.size());
+        } else {
+            std::string error;
+            auto data = read_input(fields[2], "the data of a write", kWriteDataFileLimit, false, error);
+            if (!data) {
+                return "writefile: " + error;
+            }
+            if (data->empty()) {
+                return "writefile: " + fields[2] + ": the file is empty";
+            }
+            op.data = std::move(*data);
+            length = int64_t(op.data.size());
         }
-        if (auto error = in_memory(*address, length, size); !error.empty()) {
-            return item.substr(0, 40) + ": " + error;
+        if (auto note = outside_memory(*address, length, size); !note.empty() && notes != nullptr) {
+            notes->push_back(item.substr(0, 40) + ": " + note);
         }
         ops.push_back(std::move(op));
     }
@@ -82,11 +96,16 @@ ordered_json run_memory_op(_DEVICE_CONTEXT* context, const MemoryOp& op)
         r = {{"op", "load"}, {"size", size}};
         r["data"] = was_loaded && NT_SUCCESS(status) ? hex_bytes(buffer.data(), size) : "";
     } else if (op.kind == MemoryOp::Kind::Read) {
-        std::vector<uint8_t> buffer(op.length);
-        status = row.Read ? row.Read(context, USHORT(op.address), buffer.data(), LONG(op.length))
-                          : STATUS_NOT_SUPPORTED;
+        // As long as the driver is told, but only the pages it touches are
+        // ever committed: a length the driver refuses costs nothing.
+        size_t length = size_t(std::max<int32_t>(op.length, 0));
+        std::unique_ptr<uint8_t, decltype(&free)> buffer(static_cast<uint8_t*>(calloc(std::max<size_t>(length, 1), 1)),
+                                                         &free);
+        status = !buffer ? STATUS_INSUFFICIENT_RESOURCES
+                 : row.Read ? row.Read(context, USHORT(op.address), buffer.get(), LONG(op.length))
+                            : STATUS_NOT_SUPPORTED;
         r = {{"op", "read"}, {"address", op.address}, {"length", op.length}};
-        r["data"] = NT_SUCCESS(status) ? hex_bytes(buffer.data(), buffer.size()) : "";
+        r["data"] = NT_SUCCESS(status) ? hex_bytes(buffer.get(), length) : "";
     } else {
         status = row.Write ? row.Write(context, USHORT(op.address), op.data.data(), LONG(op.data.size()))
                            : STATUS_NOT_SUPPORTED;
@@ -133,6 +152,15 @@ ordered_json run_memory(host::System& sys, _DEVICE_CONTEXT* context, const sim::
 
 // ---- The command-line face -----------------------------------------------------
 
+namespace {
+
+OutputRule save_rule(const MemoryOptions& options)
+{
+    return {options.force, "--force", {options.file}};
+}
+
+}  // namespace
+
 void add_memory_options(CLI::App& app, MemoryOptions& options)
 {
     app.add_option("--nvm", options.type, "attach a module memory of this NVM type (5 to 12) and select it");
@@ -150,24 +178,22 @@ void add_memory_options(CLI::App& app, MemoryOptions& options)
 std::optional<std::string> prepare_memory(MemoryOptions& options)
 {
     if (!options.requested()) {
-        bool stray = !options.file.empty() || !options.ops.empty() || !options.save.empty() ||
-                     !options.cache_length.empty() || !options.address.empty();
-        return stray ? std::optional<std::string>("the memory options need --nvm TYPE") : std::nullopt;
+        return std::nullopt;
     }
-    auto type = parse_unsigned(options.type);
-    auto geometry = type && *type < NVM_TYPE_COUNT ? platform::memory_geometry(unsigned(*type)) : std::nullopt;
+    auto type = parse_integer(options.type, 0, NVM_TYPE_COUNT - 1);
+    auto geometry = type ? platform::memory_geometry(unsigned(*type)) : std::nullopt;
     if (!geometry) {
         return "--nvm: unknown memory type '" + options.type + "' (types 5 to 12 have a memory)";
     }
     auto connection = parse_unsigned(options.connection);
     if (!connection) {
-        return "--nvm-connection: '" + options.connection + "' is not a connection id";
+        return "--nvm-connection: '" + options.connection + "' is not a connection id (0 to 0xFFFFFFFFFFFFFFFF)";
     }
     options.selection = {unsigned(*type), *connection, uint32_t(std::min<size_t>(geometry->size, NVM_CACHE_SIZE))};
     if (!options.cache_length.empty()) {
-        auto length = parse_unsigned(options.cache_length);
-        if (!length || *length > UINT32_MAX) {
-            return "--nvm-cache-length: '" + options.cache_length + "' is not a length";
+        auto length = parse_integer(options.cache_length, 0, UINT32_MAX);
+        if (!length) {
+            return "--nvm-cache-length: '" + options.cache_length + "' is not a length from 0 to 4294967295";
         }
         options.selection.cache_length = uint32_t(*length);
     }
@@ -180,18 +206,20 @@ std::optional<std::string> prepare_memory(MemoryOptions& options)
         options.selection.address = uint8_t(*address);
     }
     if (!options.file.empty()) {
-        auto data = read_binary_file(options.file);
+        std::string error;
+        auto data = read_input(options.file, "a memory image of type " + options.type, geometry->size, true, error);
         if (!data) {
-            return "--nvm-file: cannot read " + options.file;
-        }
-        if (data->size() > geometry->size) {
-            return "--nvm-file: " + options.file + " holds " + std::to_string(data->size()) +
-                   " bytes, more than the memory's " + std::to_string(geometry->size);
+            return "--nvm-file " + error;
         }
         options.initial = std::move(*data);
     }
-    if (auto error = parse_memory_ops(options.ops, geometry->size, options.parsed)) {
+    if (auto error = parse_memory_ops(options.ops, geometry->size, options.parsed, &options.notes)) {
         return "--nvm-ops: " + *error;
+    }
+    if (!options.save.empty()) {
+        if (auto error = check_output(options.save, save_rule(options))) {
+            return "--nvm-save " + *error;
+        }
     }
     return std::nullopt;
 }
@@ -205,9 +233,13 @@ ordered_json run_memory_options(host::System& sys, _DEVICE_CONTEXT* context, con
     }
     model->set_contents(0, options.initial);
     ordered_json report = run_memory(sys, context, *model, options.parsed);
+    if (!options.notes.empty()) {
+        report["notes"] = options.notes;
+    }
     if (!options.save.empty()) {
-        auto error = model->save_file(options.save);
-        report["saved"] = error ? *error : options.save;
+        auto bytes = model->contents();
+        auto error = write_output(options.save, std::string(bytes.begin(), bytes.end()), save_rule(options));
+        report[error ? "save_error" : "saved"] = error ? "--nvm-save " + *error : options.save;
     }
     return report;
 }
@@ -216,6 +248,9 @@ void print_memory(const ordered_json& report)
 {
     printf("Memory: type %u, %u bytes, %u-byte pages, cache length %u\n", report["type"].get<unsigned>(),
            report["size"].get<unsigned>(), report["page_size"].get<unsigned>(), report["cache_length"].get<unsigned>());
+    for (auto& note : report.value("notes", ordered_json::array())) {
+        printf("Note: %s\n", note.get<std::string>().c_str());
+    }
     for (auto& c : report["connections"]) {
         printf("  slot %u: connection %s\n", c["slot"].get<unsigned>(),
                connection_text(c["connection"].get<uint64_t>()).c_str());
@@ -225,11 +260,11 @@ void print_memory(const ordered_json& report)
         if (op == "load") {
             printf("load: %s, size %u\n", r["status"].get<std::string>().c_str(), r["size"].get<unsigned>());
         } else {
-            printf("%s 0x%04x, %u bytes: %s\n", op.c_str(), r["address"].get<unsigned>(), r["length"].get<unsigned>(),
+            printf("%s 0x%04x, %d bytes: %s\n", op.c_str(), r["address"].get<unsigned>(), r["length"].get<int>(),
                    r["status"].get<std::string>().c_str());
         }
-        if (!r["data"].get<std::string>().empty()) {
-            printf("  %s\n", r["data"].get<std::string>().c_str());
+        for (auto& line : byte_lines(parse_hex_bytes(r["data"].get<std::string>()).value_or(std::vector<uint8_t>{}))) {
+            printf("  %s\n", line.c_str());
         }
     }
     printf("Bus transcript (%.4f ms):\n", report["bus_time_ms"].get<double>());

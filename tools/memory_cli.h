@@ -28,15 +28,18 @@ namespace korvanel::tool {
 
 struct MemoryOp {
     enum class Kind { Load, Read, Write } kind;
-    uint32_t address = 0;
-    uint32_t length = 0;        // read: bytes to read
+    uint32_t address = 0;       // 16 bits, as the driver takes it
+    int32_t length = 0;         // read: bytes to read, a LONG as the driver takes it
     std::vector<uint8_t> data;  // write: bytes to write
 };
 
 // "load", "read:ADDR:LEN", "write:ADDR:HEXBYTES", "writefile:ADDR:FILE",
-// comma-separated; addresses and lengths decimal or 0x hex. Every range must
-// lie within `size`. An error message, or nothing.
-std::optional<std::string> parse_memory_ops(const std::string& text, size_t size, std::vector<MemoryOp>& ops);
+// comma-separated; addresses and lengths decimal or 0x hex, each within the
+// type the driver takes (a 16-bit address, a signed 32-bit length). A range
+// outside the memory's `size` bytes still goes to the driver, which judges
+// it; `notes` gets a line for each. An error message, or nothing.
+std::optional<std::string> parse_memory_ops(const std::string& text, size_t size, std::vector<MemoryOp>& ops,
+                                            std::vector<std::string>* notes = nullptr);
 
 // Runs the operations on the selected memory: statuses and data, the
 // transcript of the run, and the contents afterwards.
@@ -56,11 +59,13 @@ struct MemoryOptions {
     std::string ops;
     std::string save;
     std::string address;    // --nvm-address
+    bool force = false;     // --force: --nvm-save may replace a file
 
     // Filled by prepare().
     platform::MemorySelection selection;
     std::vector<uint8_t> initial;
     std::vector<MemoryOp> parsed;
+    std::vector<std::string> notes;  // operations whose range lies outside the memory
     bool requested() const { return !type.empty(); }
 };
 
@@ -68,7 +73,8 @@ void add_memory_options(CLI::App& app, MemoryOptions& options);
 // Checks the options and reads the files they name: an error message for
 // the user (exit status 2), or nothing.
 std::optional<std::string> prepare_memory(MemoryOptions& options);
-// Attaches, fills, runs and saves; the report for --json and print_memory().
+// Attaches, fills, runs and saves; the report for --json and print_memory(),
+// with "save_error" when --nvm-save could not be written.
 nlohmann::ordered_json run_memory_options(host::System& sys, _DEVICE_CONTEXT* context, const MemoryOptions& options,
                                           Waveform* waveform = nullptr);
 void print_memory(const nlohmann::ordered_json& report);

@@ -8,8 +8,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 
 namespace korvanel::tool {
@@ -112,15 +110,6 @@ std::optional<NTSTATUS> parse_status(const std::string& text)
         return NTSTATUS(uint32_t(*number));
     }
     return std::nullopt;
-}
-
-std::optional<std::vector<uint8_t>> read_binary_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        return std::nullopt;
-    }
-    return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
 std::string milliseconds(int64_t units)

@@ -1,5 +1,5 @@
 // parse.h - the small text parsers korvanel-sim's options and scenario files
-// share: lists, numbers, hex byte strings, status names and binary files.
+// share: lists, numbers, hex byte strings, and status names.
 #pragma once
 
 #include "wdk/wdm.h"
@@ -31,8 +31,6 @@ std::optional<std::vector<uint8_t>> parse_hex_bytes(const std::string& text);
 // "STATUS_SUCCESS", "STATUS_NO_SUCH_DEVICE", ... as the bench names them, or
 // a number ("0xC000000D").
 std::optional<NTSTATUS> parse_status(const std::string& text);
-
-std::optional<std::vector<uint8_t>> read_binary_file(const std::string& path);
 
 // Clock units of 100 ns as milliseconds with four decimals: "12.3450".
 std::string milliseconds(int64_t units);

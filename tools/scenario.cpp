@@ -7,10 +7,54 @@
 #include "scenario_reader.h"
 #include "scenario_report.h"
 
-#include <fstream>
-#include <sstream>
+#include "files.h"
+
+#include <algorithm>
 
 namespace korvanel::tool {
+
+namespace {
+
+// Where the scenario's charts, saved memories and waveform go, each checked before
+// anything runs; the first problem, or nothing.
+std::optional<std::string> place_outputs(Scenario& scenario, const std::string& name, const std::string& base_dir,
+                                         const ScenarioOptions& options, const OutputRule& rule)
+{
+    const std::string& folder = options.output_dir.empty() ? base_dir : options.output_dir;
+    std::vector<std::string> placed;
+    for (auto& d : scenario.devices) {
+        std::string device = scenario.devices.size() > 1 ? "device '" + d.name + "': " : "";
+        for (auto [file, key] : {std::pair{&d.plot, "plot"}, std::pair{&d.save, "save"}}) {
+            if (file->empty()) {
+                continue;
+            }
+            *file = beside(folder, *file);
+            std::string where = name + ": " + device + "\"" + key + "\" ";
+            if (std::find(placed.begin(), placed.end(), *file) != placed.end()) {
+                return where + *file + ": another output of this run is written there";
+            }
+            placed.push_back(*file);
+            if (auto problem = check_output(*file, rule)) {
+                return where + *problem;
+            }
+        }
+    }
+    // The waveform: the scenario's "vcd" found like its other outputs, --vcd
+    // as the user typed it.
+    if (!scenario.vcd.empty() || !options.vcd.empty()) {
+        std::string where = name + ": " + (options.vcd.empty() ? "\"vcd\" " : "--vcd ");
+        scenario.vcd = options.vcd.empty() ? beside(folder, scenario.vcd) : options.vcd;
+        if (std::find(placed.begin(), placed.end(), scenario.vcd) != placed.end()) {
+            return where + scenario.vcd + ": another output of this run is written there";
+        }
+        if (auto problem = check_output(scenario.vcd, rule)) {
+            return where + *problem;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
 
 int run_scenario_text(const std::string& text, const std::string& name, const std::string& base_dir,
                       const ScenarioOptions& options, std::ostream& out, std::ostream& err)
@@ -26,7 +70,11 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
             err << "korvanel-sim: --vcd: " << name << ": " << *problem << "\n";
             return 2;
         }
-        scenario->vcd = options.vcd;
+    }
+    OutputRule rule{options.force || scenario->overwrite, "--force (or \"overwrite\": true in the scenario)", {name}};
+    if (auto problem = place_outputs(*scenario, name, base_dir, options, rule)) {
+        err << *problem << "\n";
+        return 2;
     }
     Executor executor(*scenario, options.verbose, options.trace);
     auto reporter = make_reporter({options.json, options.verbose, options.trace.requested()}, *scenario, name,
@@ -38,6 +86,7 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
         return 2;
     }
     reporter->begin();
+    bool stopped = false;  // by a violation the scenario did not expect
     if (ready) {
         for (auto& step : scenario->steps) {
             Observation seen = executor.perform(step);
@@ -45,24 +94,44 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
             auto unmet = check_step(step.expect, seen);
             failures.insert(failures.end(), unmet.begin(), unmet.end());
             reporter->step(step, seen, failures);
+            // A bugcheck ends the machine's work: no step runs after one.
+            if (seen.violation) {
+                stopped = !step.expect.violation;
+                break;
+            }
         }
     }
-    reporter->finish(executor.finish());
-    return reporter->passed() ? 0 : 1;
+    RunEnd end = executor.finish();
+    // A failed run writes nothing: its files would pass for a good run's.
+    bool write_failed = false;
+    if (reporter->passed() && end.failures.empty()) {
+        for (auto& o : end.outputs) {
+            // The waveform was drawn as the run went, into a temporary file.
+            auto problem = o.waveform ? executor.write_waveform(rule) : write_output(o.file, o.bytes, rule);
+            if (problem) {
+                end.failures.push_back("cannot write " + *problem);
+                write_failed = true;
+            } else {
+                o.written = true;
+            }
+        }
+    }
+    reporter->finish(end);
+    return write_failed ? 2 : stopped ? kVerifierStop : reporter->passed() ? 0 : 1;
 }
 
 int run_scenario_file(const std::string& path, const ScenarioOptions& options, std::ostream& out, std::ostream& err)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        err << "korvanel-sim: cannot read " << path << "\n";
+    std::string error;
+    auto text = read_input(path, "a scenario", kScenarioFileLimit, true, error);
+    if (!text) {
+        err << "korvanel-sim: cannot read the scenario " << error << "\n";
         return 2;
     }
-    std::stringstream text;
-    text << in.rdbuf();
     auto slash = path.rfind('/');
     std::string base = slash == std::string::npos ? "" : path.substr(0, slash);
-    return run_scenario_text(text.str(), path, base, options, out, err);
+    return run_scenario_text(std::string(text->begin(), text->end()), path == "-" ? "standard input" : path, base,
+                             options, out, err);
 }
 
 }  // namespace korvanel::tool

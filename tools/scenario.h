@@ -24,7 +24,9 @@
 // Exit status: 0 when every expectation is met and the driver unloads
 // clean, 1 when one is not (the summary names the step and why), 2 when the
 // file cannot be read or is malformed (the message names the line and the
-// field).
+// field) or a file it names cannot be read or written. Charts and saved
+// memories are written only when the run passes, each through a temporary
+// file, never over an existing file unless asked, never over the scenario.
 #pragma once
 
 #include "trace_view.h"
@@ -39,12 +41,18 @@ struct ScenarioOptions {
     bool json = false;     // the run as JSON instead of text
     TraceOptions trace;    // the run's decoded trace after the steps
     std::string vcd;       // the run's waveform file, instead of the scenario's "vcd"
+    std::string output_dir;  // where charts and saved memories go; empty: beside the scenario
+    bool force = false;      // they may replace existing files
 };
+
+// The exit status of a run the verifier stopped, as a bugcheck stops Windows.
+constexpr int kVerifierStop = 3;
 
 int run_scenario_file(const std::string& path, const ScenarioOptions& options, std::ostream& out, std::ostream& err);
 
-// `name` is what messages call the file; files the scenario names are found
-// from `base_dir` (charts and saved memories go where the run is started).
+// `name` is what messages call the file (and, when it is one, the file no
+// output may replace); files the scenario names are found from `base_dir`,
+// and so are the files it writes unless `options.output_dir` says otherwise.
 int run_scenario_text(const std::string& text, const std::string& name, const std::string& base_dir,
                       const ScenarioOptions& options, std::ostream& out, std::ostream& err);
 

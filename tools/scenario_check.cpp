@@ -230,6 +230,13 @@ std::vector<std::string> check_step(const Expect& x, const Observation& seen)
         snprintf(expected, sizeof expected, "%.4f", *x.clock_ms);
         failures.push_back(std::string("clock: expected ") + expected + " ms, got " + milliseconds(seen.clock) + " ms");
     }
+    if (x.violation && !seen.violation) {
+        failures.push_back("violation: expected " + *x.violation + ", the step ran without one");
+    } else if (x.violation && seen.violation->bugcheck != *x.violation) {
+        failures.push_back("violation: expected " + *x.violation + ", got\n" + seen.violation->text());
+    } else if (!x.violation && seen.violation) {
+        failures.push_back("the verifier stopped the step:\n" + seen.violation->text());
+    }
     for (auto& text : x.trace) {
         bool found = std::any_of(seen.trace.begin(), seen.trace.end(),
                                  [&](const TraceEntry& e) { return event_text(e).find(text) != std::string::npos; });

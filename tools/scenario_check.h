@@ -3,6 +3,8 @@
 // everything it looks at is in the observation.
 #pragma once
 
+#include "host/verifier.h"
+
 #include "scenario_model.h"
 #include "trace_view.h"
 
@@ -24,6 +26,7 @@ struct Observation {
     std::vector<host::BusTransfer> transfers = {};
     std::vector<TraceEntry> trace = {};
     std::vector<std::string> problems = {};  // the action could not be done as asked
+    std::optional<host::Violation> violation = {};  // the verifier stopped the action
 
     // The device and the bench after the step.
     std::vector<uint8_t> memory = {};    // the memory's contents, when the step checks them

@@ -9,7 +9,8 @@
 #include "sim/eeprom.h"
 #include "trace/trace.h"
 
-#include <fstream>
+#include <cstring>
+
 
 namespace korvanel::tool {
 
@@ -141,7 +142,15 @@ Observation Executor::perform(const Step& step)
     DeviceState& d = devices_[step.device];
     sys_.bus().clear_transcript();
     seen.start = sys_.clock().now();
-    act(step.action, d, seen);
+    // A broken rule stops the step as a bugcheck would; the observation
+    // carries the report, so the hook stays quiet.
+    auto hook = host::verifier::set_hook([](const host::Violation&) {});
+    try {
+        host::verifier::at_irql(step.irql, [&] { act(step.action, d, seen); });
+    } catch (const host::Bugcheck& stop) {
+        seen.violation = stop.violation();
+    }
+    host::verifier::set_hook(hook);
     seen.transfers = sys_.bus().transcript();
     seen.trace = collect_trace();
     if (!step.expect.memory.empty() && d.memory) {
@@ -170,7 +179,11 @@ void Executor::act(const Action& action, DeviceState& d, Observation& seen)
     };
     std::visit(Overloaded{
                    [&](const CallAction& a) { take(a.call(d.si, verbose_)); },
-                   [&](const ActuatorAction& a) { take(run_actuator_op(sys_, d.context, a.op)); },
+                   [&](const ActuatorAction& a) {
+                       d.lens_ops.push_back({{"time_ms", double(sys_.clock().now() - origin_) / 10000.0},
+                                             {"op", a.op.text}});
+                       take(run_actuator_op(sys_, d.context, a.op));
+                   },
                    [&](const MemoryAction& a) { take(run_memory_op(d.context, a.op)); },
                    [&](const AdvanceAction& a) { sys_.clock().advance(a.units); },
                    [&](const BusSpeedAction& a) { sys_.bus().set_speed(a.speed); },
@@ -219,30 +232,34 @@ RunEnd Executor::finish()
         for (; d.held > 0; d.held--) {
             d.si.InterfaceHeader.InterfaceDereference(d.si.InterfaceHeader.Context);
         }
+        std::string of = scenario_.devices.size() > 1 ? " of " + d.setup->name : "";
         if (!d.setup->plot.empty()) {
-            json chart = {{"chip", d.lens->chip().name}, {"bus_speed", bus_speed_text(sys_.bus().speed())}};
+            json chart = {{"chip", d.lens->chip().name},
+                          {"bus_speed", bus_speed_text(sys_.bus().speed())},
+                          {"low", d.context->VcmLowPosition},
+                          {"high", d.context->VcmHighPosition},
+                          {"module", std::string(d.context->SensorName,
+                                                 strnlen(d.context->SensorName, sizeof d.context->SensorName))},
+                          {"operations", d.lens_ops}};
             chart.update(lens_trajectory(d.lens.get(), origin_, sys_.clock().now()));
-            if (std::ofstream(d.setup->plot) << trajectory_svg(chart)) {
-                end_.charts.push_back({d.setup->name, chart["trajectory"].size(), d.setup->plot});
-            } else {
-                end_.failures.push_back("cannot write the lens chart " + d.setup->plot);
-            }
+            end_.outputs.push_back({d.setup->plot,
+                                    "lens chart" + of + ", " + std::to_string(chart["trajectory"].size()) + " moves",
+                                    trajectory_svg(chart)});
         }
         if (!d.setup->save.empty()) {
-            if (auto error = d.memory->save_file(d.setup->save)) {
-                end_.failures.push_back(*error);
-            }
+            auto bytes = d.memory->contents();
+            end_.outputs.push_back({d.setup->save, "memory contents" + of + ", " + std::to_string(bytes.size()) +
+                                                       " bytes",
+                                    std::string(bytes.begin(), bytes.end())});
         }
     }
     waveform_.watch(nullptr);
     auto report = sys_.unload_driver();
     collect_trace();  // unload's own events
     if (waveform_.is_open()) {
-        if (auto error = waveform_.finish()) {
-            end_.failures.push_back("vcd: " + *error);
-        } else {
-            end_.waveform = scenario_.vcd;
-        }
+        end_.outputs.push_back({scenario_.vcd, "waveform of the bus, " + std::to_string(sys_.bus().transcript().size()) +
+                                                   " transfers",
+                                {}, false, true});
     }
     if (!report.clean()) {
         end_.failures.push_back("unload: " + report.text());
@@ -250,6 +267,17 @@ RunEnd Executor::finish()
     end_.unload = report.clean() ? "clean" : report.text();
     end_.clock = sys_.clock().now() - origin_;
     return end_;
+}
+
+std::optional<std::string> Executor::write_waveform(const OutputRule& rule)
+{
+    if (auto problem = check_output(scenario_.vcd, rule)) {
+        return problem;
+    }
+    if (auto error = waveform_.finish()) {
+        return scenario_.vcd + ": " + *error;
+    }
+    return std::nullopt;
 }
 
 }  // namespace korvanel::tool

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "scenario_check.h"
+#include "files.h"
 #include "scenario_model.h"
 #include "trace_view.h"
 #include "waveform.h"
@@ -24,17 +25,19 @@ class Eeprom;
 
 namespace korvanel::tool {
 
-// How the run ends: what unloading the driver found, the lens charts
-// written, and what went wrong at set-up or at the end.
+// How the run ends: what unloading the driver found, the files the run
+// would write (the runner writes them when it passed), and what went wrong
+// at set-up or at the end.
 struct RunEnd {
-    struct Chart {
-        std::string device;
-        size_t moves;
-        std::string file;
+    struct Output {
+        std::string file;   // as the runner resolved it
+        std::string what;   // "lens chart of rear, 9 moves"
+        std::string bytes;
+        bool written = false;
+        bool waveform = false;  // drawn during the run: write_waveform() moves it into place
     };
     std::string unload = "not reached";
-    std::vector<Chart> charts;
-    std::string waveform;  // the VCD written, if any
+    std::vector<Output> outputs;
     std::vector<std::string> failures;
     int64_t clock = 0;               // since the run began, 100 ns units
     std::vector<TraceEntry> trace;   // the run's events the trace options accept
@@ -55,8 +58,12 @@ public:
     // Why the waveform file could not be opened, when that stopped set_up().
     const std::optional<std::string>& waveform_refused() const { return waveform_refused_; }
     Observation perform(const Step& step);
-    // Releases what the scenario holds, writes charts and memories, unloads.
+    // Releases what the scenario holds, draws charts and takes the memories'
+    // contents for the files the scenario names, unloads.
     RunEnd finish();
+    // Moves the run's waveform into place under `rule` (after finish(), when
+    // the run passed); without it the waveform is dropped with the executor.
+    std::optional<std::string> write_waveform(const OutputRule& rule);
 
 private:
     struct DeviceState {
@@ -67,6 +74,7 @@ private:
         int held = 0;  // interface references the scenario holds
         std::shared_ptr<sim::ActuatorModel> lens = {};
         std::shared_ptr<sim::Eeprom> memory = {};
+        nlohmann::ordered_json lens_ops = nlohmann::ordered_json::array();  // where the chart labels them
     };
 
     const Scenario& scenario_;

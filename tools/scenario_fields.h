@@ -4,6 +4,7 @@
 #pragma once
 
 #include "bus_report.h"
+#include "files.h"
 #include "parse.h"
 #include "scenario_json.h"
 
@@ -53,10 +54,15 @@ protected:
             }
         }
     }
-    static std::string text(const json& v, const std::string& path)
+    // An empty text names nothing and is refused where a name, a file or a
+    // word is wanted; descriptions, notes and registry texts may be empty.
+    static std::string text(const json& v, const std::string& path, bool empty_allowed = false)
     {
         if (!v.is_string()) {
             fail(path, "takes a text");
+        }
+        if (!empty_allowed && v.get<std::string>().empty()) {
+            fail(path, "takes a text, not an empty one");
         }
         return v.get<std::string>();
     }
@@ -91,16 +97,14 @@ protected:
         return *s;
     }
     // A file the scenario names, found beside it unless the path is absolute.
-    std::string beside(const std::string& name) const
+    std::string beside(const std::string& name) const { return tool::beside(base_dir_, name); }
+    // `what` and `limit` as read_input() takes them.
+    std::vector<uint8_t> file(const json& v, const std::string& path, const std::string& what, size_t limit) const
     {
-        return name.empty() || name[0] == '/' || base_dir_.empty() ? name : base_dir_ + "/" + name;
-    }
-    std::vector<uint8_t> file(const json& v, const std::string& path) const
-    {
-        std::string full = beside(text(v, path));
-        auto data = read_binary_file(full);
+        std::string error;
+        auto data = read_input(beside(text(v, path)), what, limit, false, error);
         if (!data) {
-            fail(path, "cannot read " + full);
+            fail(path, "cannot read " + error);
         }
         return *data;
     }

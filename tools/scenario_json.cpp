@@ -21,7 +21,7 @@ std::string pointer_token(const std::string& key)
     return out;
 }
 
-std::map<std::string, int> field_lines(const std::string& text)
+std::map<std::string, int> field_lines(const std::string& text, std::vector<DuplicateKey>* duplicates)
 {
     struct Frame {
         std::string path;
@@ -77,7 +77,10 @@ std::map<std::string, int> field_lines(const std::string& text)
             if (!stack.empty() && stack.back().object && stack.back().want_key) {
                 stack.back().key = s;
                 stack.back().want_key = false;
-                lines.emplace(stack.back().path + "/" + pointer_token(s), line);
+                std::string key_path = stack.back().path + "/" + pointer_token(s);
+                if (auto [at, added] = lines.emplace(key_path, line); !added && duplicates != nullptr) {
+                    duplicates->push_back({key_path, at->second, line});
+                }
             } else {
                 value_path();
             }

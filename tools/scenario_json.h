@@ -5,15 +5,24 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace korvanel::tool {
 
 // A key as one token of a JSON pointer ("a/b" is "a~1b").
 std::string pointer_token(const std::string& key);
 
+// A key given twice in one object: the JSON parser keeps the second silently.
+struct DuplicateKey {
+    std::string pointer;
+    int first_line;
+    int second_line;
+};
+
 // The line of every member and array element, by JSON pointer ("/steps/3/
-// expect"), in a text the JSON parser has already accepted (comments allowed).
-std::map<std::string, int> field_lines(const std::string& text);
+// expect"), in a text the JSON parser has already accepted (comments allowed);
+// with `duplicates`, every key given again in its object.
+std::map<std::string, int> field_lines(const std::string& text, std::vector<DuplicateKey>* duplicates = nullptr);
 
 // The line of the field at `pointer`, or of its nearest enclosing field that
 // has one; 1 when none has.

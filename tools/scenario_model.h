@@ -38,7 +38,7 @@ struct DeviceSetup {
     std::string hwid = "root\\KORVANEL";
     std::vector<RegistryValue> registry;
     std::optional<platform::ActuatorSelection> actuator;
-    std::string plot;  // trajectory chart file
+    std::string plot;  // trajectory chart file, as written until the runner places it
     std::optional<platform::MemorySelection> memory;
     size_t memory_size = 0;
     size_t memory_connections = 0;  // one, or one per 256-byte block
@@ -135,6 +135,7 @@ struct Expect {
     // With "capture_timing": each gap between the step's transfers (STOP to
     // START) is at least the capture's, less this tolerance in microseconds.
     std::optional<double> capture_tolerance_us = {};
+    std::optional<std::string> violation = {};  // the bugcheck the verifier stops the step with
 };
 
 struct Step {
@@ -143,6 +144,7 @@ struct Step {
     size_t device = 0;
     bool device_given = false;  // the step names its device
     std::string note = {};
+    KIRQL irql = PASSIVE_LEVEL;  // the level the step's calls are made at
     Action action = CheckAction{};
     Expect expect = {};
 };
@@ -152,6 +154,7 @@ struct Scenario {
     host::BusSpeed speed = host::BusSpeed::Instant;
     bool trace = false;
     std::string vcd;  // the run's waveform file; empty: none
+    bool overwrite = false;  // charts and saved memories may replace existing files
     std::vector<DeviceSetup> devices;
     std::vector<Step> steps;
 };

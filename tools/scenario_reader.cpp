@@ -30,9 +30,9 @@ public:
         if (!doc.is_object()) {
             fail("", "a scenario is an object with \"device\" and \"steps\"");
         }
-        only(doc, "", {"description", "bus_speed", "trace", "vcd", "device", "devices", "steps"});
+        only(doc, "", {"description", "bus_speed", "trace", "vcd", "overwrite", "device", "devices", "steps"});
         if (doc.contains("description")) {
-            s.description = text(doc["description"], "/description");
+            s.description = text(doc["description"], "/description", true);
         }
         if (doc.contains("bus_speed")) {
             s.speed = bus_speed(doc["bus_speed"], "/bus_speed");
@@ -45,6 +45,12 @@ public:
                 fail("/trace", "\"trace\" is true or false");
             }
             s.trace = doc["trace"].get<bool>();
+        }
+        if (doc.contains("overwrite")) {
+            if (!doc["overwrite"].is_boolean()) {
+                fail("/overwrite", "\"overwrite\" is true or false");
+            }
+            s.overwrite = doc["overwrite"].get<bool>();
         }
         if (doc.contains("device") == doc.contains("devices")) {
             fail(doc.contains("device") ? "/devices" : "", "give either \"device\" or \"devices\", one of them");
@@ -137,14 +143,14 @@ private:
                 r.data = number(value, p, form == "dword" ? 4 : 8);
             } else if (form == "sz" || form == "expand_sz") {
                 r.type = form == "sz" ? REG_SZ : REG_EXPAND_SZ;
-                r.data = utf16(text(value, p));
+                r.data = utf16(text(value, p, true));
             } else if (form == "multi_sz") {
                 r.type = REG_MULTI_SZ;
                 if (!value.is_array()) {
                     fail(p, "takes a list of texts");
                 }
                 for (size_t i = 0; i < value.size(); i++) {
-                    auto part = utf16(text(value[i], p + "/" + std::to_string(i)));
+                    auto part = utf16(text(value[i], p + "/" + std::to_string(i), true));
                     r.data.insert(r.data.end(), part.begin(), part.end());
                 }
                 r.data.insert(r.data.end(), {0, 0});
@@ -195,7 +201,8 @@ private:
             }
             only(a, p, {"chip", "connection", "address", "low", "high", "module", "plot"});
             platform::ActuatorSelection options;
-            options.chip = json_text(a["chip"]);
+            // A name, or the chip's table row as a number.
+            options.chip = a["chip"].is_string() ? text(a["chip"], p + "/chip") : json_text(a["chip"]);
             if (sim::find_actuator_chip(options.chip) == nullptr) {
                 fail(p + "/chip", "unknown actuator chip " + a["chip"].dump() + " (" + actuator_chip_names() + ")");
             }
@@ -246,11 +253,8 @@ private:
                 selection.cache_length = uint32_t(integer(m["cache_length"], p + "/cache_length", 0, 0xFFFFFFFFll));
             }
             if (m.contains("contents")) {
-                setup.contents = file(m["contents"], p + "/contents");
-                if (setup.contents.size() > setup.memory_size) {
-                    fail(p + "/contents", "the file holds " + std::to_string(setup.contents.size()) +
-                                              " bytes, more than the memory's " + std::to_string(setup.memory_size));
-                }
+                setup.contents = file(m["contents"], p + "/contents", "a memory image of type " + std::to_string(type),
+                                      setup.memory_size);
             }
             if (m.contains("save")) {
                 setup.save = text(m["save"], p + "/save");
@@ -276,7 +280,14 @@ std::optional<Scenario> read_scenario(const std::string& text, const std::string
                 ": not valid JSON: " + what.substr(what.find(']') + 2);
         return std::nullopt;
     }
-    auto lines = field_lines(text);
+    std::vector<DuplicateKey> duplicates;
+    auto lines = field_lines(text, &duplicates);
+    if (!duplicates.empty()) {
+        auto& d = duplicates.front();
+        error = name + ":" + std::to_string(d.second_line) + ": " + field_name(d.pointer) + "given twice, on lines " +
+                std::to_string(d.first_line) + " and " + std::to_string(d.second_line);
+        return std::nullopt;
+    }
     try {
         Scenario scenario = ScenarioReader(base_dir).read(doc);
         for (auto& step : scenario.steps) {

@@ -2,11 +2,13 @@
 #include "scenario_report.h"
 
 #include "bus_report.h"
+#include "known_names.h"
 #include "parse.h"
 #include "records.h"
 
 #include "host/system.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace korvanel::tool {
@@ -60,15 +62,53 @@ std::string fault_title(const FaultAction& f)
     return "fault " + what + arguments(f.shown);
 }
 
-// Long data is shown by its first eight bytes and its length.
+// Long data on one line: its first eight bytes and its length.
+std::string brief_bytes(const std::vector<uint8_t>& bytes)
+{
+    return hex_bytes(bytes.data(), std::min<size_t>(bytes.size(), 8)) + " ... (" + std::to_string(bytes.size()) +
+           " bytes)";
+}
+
 std::string memory_title(const MemoryAction& m)
 {
     if (m.op.kind != MemoryOp::Kind::Write || m.op.data.size() <= 8) {
         return "nvm " + m.written;
     }
     auto fields = split(m.written, ':');
-    return "nvm " + fields[0] + ":" + fields[1] + ":" + hex_bytes(m.op.data.data(), 8) + " ... (" +
-           std::to_string(m.op.data.size()) + " bytes)";
+    return "nvm " + fields[0] + ":" + fields[1] + ":" + brief_bytes(m.op.data);
+}
+
+// Returned bytes longer than a line: the whole of them as a dump, or nothing
+// when the value is not such a byte string.
+std::vector<std::string> long_bytes(const json& value)
+{
+    auto bytes = value.is_string() ? parse_hex_bytes(value.get<std::string>()) : std::nullopt;
+    return bytes && bytes->size() > kBytesPerLine ? byte_lines(*bytes) : std::vector<std::string>{};
+}
+
+// On the step's line they are shown by their first eight bytes and their length.
+std::string value_text(const RecordLayout* record, const std::string& key, const json& value)
+{
+    if (long_bytes(value).empty()) {
+        return field_text(record ? find_field(*record, key) : nullptr, value);
+    }
+    return brief_bytes(*parse_hex_bytes(value.get<std::string>()));
+}
+
+// What the run should know before it reads the steps: devices whose
+// hardware identifier names no variant run with the driver's default identity.
+std::vector<std::string> identity_notes(const Scenario& scenario)
+{
+    std::vector<std::string> notes;
+    for (auto& d : scenario.devices) {
+        if (!variant_name(d.hwid)) {
+            bool several = scenario.devices.size() > 1;
+            notes.push_back("hardware identifier '" + d.hwid + "'" + (several ? " of '" + d.name + "'" : "") +
+                            " matches no variant: the driver chooses its default identity, SensorName \"" +
+                            kDefaultSensorName + "\"");
+        }
+    }
+    return notes;
 }
 
 const RecordLayout* filled_record(const Step& step)
@@ -142,6 +182,9 @@ public:
     void begin() override
     {
         out_ << "Scenario " << name_ << (scenario_.description.empty() ? "" : ": " + scenario_.description) << "\n";
+        for (auto& note : identity_notes(scenario_)) {
+            out_ << "Note: " << note << "\n";
+        }
     }
 
 private:
@@ -162,8 +205,7 @@ private:
         if (step.expect.values) {
             for (auto& [key, value] : step.expect.values->items()) {
                 if (seen.values.contains(key)) {
-                    shown += "  " + key + " " +
-                             field_text(record ? find_field(*record, key) : nullptr, seen.values[key]);
+                    shown += "  " + key + " " + value_text(record, key, seen.values[key]);
                 }
             }
         }
@@ -181,11 +223,16 @@ private:
             }
         } else {
             for (auto& [key, value] : seen.values.items()) {
-                out_ << "        " << key << " " << field_text(nullptr, value) << "\n";
+                out_ << "        " << key << " " << value_text(nullptr, key, value) << "\n";
+                for (auto& line : long_bytes(value)) {
+                    out_ << "          " << line << "\n";
+                }
             }
         }
         for (auto& t : seen.transfers) {
-            out_ << "        " << transfer_line(t, origin_) << "\n";
+            for (auto& line : transfer_lines(t, origin_)) {
+                out_ << "        " << line << "\n";
+            }
         }
         for (auto& e : seen.trace) {
             out_ << "        " << trace_line(e, origin_) << "\n";
@@ -194,13 +241,6 @@ private:
 
     void show_finish(const RunEnd& end) override
     {
-        for (auto& chart : end.charts) {
-            out_ << "Lens trajectory of " << chart.device << " (" << chart.moves << " moves) drawn in " << chart.file
-                 << "\n";
-        }
-        if (!end.waveform.empty()) {
-            out_ << "Waveform written to " << end.waveform << "\n";
-        }
         if (options_.show_trace) {
             out_ << "Trace:\n";
             for (auto& e : end.trace) {
@@ -208,6 +248,9 @@ private:
             }
         }
         out_ << "Unload: " << end.unload << "\n";
+        for (auto& o : end.outputs) {
+            out_ << (o.written ? "Wrote: " : "Not written, the run failed: ") << o.file << " (" << o.what << ")\n";
+        }
         if (failures_.empty()) {
             out_ << "Passed: " << scenario_.steps.size() << " steps, " << expectations_ << " expectations met, "
                  << milliseconds(end.clock) << " ms on the bench's clock\n";
@@ -251,13 +294,17 @@ private:
 
     void show_finish(const RunEnd& end) override
     {
-        json j = {{"scenario", name_}, {"description", scenario_.description}, {"steps", steps_}};
+        json j = {{"scenario", name_}, {"description", scenario_.description}};
+        j["notes"] = identity_notes(scenario_);
+        j["steps"] = steps_;
         j["trace"] = trace_json(end.trace, origin_);
         j["virtual_time_ms"] = double(end.clock) / 10000.0;
-        if (!end.waveform.empty()) {
-            j["vcd"] = end.waveform;
-        }
         j["unload"] = end.unload;
+        j["written"] = json::array();
+        j["not_written"] = json::array();
+        for (auto& o : end.outputs) {
+            j[o.written ? "written" : "not_written"].push_back({{"file", o.file}, {"what", o.what}});
+        }
         j["failures"] = failures_;
         out_ << j.dump(2) << "\n";
     }

@@ -2,6 +2,8 @@
 // device, and what it expects.
 #include "scenario_steps.h"
 
+#include "known_names.h"
+
 #include <climits>
 #include <cmath>
 #include <sstream>
@@ -51,7 +53,7 @@ public:
                        "interface, or only checks its \"expect\"");
         }
         if (s.contains("note")) {
-            step.note = text(s["note"], path + "/note");
+            step.note = text(s["note"], path + "/note", true);
         }
         if (s.contains("device")) {
             std::string name = text(s["device"], path + "/device");
@@ -62,9 +64,21 @@ public:
             step.device = size_t(it - devices_->begin());
             step.device_given = true;
         }
+        if (s.contains("irql")) {
+            // The level the camera driver's thread is at when it makes the
+            // call, as when it holds a spin lock or runs in a DPC.
+            std::string level = text(s["irql"], path + "/irql");
+            const std::pair<const char*, KIRQL> levels[] = {
+                {"PASSIVE_LEVEL", PASSIVE_LEVEL}, {"APC_LEVEL", APC_LEVEL}, {"DISPATCH_LEVEL", DISPATCH_LEVEL}};
+            auto it = std::find_if(std::begin(levels), std::end(levels), [&](auto& l) { return level == l.first; });
+            if (it == std::end(levels)) {
+                fail(path + "/irql", "'" + level + "' is not PASSIVE_LEVEL, APC_LEVEL or DISPATCH_LEVEL");
+            }
+            step.irql = it->second;
+        }
         const DeviceSetup& device = (*devices_)[step.device];
         if (kind_key == nullptr) {
-            only(s, path, {"device", "expect", "note"});
+            only(s, path, {"device", "expect", "note", "irql"});
         } else {
             step.action = action(kind, s, path, kind_key, device);
         }
@@ -79,12 +93,12 @@ public:
     {
         std::string kp = path + "/" + key;
         if (kind != Kind::Call && kind != Kind::Fault) {
-            only(s, path, {key.c_str(), "device", "expect", "note"});
+            only(s, path, {key.c_str(), "device", "expect", "note", "irql"});
         }
         switch (kind) {
         case Kind::Call: {
             CallAction call{text(s[key], kp), s};
-            for (auto* own : {"call", "device", "expect", "note"}) {
+            for (auto* own : {"call", "device", "expect", "note", "irql"}) {
                 call.args.erase(own);
             }
             ArgumentError error;
@@ -165,19 +179,23 @@ public:
         std::string kp = path + "/" + key;
         std::string what = text(s[key], kp);
         if (key == "fail_routine") {
-            only(s, path, {"fail_routine", "status", "skip", "times", "device", "expect", "note"});
+            only(s, path, {"fail_routine", "status", "skip", "times", "device", "expect", "note", "irql"});
             f.what = FaultAction::What::Routine;
             f.routine = what;
+            auto& known = fault_routines();
+            if (std::find(known.begin(), known.end(), what) == known.end()) {
+                fail(kp, "the bench has no routine '" + what + "' to fail (" + fault_routine_names() + ")");
+            }
             if (!s.contains("status")) {
                 fail(kp, "a routine fails with a \"status\"");
             }
             f.status = status(s["status"], path + "/status");
         } else {
-            only(s, path, {"fault", "transfer", "match", "status", "skip", "times", "device", "expect", "note"});
+            only(s, path, {"fault", "transfer", "match", "status", "skip", "times", "device", "expect", "note", "irql"});
             bool with_status = what == "fail" || what == "complete";
             if (what == "clear") {
                 f.what = FaultAction::What::Clear;
-                only(s, path, {"fault", "device", "expect", "note"});
+                only(s, path, {"fault", "device", "expect", "note", "irql"});
                 return f;
             }
             if (what != "nack" && what != "timeout" && !with_status) {
@@ -286,7 +304,7 @@ public:
             fail(path, "\"expect\" holds what the step expects, by name");
         }
         only(e, path, {"status", "values", "bus", "transfers", "memory", "lens", "power", "clock_ms", "trace",
-                       "bus_capture", "capture_timing", "capture_channels"});
+                       "violation", "bus_capture", "capture_timing", "capture_channels"});
         Expect x;
         x.count = e.size() - e.contains("capture_timing") - e.contains("capture_channels");
         capture(e, path, x);
@@ -337,7 +355,8 @@ public:
                 }
                 only(item, p, {"address", "data", "file"});
                 MemoryExpect me{uint32_t(integer(item["address"], p + "/address", 0, (long long)device.memory_size - 1)),
-                                item.contains("data") ? hex(item["data"], p + "/data") : file(item["file"], p + "/file")};
+                                item.contains("data") ? hex(item["data"], p + "/data")
+                                                      : file(item["file"], p + "/file", "the memory", device.memory_size)};
                 if (me.address + me.data.size() > device.memory_size) {
                     fail(p, "the range runs past the memory's " + std::to_string(device.memory_size) + " bytes");
                 }
@@ -366,6 +385,10 @@ public:
                 }
                 x.power = st;
             }
+        }
+        if (e.contains("violation")) {
+            // The bugcheck the verifier stops the step with.
+            x.violation = text(e["violation"], path + "/violation");
         }
         if (e.contains("clock_ms")) {
             if (!e["clock_ms"].is_number()) {

@@ -36,6 +36,12 @@ struct TraceOptions {
 };
 
 void add_trace_options(CLI::App& app, TraceOptions& options);
+// A message naming the module --trace-module gives that the driver has not
+// (with the list of those it has), or nothing.
+std::optional<std::string> check_trace_options(const TraceOptions& options);
+
+// The driver's trace modules, sorted: the names events carry.
+std::vector<std::string> trace_modules();
 
 // The events decoded, oldest first, those the options accept.
 std::vector<TraceEntry> trace_entries(const host::Traces& traces, const std::vector<host::Traces::Event>& events,

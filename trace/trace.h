@@ -48,7 +48,9 @@ inline TRACEHANDLE TraceLogger(VOID) { return (TRACEHANDLE)ReadNoFence64(&TraceC
 
 /* Registration at driver entry, removal at driver-object cleanup. */
 EXTERN_C_START
+_IRQL_requires_max_(PASSIVE_LEVEL)
 VOID TraceInitialize(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 VOID TraceCleanup(PDRIVER_OBJECT DriverObject);
 EXTERN_C_END
 
@@ -129,6 +131,7 @@ inline TRACE_ARGUMENT TraceArg(const UNICODE_STRING& Text)
 inline TRACE_ARGUMENT TraceArg(UNICODE_STRING& Text) { return TraceArg((const UNICODE_STRING&)Text); }
 
 /* Sends one enabled event; out of line so that call sites stay small. */
+_IRQL_requires_max_(HIGH_LEVEL)
 VOID TraceWrite(LPCGUID MessageGuid, USHORT MessageNumber, TRACE_ARGUMENT* Arguments, ULONG Count);
 
 template <typename... A>

@@ -192,10 +192,12 @@ EXTERN_C_START
 
 /* Waits for BusLock; a wait that does not return STATUS_SUCCESS is traced
  * with the routine's lock-failure text and returned, the lock not taken. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker);
 /* After a SetPos exchange, given the status of its transfers: the move is
  * recorded when the chip took it, then BusLock is released whatever
  * happened. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 VOID VcmFinishMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition, NTSTATUS Status);
 EXTERN_C_END
 
@@ -218,18 +220,26 @@ EXTERN_C_END
     } while (0)
 EXTERN_C_START
 /* The settle rule with the chip's GetHPStatus trace. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS VcmReportSettled(PDEVICE_CONTEXT DeviceContext, PULONG Status, const CHAR* Marker);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS VcmSetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config, const VCM_CHIP* Chip);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS VcmResetPos(PDEVICE_CONTEXT DeviceContext, const VCM_CHIP* Chip);
 
 /* ---- The two-register scheme (vcm_pair.cpp) ---- */
 
 /* Identification read and settings writes, without Init's traces; the
  * identification byte goes to *Id. */
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS VcmRegProgram(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PUCHAR Id);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS VcmRegInit(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS VcmRegSetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, SHORT Position);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS VcmRegGetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PUSHORT Position);
+_IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS VcmRegGetStatus(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PULONG Status);
 
 EXTERN_C_END

@@ -28,7 +28,19 @@
 #define OPTIONAL
 #define CONST const
 #define UNREFERENCED_PARAMETER(P) ((void)(P))
-#define PAGED_CODE()
+/* Source annotations: what the code analysis of a WDK build reads. The
+ * bench proves the level ones (verifier_test.cpp). */
+#define _IRQL_requires_max_(Level)
+#define _IRQL_requires_(Level)
+#define _IRQL_requires_same_
+#define _Function_class_(Name)
+#define _Must_inspect_result_
+#define _Use_decl_annotations_
+
+/* Pageable code checks the level it runs at: above APC_LEVEL the bench
+ * stops with the bugcheck Windows gives when such code is paged out. */
+void KorvanelHostPagedCode(const char* Routine);
+#define PAGED_CODE() KorvanelHostPagedCode(__func__)
 #define PAGED_CODE_LOCKED()
 
 /* A checked Windows build stops at a failed assertion; the bench lists it in
@@ -355,6 +367,21 @@ static_assert(sizeof(INTERFACE) == 32, "INTERFACE layout");
     static const GUID name = {l, w1, w2, {b1, b2, b3, b4, b5, b6, b7, b8}}
 
 /* ---- Kernel services ---- */
+/* Interrupt request levels: each thread has one. */
+#define PASSIVE_LEVEL 0
+#define LOW_LEVEL 0
+#define APC_LEVEL 1
+#define DISPATCH_LEVEL 2
+#define HIGH_LEVEL 15
+typedef KIRQL* PKIRQL;
+typedef ULONG_PTR KSPIN_LOCK, *PKSPIN_LOCK;
+NTKERNELAPI KIRQL NTAPI KeGetCurrentIrql(void);
+NTKERNELAPI VOID NTAPI KeRaiseIrql(KIRQL NewIrql, PKIRQL OldIrql);
+NTKERNELAPI VOID NTAPI KeLowerIrql(KIRQL NewIrql);
+NTKERNELAPI VOID NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock);
+NTKERNELAPI VOID NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql);
+NTKERNELAPI VOID NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql);
+
 NTKERNELAPI VOID NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State);
 NTKERNELAPI LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait);
 NTKERNELAPI VOID NTAPI KeClearEvent(PRKEVENT Event);

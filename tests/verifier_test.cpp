@@ -1,0 +1,471 @@
+// verifier_test.cpp - the bench refuses what the Windows kernel refuses: a
+// platform routine called above its level, pageable code reached at
+// DISPATCH_LEVEL, a blocking wait at raised level, a level changed the wrong
+// way; and where each operation of the driver may be called.
+#include "bus/delay.h"
+#include "driver/driver.h"
+#include "host/bus.h"
+#include "host/irql_rules.h"
+#include "nvm/nvm.h"
+#include "platform/actuator.h"
+#include "platform/device.h"
+#include "platform/memory.h"
+#include "trace/trace.h"
+#include "vcm/vcm.h"
+
+#include <gtest/gtest-spi.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <optional>
+#include <regex>
+#include <set>
+#include <sstream>
+
+namespace korvanel::test {
+
+constexpr ULONG kTestTag = 0x74736554;  // "Test"
+
+// ---- The verifier's own faults: each fails the test with the report --------------
+
+// Stand-ins for a resident driver operation with a bug in it, as a test build
+// of the driver would carry them; not static, so that a report can name them.
+void ResidentOperationAllocatingPagedPool()
+{
+    PVOID p = ExAllocatePoolWithTag(PagedPool, 64, kTestTag);
+    ExFreePoolWithTag(p, kTestTag);
+}
+void ResidentOperationWaitingWithATimeout()
+{
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    LARGE_INTEGER timeout{};
+    timeout.QuadPart = -10000;
+    (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout);
+}
+void ResidentOperationReachingPageableCode() { DelayMilliseconds(1); }
+
+namespace {
+
+using host::Violation;
+namespace verifier = host::verifier;
+
+// The violation `f` ends in, collected instead of failing the test.
+std::optional<Violation> violation_of(const std::function<void()>& f)
+{
+    std::optional<Violation> seen;
+    auto saved = verifier::set_hook([&](const Violation& v) { seen = v; });
+    try {
+        f();
+    } catch (const host::Bugcheck&) {
+    }
+    verifier::set_hook(saved);
+    return seen;
+}
+
+void at_dispatch(void (*f)())
+{
+    try {
+        verifier::at_irql(DISPATCH_LEVEL, f);
+    } catch (const host::Bugcheck&) {
+    }
+}
+
+TEST(VerifierTest, EachBrokenRuleFailsTheRunningTestWithItsReport)
+{
+    host::System sys;
+    EXPECT_NONFATAL_FAILURE(at_dispatch(ResidentOperationAllocatingPagedPool),
+                            "*** STOP 0xC4 DRIVER_VERIFIER_DETECTED_VIOLATION (0x1)\n"
+                            "    ExAllocatePoolWithTag called above its IRQL\n"
+                            "    routine: ExAllocatePoolWithTag\n"
+                            "    called by: korvanel::test::ResidentOperationAllocatingPagedPool");
+    EXPECT_NONFATAL_FAILURE(at_dispatch(ResidentOperationWaitingWithATimeout),
+                            "*** STOP 0xA IRQL_NOT_LESS_OR_EQUAL\n"
+                            "    KeWaitForSingleObject called above its IRQL\n"
+                            "    routine: KeWaitForSingleObject\n"
+                            "    called by: korvanel::test::ResidentOperationWaitingWithATimeout\n"
+                            "    IRQL: DISPATCH_LEVEL (2), allowed at most APC_LEVEL (1)");
+    EXPECT_NONFATAL_FAILURE(at_dispatch(ResidentOperationReachingPageableCode),
+                            "*** STOP 0xD1 DRIVER_IRQL_NOT_LESS_OR_EQUAL\n"
+                            "    pageable routine DelayMilliseconds reached above APC_LEVEL");
+}
+
+TEST(VerifierTest, RoutinesWithConditionsAreJudgedByTheCallNotTheName)
+{
+    host::System sys;
+    KEVENT event;  // signalled for good: an allowed wait returns at once
+    KeInitializeEvent(&event, NotificationEvent, TRUE);
+    LARGE_INTEGER zero{};
+    struct Case {
+        const char* what;
+        KIRQL level;
+        std::function<void()> call;
+        const char* bugcheck;  // null: allowed
+    };
+    const Case cases[] = {
+        {"a zero time-out polls", DISPATCH_LEVEL,
+         [&] { (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero); }, nullptr},
+        {"no time-out blocks", DISPATCH_LEVEL,
+         [&] { (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr); }, "IRQL_NOT_LESS_OR_EQUAL"},
+        {"a blocking wait at APC_LEVEL", APC_LEVEL,
+         [&] { (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr); }, nullptr},
+        {"non-paged pool", DISPATCH_LEVEL, [] { ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPoolNx, 8, kTestTag), kTestTag); },
+         nullptr},
+        {"non-paged pool above DISPATCH_LEVEL", HIGH_LEVEL, [] { (void)ExAllocatePoolWithTag(NonPagedPool, 8, kTestTag); },
+         "DRIVER_VERIFIER_DETECTED_VIOLATION"},
+        {"a stall at any level", HIGH_LEVEL, [] { KeStallExecutionProcessor(5); }, nullptr},
+        {"a sleep", DISPATCH_LEVEL,
+         [] {
+             LARGE_INTEGER t{};
+             t.QuadPart = -10;
+             (void)KeDelayExecutionThread(KernelMode, FALSE, &t);
+         },
+         "IRQL_NOT_LESS_OR_EQUAL"},
+        {"the registry", APC_LEVEL, [] { (void)ZwClose(nullptr); }, "IRQL_NOT_LESS_OR_EQUAL"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto v = violation_of([&] { verifier::at_irql(c.level, c.call); });
+        EXPECT_EQ(v ? v->bugcheck : "", c.bugcheck ? c.bugcheck : "") << (v ? v->text() : "");
+        EXPECT_EQ(verifier::irql(), PASSIVE_LEVEL) << "the level is restored after the work stops";
+    }
+}
+
+TEST(VerifierTest, LevelsAndSpinLocksChangeOnlyTheWayWindowsAllows)
+{
+    host::System sys;
+    KSPIN_LOCK lock;
+    KeInitializeSpinLock(&lock);
+    KIRQL old = 0;
+    KeAcquireSpinLock(&lock, &old);
+    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+    EXPECT_EQ(violation_of([&] { KeAcquireSpinLock(&lock, &old); })->bugcheck, "SPIN_LOCK_ALREADY_OWNED");
+    KeReleaseSpinLock(&lock, old);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    EXPECT_EQ(violation_of([&] { KeReleaseSpinLock(&lock, PASSIVE_LEVEL); })->bugcheck, "SPIN_LOCK_NOT_OWNED");
+    verifier::set_irql(PASSIVE_LEVEL);
+
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    auto lower = violation_of([&] { KeRaiseIrql(APC_LEVEL, &old); });
+    EXPECT_EQ(lower ? lower->subcode : 0, 0x30u);
+    KeLowerIrql(PASSIVE_LEVEL);
+    auto higher = violation_of([&] { KeLowerIrql(DISPATCH_LEVEL); });
+    EXPECT_EQ(higher ? higher->subcode : 0, 0x31u);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+}
+
+TEST(VerifierTest, FaultRulesStillApplyAndTheLevelIsCheckedFirst)
+{
+    host::System sys;
+    sys.faults().fail("ExAllocatePoolWithTag", STATUS_INSUFFICIENT_RESOURCES);
+    auto v = violation_of([] { verifier::at_irql(DISPATCH_LEVEL, [] { (void)ExAllocatePoolWithTag(PagedPool, 8, kTestTag); }); });
+    ASSERT_TRUE(v.has_value()) << "an injected failure hid the level";
+    EXPECT_EQ(ExAllocatePoolWithTag(PagedPool, 8, kTestTag), nullptr) << "the rule is still there for the next call";
+}
+
+TEST(VerifierTest, AViolationLeavesTheBenchReadableAndItsUnloadReportComplete)
+{
+    host::System sys;
+    ASSERT_EQ(platform::load_driver(sys), STATUS_SUCCESS);
+    auto dev = platform::open_device(sys);
+    ASSERT_EQ(dev.status, STATUS_SUCCESS);
+    auto v = violation_of([&] { verifier::at_irql(DISPATCH_LEVEL, [&] { dev.si.PowerUp((PSENSOR_CONTEXT)dev.si.InterfaceHeader.Context); }); });
+    ASSERT_TRUE(v.has_value());
+    EXPECT_EQ(v->routine, "WdfDeviceStopIdle");
+    EXPECT_EQ(v->caller, "PowerUp");
+    dev.si.InterfaceHeader.InterfaceDereference(dev.si.InterfaceHeader.Context);
+    auto report = sys.unload_driver();
+    EXPECT_TRUE(report.clean()) << report.text();
+    EXPECT_EQ(sys.pool().outstanding(), 0u);
+}
+
+// ---- Where each operation may be called ----------------------------------------------
+
+struct Operation {
+    std::string name;
+    std::function<void(const SENSOR_INTERFACE&, PDEVICE_CONTEXT)> call;
+    std::function<void(host::System&, PDEVICE_CONTEXT)> set_up = nullptr;
+};
+
+std::vector<Operation> operations()
+{
+    using SI = const SENSOR_INTERFACE&;
+    using C = PDEVICE_CONTEXT;
+    static ULONG u;
+    static SENSOR_CAPS caps;
+    static const SENSOR_PARAMETERS* parameters;
+    static const MODE_LIST* lists[4];
+    static SENSOR_ENTRY entries[4];
+    static SENSOR_MODE_INFO info;
+    static SENSOR_MODULE_INFO module;
+    static PPDAF_INFO pdaf;
+    static USHORT position;
+    static UCHAR buffer[NVM_CACHE_SIZE];
+    auto x = [](SI si) { return (PSENSOR_CONTEXT)si.InterfaceHeader.Context; };
+    auto vcm = [](host::System& sys, C c) { platform::select_actuator(sys, c, {"DW9719"}); };
+    auto nvm = [](host::System& sys, C c) { platform::select_memory(sys, c, {10, 0x50, 64}); };
+    return {
+        {"AcceptRecord", [=](SI si, C) { si.AcceptRecord(x(si), &u); }},
+        {"GetSensorCaps", [=](SI si, C) { si.GetSensorCaps(x(si), &caps); }},
+        {"GetMipiConfig", [=](SI si, C) { si.GetMipiConfig(x(si), &u, &u, &u); }},
+        {"GetSensorParameters", [=](SI si, C) { si.GetSensorParameters(x(si), &parameters); }},
+        {"GetModeTables", [=](SI si, C) { si.GetModeTables(x(si), &lists[0], &lists[1], &lists[2], &lists[3]); }},
+        {"GetPdafTable", [=](SI si, C) { si.GetPdafTable(x(si), &lists[0]); }},
+        {"SelectMode", [=](SI si, C) { si.SelectMode(x(si), 2, 1920, 1080, 0); }},
+        {"AcceptEntry", [=](SI si, C) { si.AcceptEntry(x(si), &entries[0]); }},
+        {"AcceptPointer", [=](SI si, C) { si.AcceptPointer(x(si), &u); }},
+        {"AcceptValue", [=](SI si, C) { si.AcceptValue(x(si), &u); }},
+        {"AcceptPair", [=](SI si, C) { si.AcceptPair(x(si), 1, 2); }},
+        {"AcceptNotice", [=](SI si, C) { si.AcceptNotice(x(si)); }},
+        {"GetModeInfo",
+         [=](SI si, C) {
+             ULONG size = sizeof info;
+             si.GetModeInfo(x(si), &size, &info);
+         }},
+        {"PowerUp", [=](SI si, C) { si.PowerUp(x(si)); }},
+        {"PowerDown", [=](SI si, C) { si.PowerDown(x(si)); }},
+        {"GetAuxFlag", [=](SI si, C) { si.GetAuxFlag(x(si), &u); }},
+        {"GetParameterWord", [=](SI si, C) { si.GetParameterWord(x(si), &u); }},
+        {"GetModuleInfo", [=](SI si, C) { si.GetModuleInfo(x(si), &module); }},
+        {"QueryProperty", [=](SI si, C) { si.QueryProperty(x(si), 1, &u); }},
+        {"GetPdafInfo", [=](SI si, C) { si.GetPdafInfo(x(si), &pdaf); }},
+        {"AcceptEntryList", [=](SI si, C) { si.AcceptEntryList(x(si), entries, 4); }},
+        {"InterfaceReference + InterfaceDereference",
+         [=](SI si, C) {
+             si.InterfaceHeader.InterfaceReference(x(si));
+             si.InterfaceHeader.InterfaceDereference(x(si));
+         }},
+        {"actuator Init", [](SI, C c) { VcmDrivers[c->VcmType].Init(c); }, vcm},
+        {"actuator SetPos", [](SI, C c) { VcmDrivers[c->VcmType].SetPos(c, 300); }, vcm},
+        {"actuator GetPos", [](SI, C c) { VcmDrivers[c->VcmType].GetPos(c, &position); }, vcm},
+        {"actuator GetStatus", [](SI, C c) { VcmDrivers[c->VcmType].GetStatus(c, &u); }, vcm},
+        {"actuator GetHPStatus", [](SI, C c) { VcmDrivers[c->VcmType].GetHPStatus(c, &u); }, vcm},
+        {"actuator ResetPos", [](SI, C c) { VcmDrivers[c->VcmType].ResetPos(c); }, vcm},
+        {"memory Load",
+         [](SI, C c) {
+             ULONG size = sizeof buffer;
+             NvmDriverTable[c->NvmType].Load(c, &size, buffer);
+         },
+         nvm},
+        {"memory Read", [](SI, C c) { NvmDriverTable[c->NvmType].Read(c, 0, buffer, 16); }, nvm},
+        {"memory Write", [](SI, C c) { NvmDriverTable[c->NvmType].Write(c, 0, buffer, 16); }, nvm},
+    };
+}
+
+const std::map<std::string, std::string>& documented_levels()
+{
+    // What the README's table says; a change here is a change of contract.
+    static const std::map<std::string, std::string> expected = {
+        {"AcceptRecord", "DISPATCH_LEVEL"},
+        {"GetSensorCaps", "DISPATCH_LEVEL"},
+        {"GetMipiConfig", "DISPATCH_LEVEL"},
+        {"GetSensorParameters", "DISPATCH_LEVEL"},
+        {"GetModeTables", "DISPATCH_LEVEL"},
+        {"GetPdafTable", "DISPATCH_LEVEL"},
+        {"SelectMode", "DISPATCH_LEVEL"},
+        {"AcceptEntry", "DISPATCH_LEVEL"},
+        {"AcceptPointer", "DISPATCH_LEVEL"},
+        {"AcceptValue", "DISPATCH_LEVEL"},
+        {"AcceptPair", "DISPATCH_LEVEL"},
+        {"AcceptNotice", "DISPATCH_LEVEL"},
+        {"GetModeInfo", "DISPATCH_LEVEL"},
+        {"PowerUp", "PASSIVE_LEVEL"},
+        {"PowerDown", "DISPATCH_LEVEL"},
+        {"GetAuxFlag", "DISPATCH_LEVEL"},
+        {"GetParameterWord", "DISPATCH_LEVEL"},
+        {"GetModuleInfo", "PASSIVE_LEVEL"},
+        {"QueryProperty", "DISPATCH_LEVEL"},
+        {"GetPdafInfo", "DISPATCH_LEVEL"},
+        {"AcceptEntryList", "DISPATCH_LEVEL"},
+        {"InterfaceReference + InterfaceDereference", "DISPATCH_LEVEL"},
+        {"actuator Init", "PASSIVE_LEVEL"},
+        {"actuator SetPos", "PASSIVE_LEVEL"},
+        {"actuator GetPos", "PASSIVE_LEVEL"},
+        {"actuator GetStatus", "PASSIVE_LEVEL"},
+        {"actuator GetHPStatus", "APC_LEVEL"},
+        {"actuator ResetPos", "PASSIVE_LEVEL"},
+        {"memory Load", "PASSIVE_LEVEL"},
+        {"memory Read", "PASSIVE_LEVEL"},
+        {"memory Write", "PASSIVE_LEVEL"},
+    };
+    return expected;
+}
+
+// The highest of PASSIVE, APC and DISPATCH at which `op` runs without a
+// violation, each on a fresh bench with tracing on (every trace path runs).
+std::string highest_level(const Operation& op, std::string& report)
+{
+    std::string highest = "none";
+    for (KIRQL level : {PASSIVE_LEVEL, APC_LEVEL, DISPATCH_LEVEL}) {
+        host::System sys;
+        sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+        EXPECT_EQ(platform::load_driver(sys), STATUS_SUCCESS);
+        auto dev = platform::open_device(sys);
+        if (op.set_up) {
+            op.set_up(sys, dev.context);
+        }
+        auto v = violation_of([&] { verifier::at_irql(level, [&] { op.call(dev.si, dev.context); }); });
+        if (v) {
+            report = v->text();
+            break;
+        }
+        highest = host::irql_name(level);
+    }
+    return highest;
+}
+
+TEST(VerifierTest, TheHighestLevelAtWhichEachOperationRuns)
+{
+    const auto& expected = documented_levels();
+    std::ostringstream table;
+    for (const auto& op : operations()) {
+        std::string report;
+        std::string highest = highest_level(op, report);
+        table << "| " << op.name << " | " << highest << " |\n";
+        auto it = expected.find(op.name);
+        ASSERT_NE(it, expected.end()) << op.name;
+        EXPECT_EQ(highest, it->second) << op.name << " stops above it with\n" << report;
+    }
+    std::cout << table.str();
+}
+
+// Each operation's declaration says the highest level it may be called at,
+// as the code analysis of a WDK build reads it; it must not promise more
+// than the run above shows is safe, nor less than the operation allows.
+TEST(VerifierTest, TheSourceAnnotationsPromiseWhatTheRunShows)
+{
+    std::map<std::string, std::string> annotated;
+    for (const char* header : {"sensor/sensor.h", "driver/driver.h"}) {
+        std::ifstream in(std::string(KORVANEL_SOURCE_DIR) + "/" + header);
+        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        std::regex declaration(R"(_IRQL_requires_max_\((\w+)\)\s*\n\w+\s+(\w+)\()");
+        for (auto it = std::sregex_iterator(text.begin(), text.end(), declaration); it != std::sregex_iterator(); ++it) {
+            annotated[(*it)[2]] = (*it)[1];
+        }
+    }
+    size_t checked = 0;
+    for (const auto& [operation, level] : documented_levels()) {
+        std::vector<std::string> routines = {operation};
+        if (operation == "InterfaceReference + InterfaceDereference") {
+            routines = {"SensorInterfaceReference", "SensorInterfaceDereference"};
+        } else if (operation.find(' ') != std::string::npos) {
+            continue;  // actuator and memory rows: their routine types carry the annotation
+        }
+        for (const auto& routine : routines) {
+            SCOPED_TRACE(routine);
+            auto it = annotated.find(routine);
+            ASSERT_NE(it, annotated.end()) << "no _IRQL_requires_max_ on the declaration";
+            EXPECT_EQ(it->second, level);
+            checked++;
+        }
+    }
+    EXPECT_EQ(checked, 23u);
+}
+
+// A driver source with the project headers it includes from its own folder.
+std::string read_source(const std::filesystem::path& path)
+{
+    std::ifstream in(path);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::regex local_include(R"re(#include "(\w+\.h)")re");
+    std::string headers;
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), local_include); it != std::sregex_iterator(); ++it) {
+        std::ifstream h(path.parent_path() / (*it)[1].str());
+        headers += std::string((std::istreambuf_iterator<char>(h)), std::istreambuf_iterator<char>());
+    }
+    return headers + "\n" + text;
+}
+
+// Routines a wrapper macro defines (Name##_Init, Cmd_##Name##Read): the name
+// as a pattern, the macro's parameters standing for any word, and the first
+// statement of the body.
+std::vector<std::pair<std::string, std::string>> macro_definitions(const std::string& text)
+{
+    std::vector<std::pair<std::string, std::string>> out;
+    std::regex macro(R"(#define \w+\(([^)]*)\)((?:[^\n]*\\\n)*[^\n]*))");
+    std::regex routine(R"(([\w#]*##[\w#]*)\([^;{}]*\)\s*\{\s*(\S[^;]*;))");
+    for (auto m = std::sregex_iterator(text.begin(), text.end(), macro); m != std::sregex_iterator(); ++m) {
+        std::set<std::string> parameters;
+        std::string list = (*m)[1];
+        std::regex word(R"(\w+)");
+        for (auto p = std::sregex_iterator(list.begin(), list.end(), word); p != std::sregex_iterator(); ++p) {
+            parameters.insert(p->str());
+        }
+        std::string body = std::regex_replace((*m)[2].str(), std::regex(R"(\\\n)"), "\n");
+        for (auto r = std::sregex_iterator(body.begin(), body.end(), routine); r != std::sregex_iterator(); ++r) {
+            std::string name = (*r)[1], pattern;
+            for (size_t from = 0; from <= name.size();) {
+                size_t hashes = std::min(name.find("##", from), name.size());
+                std::string part = name.substr(from, hashes - from);
+                pattern += parameters.count(part) ? "\\w+" : part;
+                from = hashes + 2;
+            }
+            out.emplace_back(pattern, (*r)[2]);
+        }
+    }
+    return out;
+}
+
+// Every routine a driver source places in PAGE begins with PAGED_CODE(), as
+// the framework's samples do, so that reaching it above APC_LEVEL stops the
+// bench; no resident routine does, as it would stop callers that may run
+// there.
+TEST(VerifierTest, EveryPageableRoutineAndOnlyThoseBeginsWithPagedCode)
+{
+    namespace fs = std::filesystem;
+    std::regex pragma(R"(#pragma alloc_text\((\w+),\s*(\w+)\))");
+    // A definition: a line that starts with a type and names the routine,
+    // then the parameters and the opening brace on a line of its own.
+    std::regex definition(R"(\n[A-Za-z_][\w \*]*?\b(\w+)\(([^;{}]*)\)\n\{\n\s*(\S[^\n]*))");
+    size_t pageable = 0, resident = 0;
+    for (const char* folder : {"driver", "sensor", "bus", "vcm", "nvm", "trace"}) {
+        for (const auto& entry : fs::directory_iterator(fs::path(KORVANEL_SOURCE_DIR) / folder)) {
+            if (entry.path().extension() != ".cpp") {
+                continue;
+            }
+            std::string text = read_source(entry.path());
+            std::map<std::string, std::string> section;
+            for (auto it = std::sregex_iterator(text.begin(), text.end(), pragma); it != std::sregex_iterator(); ++it) {
+                section[(*it)[2]] = (*it)[1];
+            }
+            // Plain definitions, then the ones a wrapper macro writes for
+            // each chip or memory family (Name##_Init, Cmd_##Name##Read).
+            std::map<std::string, std::string> first_statement;
+            for (auto it = std::sregex_iterator(text.begin(), text.end(), definition); it != std::sregex_iterator(); ++it) {
+                first_statement[(*it)[1]] = (*it)[3];
+            }
+            auto templates = macro_definitions(text);
+            std::set<std::string> defined;
+            for (auto& [name, where] : section) {
+                if (first_statement.count(name) == 0) {
+                    for (auto& [pattern, first] : templates) {
+                        if (std::regex_match(name, std::regex(pattern))) {
+                            first_statement[name] = first;
+                        }
+                    }
+                }
+            }
+            for (auto& [name, first] : first_statement) {
+                bool paged_code = first.rfind("PAGED_CODE();", 0) == 0;
+                bool in_page = section.count(name) != 0 && section[name] == "PAGE";
+                SCOPED_TRACE(entry.path().filename().string() + ": " + name);
+                EXPECT_EQ(paged_code, in_page) << (in_page ? "pageable, but does not begin with PAGED_CODE()"
+                                                           : "resident (or INIT), but begins with PAGED_CODE()");
+                (in_page ? pageable : resident)++;
+                defined.insert(name);
+            }
+            for (auto& [name, where] : section) {
+                EXPECT_TRUE(defined.count(name)) << entry.path().filename().string() << ": " << name << " is placed in "
+                                                 << where << " but its definition was not found";
+            }
+        }
+    }
+    std::cout << pageable << " pageable routines begin with PAGED_CODE(); " << resident << " others do not\n";
+    EXPECT_GT(pageable, 100u);
+}
+
+}  // namespace
+}  // namespace korvanel::test
