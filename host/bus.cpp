@@ -46,6 +46,25 @@ std::shared_ptr<sim::Peripheral> Bus::peripheral(uint64_t connection) const
     return it == peripherals_.end() ? nullptr : it->second;
 }
 
+void Bus::set_address(uint64_t connection, uint8_t address)
+{
+    std::lock_guard lock(mutex_);
+    addresses_[connection] = address & 0x7F;
+}
+
+uint8_t Bus::address(uint64_t connection) const
+{
+    std::lock_guard lock(mutex_);
+    auto it = addresses_.find(connection);
+    return it == addresses_.end() ? uint8_t(connection & 0x7F) : it->second;
+}
+
+void Bus::observe(std::function<void(const BusTransfer&)> observer)
+{
+    std::lock_guard wire(wire_);
+    observer_ = std::move(observer);
+}
+
 void Bus::set_speed(BusSpeed speed)
 {
     std::lock_guard lock(mutex_);
@@ -129,7 +148,7 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
     // while this one waited for its turn.
     int64_t spent = std::max<int64_t>(0, busy_until_ - sent) + int64_t(request.delay_us) * 10;
 
-    BusTransfer t{0, request.connection, request.direction, request.length, {}, request.timeout, STATUS_SUCCESS,
+    BusTransfer t{0, request.connection, 0, 0, request.direction, request.length, {}, request.timeout, STATUS_SUCCESS,
                   clock.now(), 0};
     if (request.direction == Direction::Write) {
         t.bytes.assign(request.buffer, request.buffer + request.length);
@@ -140,6 +159,12 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
     {
         std::lock_guard lock(mutex_);
         t.index = next_index_++;
+        if (!request.continues_sequence || next_sequence_ == 0) {
+            next_sequence_++;
+        }
+        t.sequence = next_sequence_ - 1;
+        auto address = addresses_.find(request.connection);
+        t.address = address == addresses_.end() ? uint8_t(request.connection & 0x7F) : address->second;
         fault = take_fault(t);
         if (auto it = peripherals_.find(request.connection); it != peripherals_.end()) {
             part = it->second;
@@ -196,6 +221,9 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
     }
     t.status = status;
     t.duration = duration;
+    if (observer_) {
+        observer_(t);
+    }
     {
         std::lock_guard lock(mutex_);
         if (transcript_.size() == kTransfersKept) {

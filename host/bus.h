@@ -62,6 +62,10 @@ struct BusFault {
 struct BusTransfer {
     uint64_t index;        // transfers counted from 0 since the bus was made
     uint64_t connection;
+    uint8_t address;       // the part's 7-bit bus address behind the connection
+    // Transfers of one sequence request share this id; the controller joins
+    // them with a repeated START instead of a STOP and a START.
+    uint64_t sequence;
     Direction direction;
     uint32_t length;       // bytes the request asked to move
     std::vector<uint8_t> bytes;  // write: the bytes sent; read: the bytes the driver received (none on failure)
@@ -104,6 +108,10 @@ public:
     void attach(uint64_t connection, std::shared_ptr<sim::Peripheral> peripheral);
     void detach(uint64_t connection);
     std::shared_ptr<sim::Peripheral> peripheral(uint64_t connection) const;
+    // The 7-bit bus address the connection's descriptor names. A connection
+    // nobody set answers the low seven bits of its id.
+    void set_address(uint64_t connection, uint8_t address);
+    uint8_t address(uint64_t connection) const;
 
     // ---- Speed ---------------------------------------------------------------
     void set_speed(BusSpeed speed);
@@ -130,6 +138,10 @@ public:
     uint64_t transfer_count() const;    // transfers so far = the next one's index
     std::string last_rejection() const; // why the latest refused request was refused
     std::vector<TargetRecord> targets() const;  // the kept targets, in the order they were created
+    // Called with each transfer as it is recorded, in order, on the thread
+    // that made it (the wire is held): a waveform follows a run of any length
+    // without the transcript keeping it. One observer; empty removes it.
+    void observe(std::function<void(const BusTransfer&)> observer);
 
     // ---- Used by the framework's I/O target routines ---------------------------
     struct Request {
@@ -139,6 +151,7 @@ public:
         uint32_t length;
         uint32_t delay_us;  // wait before the transfer
         std::optional<int64_t> timeout;
+        bool continues_sequence = false;  // a later transfer of the request before it
     };
     // Carries out one transfer: time-out, faults, the part, the clock, the
     // transcript. `transferred` gets the bytes moved.
@@ -165,6 +178,9 @@ private:
     // target deleted under the framework's lock cannot wait on the wire.
     mutable std::mutex mutex_;
     std::map<uint64_t, std::shared_ptr<sim::Peripheral>> peripherals_;
+    std::map<uint64_t, uint8_t> addresses_;
+    std::function<void(const BusTransfer&)> observer_;  // called under wire_ only
+    uint64_t next_sequence_ = 0;
     BusSpeed speed_ = BusSpeed::Instant;
     std::map<uint64_t, BusFault> indexed_faults_;
     std::vector<Rule> rules_;

@@ -4,8 +4,24 @@
 #include "host/bus.h"
 
 #include <cstdio>
+#include <utility>
 
 namespace korvanel::platform {
+
+uint8_t usual_actuator_address(const sim::ActuatorChip& chip)
+{
+    // From the chips' datasheets (write address 0x18 is 7-bit 0x0C).
+    static const std::pair<const char*, uint8_t> kAddresses[] = {
+        {"AD5823", 0x0C}, {"DW9714", 0x0C}, {"AD5816", 0x0E}, {"DW9719", 0x0C},
+        {"DW9718", 0x0C}, {"DW9806B", 0x0C}, {"WV517S", 0x0C}, {"LC898122XA", 0x24},
+    };
+    for (auto [name, address] : kAddresses) {
+        if (chip.name == name) {
+            return address;
+        }
+    }
+    return 0;
+}
 
 std::shared_ptr<sim::ActuatorModel> select_actuator(host::System& sys, PDEVICE_CONTEXT context,
                                                     const ActuatorSelection& selection)
@@ -16,6 +32,7 @@ std::shared_ptr<sim::ActuatorModel> select_actuator(host::System& sys, PDEVICE_C
     }
     auto model = std::make_shared<sim::ActuatorModel>(*chip);
     sys.bus().attach(selection.connection, model);
+    sys.bus().set_address(selection.connection, selection.address.value_or(usual_actuator_address(*chip)));
     context->I2cConnections[I2C_SLOT_VCM].ConnectionId = selection.connection;
     context->I2cConnections[I2C_SLOT_VCM].Present = 1;
     context->VcmType = LONG(chip->vcm_type);

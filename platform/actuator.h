@@ -22,7 +22,12 @@ struct ActuatorSelection {
     unsigned low = 0;                   // VcmLowPosition
     unsigned high = 1023;               // VcmHighPosition
     std::optional<std::string> module = {};  // into SensorName
+    std::optional<uint8_t> address = {};     // 7-bit bus address; the chip's usual one when unset
 };
+
+// The 7-bit bus address the chip answers on when its address pins are left
+// as module makers usually leave them; 0 for an unknown chip.
+uint8_t usual_actuator_address(const sim::ActuatorChip& chip);
 
 // The model attached and selected; null for an unknown chip.
 std::shared_ptr<sim::ActuatorModel> select_actuator(host::System& sys, PDEVICE_CONTEXT context,

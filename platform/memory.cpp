@@ -48,6 +48,7 @@ std::shared_ptr<sim::Eeprom> select_memory(host::System& sys, PDEVICE_CONTEXT co
         slot.ConnectionId = selection.first_connection + i;
         slot.Present = 1;
         sys.bus().attach(slot.ConnectionId, connections[i]);
+        sys.bus().set_address(slot.ConnectionId, uint8_t(selection.address.value_or(kUsualMemoryAddress) + i));
     }
     return model;
 }

@@ -32,7 +32,13 @@ struct MemorySelection {
     unsigned type = 0;
     uint64_t first_connection = 0x50;  // slot 2's id; a block part's block b is on first + b
     uint32_t cache_length = 0;         // NvmCacheLength
+    // 7-bit bus address (block 0's for a block part, whose block b answers
+    // on address + b); kUsualMemoryAddress when unset.
+    std::optional<uint8_t> address = {};
 };
+
+// Where serial EEPROMs answer with their address pins tied low.
+constexpr uint8_t kUsualMemoryAddress = 0x50;
 
 // The part attached and the context set; the part starts erased. Null for a
 // type without a part.

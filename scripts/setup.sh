@@ -26,6 +26,7 @@ full_test_set=(
   python3
   clang
   libclang-rt-14-dev
+  sigrok-cli
 )
 
 packages=("${first_command[@]}")

@@ -64,6 +64,12 @@ bool Eeprom::busy(int64_t now) const
     return now < busy_until_;
 }
 
+int64_t Eeprom::busy_until() const
+{
+    std::lock_guard lock(mutex_);
+    return busy_until_;
+}
+
 // The cycle runs from the stop condition.
 void Eeprom::start_cycle(const Transfer& when, int64_t duration)
 {

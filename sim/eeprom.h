@@ -82,6 +82,7 @@ public:
     std::optional<std::string> save_file(const std::string& path) const;
     size_t pointer() const;            // the address pointer
     bool busy(int64_t now) const;      // in a write or erase cycle at clock time `now`
+    int64_t busy_until() const;        // clock time the latest write or erase cycle ends
     unsigned write_cycles() const;     // cycles started, erases included
 
 private:

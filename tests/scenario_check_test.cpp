@@ -35,7 +35,7 @@ void check_all(const std::vector<Case>& cases)
 host::BusTransfer transfer(host::Direction direction, std::vector<uint8_t> bytes, uint64_t connection = 0x1c,
                            NTSTATUS status = STATUS_SUCCESS)
 {
-    return {0, connection, direction, uint32_t(bytes.size()), bytes, std::nullopt, status, 0, 0};
+    return {0, connection, uint8_t(connection & 0x7F), 0, direction, uint32_t(bytes.size()), bytes, std::nullopt, status, 0, 0};
 }
 host::BusTransfer write(std::vector<uint8_t> bytes, uint64_t connection = 0x1c, NTSTATUS status = STATUS_SUCCESS)
 {
@@ -188,6 +188,53 @@ TEST(ScenarioCheck, TraceTextsWithinTheStepsEvents)
 }
 
 // Several expectations of one step fail in the order a reader finds them.
+// A capture's transfers against the step's as the wire shows them; with
+// timing, the bench's STOP-to-START gaps (idle time plus the drawn bus-free
+// time, 1.8 us at 400 kHz) against the capture's, less the tolerance.
+TEST(ScenarioCheck, BusCaptureTransfersAndGaps)
+{
+    auto timed = [](int64_t second_start) {
+        Observation seen;
+        seen.speed = host::BusSpeed::Fast;
+        int64_t first = host::Bus::wire_time(host::BusSpeed::Fast, 1);
+        seen.transfers = {transfer(host::Direction::Write, {0x03}), transfer(host::Direction::Write, {0x04})};
+        seen.transfers[0].address = seen.transfers[1].address = 0x0C;
+        seen.transfers[0].sequence = 1;  // two requests: a STOP between them
+        seen.transfers[1].sequence = 2;
+        seen.transfers[0].duration = seen.transfers[1].duration = first;
+        seen.transfers[1].time = first + second_start;
+        return seen;
+    };
+    auto capture = [](uint8_t second, std::optional<double> tolerance) {
+        Expect x;
+        x.bus_capture = "move.vcd";
+        host::WireTransfer w{false, 0x0C, host::Direction::Write, true, {0x03}, {true}, true};
+        tool::Capture c;
+        c.transfers = {w, w};
+        c.transfers[1].bytes[0] = second;
+        c.samples = {{0, 100}, {1100, 1200}};  // a 10 us gap at 100 MHz
+        c.samplerate = 1e8;
+        x.capture = c;
+        x.capture_tolerance_us = tolerance;
+        return x;
+    };
+    check_all({
+        {"equal", capture(0x04, std::nullopt), timed(0), {}},
+        {"a byte differs",
+         capture(0x05, std::nullopt),
+         timed(0),
+         {"bus_capture: move.vcd: transfer 2 differs:\n          bench:   S 0x0C W ACK: 04 ACK P\n          capture: S "
+          "0x0C W ACK: 05 ACK P\n          first differing byte: 1 of 1 (bench 04, capture 05)"}},
+        {"gap long enough", capture(0x04, 0.0), timed(82), {}},  // 8.2 + 1.8 us
+        {"gap short by less than the tolerance", capture(0x04, 0.5), timed(78), {}},
+        {"gap too short",
+         capture(0x04, 0.1),
+         timed(78),
+         {"capture_timing: move.vcd: the gap before transfer 2 is 9.6 us on the bench, 10.0 us in the capture "
+          "(tolerance 0.1 us)"}},
+    });
+}
+
 TEST(ScenarioCheck, FailuresInTheOrderOfTheExpectations)
 {
     Expect expect{.status = STATUS_SUCCESS, .transfers = 1, .lens = 5, .power = "D0"};

@@ -73,6 +73,23 @@ const std::vector<Case>& cases()
          with_device(R"({"memory": {"type": 7, "save": "x.out"}, "actuator": {"chip": "DW9714", "plot": "x.out"}})"), 2,
          "\"save\" @/x.out: another output of this run is written there"},
         {"paths", "run --output-dir @/none @/s.jsonc", with_step(""), 2, "--output-dir @/none: not a folder"},
+        // waveforms and captures follow the same rule
+        {"paths", "--vcm DW9719 --bus-speed 400k --vcd @/exists.bin", "", 2,
+         "--vcd @/exists.bin: the file exists; --force replaces it"},
+        {"paths", "--vcm DW9719 --bus-speed 400k --vcd @/none/w.vcd", "", 2,
+         "--vcd @/none/w.vcd: the folder @/none does not exist"},
+        {"paths", "run @/s.jsonc",
+         "{\"bus_speed\": \"400k\", \"vcd\": \"exists.bin\", " + with_device(kMemory).substr(1), 2,
+         "\"vcd\" @/exists.bin: the file exists; --force (or \"overwrite\": true in the scenario) replaces it"},
+        {"paths", "--vcm DW9719 --bus-speed 400k --bus-capture @", "", 2, "--bus-capture @: it is a directory"},
+        {"paths", "--vcm DW9719 --bus-speed 400k --bus-capture /dev/zero", "", 2,
+         "/dev/zero: it is a character device, not a regular file"},
+        {"paths", "--vcm DW9719 --vcd @/w.vcd", "", 2, "--vcd: a waveform needs wire time"},
+        {"paths", "--vcd @/w.vcd", "", 2, "--vcd has no effect without --vcm or --nvm"},
+        {"paths", "--vcm DW9719 --capture-channels D0,D1", "", 2,
+         "--capture-channels has no effect without --bus-capture"},
+        {"paths", "--vcm-address 0x30", "", 2, "--vcm-address has no effect without --vcm"},
+        {"paths", "--nvm-address 0x54", "", 2, "--nvm-address has no effect without --nvm"},
 
         // ---- sizes: stated in bytes, refused before a byte is used ----
         {"sizes", "--nvm 7 --nvm-file @/129.bin", "", 2,

@@ -121,6 +121,16 @@ void add_actuator_options(CLI::App& app, ActuatorOptions& options)
 {
     app.add_option("--vcm", options.selection.chip, "attach a lens actuator: " + actuator_chip_names() + ", or its table row 1-8");
     app.add_option("--vcm-connection", options.connection, "its resource-hub connection id (default 0x1C)");
+    app.add_option_function<std::string>(
+        "--vcm-address",
+        [&options](const std::string& text) {
+            auto address = parse_integer(text, 0, 0x7F);
+            if (!address) {
+                throw CLI::ValidationError("--vcm-address", "'" + text + "' is not a 7-bit bus address");
+            }
+            options.selection.address = uint8_t(*address);
+        },
+        "its 7-bit bus address (default the chip's usual one)");
     app.add_option("--vcm-low", options.selection.low, "VcmLowPosition of the module")->check(CLI::Range(0, 65535));
     app.add_option("--vcm-high", options.selection.high, "VcmHighPosition of the module")->check(CLI::Range(0, 65535));
     app.add_option("--module", options.selection.module, "module name put into SensorName (DW9806B ramps by it)");
@@ -254,9 +264,13 @@ ordered_json run_actuator(host::System& sys, PDEVICE_CONTEXT context, const std:
 }
 
 bool run_actuator_options(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOptions& options,
-                          const std::vector<ActuatorOp>& ops, ordered_json& result, std::string& error)
+                          const std::vector<ActuatorOp>& ops, ordered_json& result, std::string& error,
+                          Waveform* waveform)
 {
-    platform::select_actuator(sys, context, options.selection);
+    auto model = platform::select_actuator(sys, context, options.selection);
+    if (waveform != nullptr) {
+        waveform->watch(model);
+    }
     result = run_actuator(sys, context, ops);
     if (!options.svg.empty()) {
         if (auto problem = write_output(options.svg, trajectory_svg(result), {options.force, "--force", {}})) {

@@ -24,6 +24,7 @@ namespace korvanel::tool {
 // to the memory's own size.
 constexpr size_t kScenarioFileLimit = size_t(16) << 20;
 constexpr size_t kWriteDataFileLimit = size_t(1) << 20;
+constexpr size_t kCaptureFileLimit = size_t(64) << 20;  // a logic analyzer's recording
 
 // The whole file, or nothing with `error` set to "PATH: reason". `what`
 // says in the limit's message what the file is ("a scenario", "a memory

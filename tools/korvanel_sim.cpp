@@ -12,16 +12,20 @@
 //   korvanel-sim --real-time                       waits take real time
 //   korvanel-sim --nvm 10 --nvm-ops load,load --bus-speed 400k   a module memory
 //   korvanel-sim --vcm DW9719 --vcm-ops init,setpos:300,resetpos --svg lens.svg
+//   korvanel-sim --vcm AD5823 --bus-speed 400k --vcd lens.vcd   the run as a waveform
 //   korvanel-sim run examples/preview_mode.jsonc    a scenario file
 #include "actuator_cli.h"
 #include "bus_report.h"
 #include "calls.h"
+#include "capture.h"
+#include "files.h"
 #include "known_names.h"
 #include "memory_cli.h"
 #include "parse.h"
 #include "records.h"
 #include "scenario.h"
 #include "trace_view.h"
+#include "waveform.h"
 #include "host/bus.h"
 #include "host/system.h"
 #include "host/verifier.h"
@@ -259,10 +263,11 @@ std::optional<std::string> without_effect(const CLI::App& app)
         std::vector<const char*> options;
         std::vector<const char*> needs;  // any one of these
     } rules[] = {
-        {{"--vcm-connection", "--vcm-low", "--vcm-high", "--module", "--vcm-ops", "--svg"}, {"--vcm"}},
-        {{"--nvm-connection", "--nvm-file", "--nvm-cache-length", "--nvm-ops", "--nvm-save"}, {"--nvm"}},
-        {{"--bus-speed"}, {"--vcm", "--nvm"}},
-        {{"--force"}, {"--svg", "--nvm-save"}},
+        {{"--vcm-connection", "--vcm-address", "--vcm-low", "--vcm-high", "--module", "--vcm-ops", "--svg"}, {"--vcm"}},
+        {{"--nvm-connection", "--nvm-address", "--nvm-file", "--nvm-cache-length", "--nvm-ops", "--nvm-save"}, {"--nvm"}},
+        {{"--bus-speed", "--vcd", "--bus-capture"}, {"--vcm", "--nvm"}},
+        {{"--capture-channels"}, {"--bus-capture"}},
+        {{"--force"}, {"--svg", "--nvm-save", "--vcd"}},
     };
     for (auto& rule : rules) {
         if (std::any_of(rule.needs.begin(), rule.needs.end(), given)) {
@@ -347,7 +352,14 @@ static int run(int argc, char** argv)
     korvanel::tool::add_memory_options(app, memory);
     korvanel::tool::ActuatorOptions actuator;
     korvanel::tool::add_actuator_options(app, actuator);
-    app.add_flag("--force", force, "--svg and --nvm-save may replace an existing file");
+    std::string vcd;
+    app.add_option("--vcd", vcd, korvanel::tool::waveform_option_help());
+    std::string bus_capture, capture_channels;
+    app.add_option("--bus-capture", bus_capture,
+                   "compare the run's bus with a logic-analyzer capture: sigrok-cli -A i2c annotation text, a VCD "
+                   "or a sigrok session file");
+    app.add_option("--capture-channels", capture_channels, "the capture's SCL and SDA channel names: SCL,SDA (default scl,sda)");
+    app.add_flag("--force", force, "--svg, --nvm-save and --vcd may replace an existing file");
 
     auto* run = app.add_subcommand("run", "run a scenario file: its devices, its steps and what each step expects");
     std::string scenario_file;
@@ -356,9 +368,10 @@ static int run(int argc, char** argv)
         ->required();
     run->add_flag("-v,--verbose", scenario.verbose, "print each step's values, bus transfers and trace events");
     run->add_flag("--json", scenario.json, "print the run as JSON");
+    run->add_option("--vcd", scenario.vcd, korvanel::tool::waveform_option_help());
     run->add_option("--output-dir", scenario.output_dir,
-                    "write the scenario's charts and saved memories here (default: beside the scenario)");
-    run->add_flag("--force", scenario.force, "charts and saved memories may replace existing files");
+                    "write the scenario's charts, saved memories and waveform here (default: beside the scenario)");
+    run->add_flag("--force", scenario.force, "charts, saved memories and waveforms may replace existing files");
     korvanel::tool::add_trace_options(*run, scenario.trace);
     try {
         app.parse(argc, argv);
@@ -417,6 +430,36 @@ static int run(int argc, char** argv)
     if (!actuator.svg.empty() && actuator.svg == memory.save) {
         return usage_error("--svg and --nvm-save both name " + actuator.svg, false);
     }
+    if (!vcd.empty() && (vcd == actuator.svg || vcd == memory.save)) {
+        return usage_error("--vcd and " + std::string(vcd == actuator.svg ? "--svg" : "--nvm-save") + " both name " + vcd,
+                           false);
+    }
+    if (!vcd.empty()) {
+        if (speed == korvanel::host::BusSpeed::Instant) {
+            return usage_error("--vcd: a waveform needs wire time: give --bus-speed 100k, 400k or 1m", false);
+        }
+        if (auto problem = korvanel::tool::check_output(vcd, {force, "--force", {}})) {
+            return usage_error("--vcd " + *problem, false);
+        }
+    }
+
+    // A capture that cannot be read stops the run before it starts.
+    std::optional<korvanel::tool::Capture> capture;
+    if (!bus_capture.empty()) {
+        korvanel::tool::CaptureChannels channels;
+        auto names = korvanel::tool::split(capture_channels, ',');
+        if (!capture_channels.empty() && (names.size() != 2 || names[0].empty() || names[1].empty())) {
+            return usage_error("--capture-channels takes SCL,SDA, not '" + capture_channels + "'", false);
+        }
+        if (names.size() == 2) {
+            channels = {names[0], names[1]};
+        }
+        std::string error;
+        capture = korvanel::tool::read_capture(bus_capture, channels, error);
+        if (!capture) {
+            return usage_error("--bus-capture " + error, false);
+        }
+    }
     std::vector<std::pair<std::string, uint32_t>> dwords;
     for (auto& assignment : registry_values) {
         auto eq = assignment.find('=');
@@ -441,6 +484,15 @@ static int run(int argc, char** argv)
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }
     int64_t origin = sys.clock().now();
+    korvanel::tool::Waveform waveform;
+    if (!vcd.empty()) {
+        const auto* chip = korvanel::sim::find_actuator_chip(actuator.selection.chip);
+        unsigned lens_bits = chip == nullptr ? 0 : chip->max_code > 1023 ? 11 : 10;
+        if (auto error = waveform.open(sys, vcd, {lens_bits, memory.requested()})) {
+            std::cerr << "korvanel-sim: --vcd: " << *error << "\n";
+            return 2;
+        }
+    }
 
     NTSTATUS status = korvanel::platform::load_driver(sys);
     if (!NT_SUCCESS(status)) {
@@ -456,6 +508,7 @@ static int run(int argc, char** argv)
         return 1;
     }
     SENSOR_INTERFACE& si = dev.si;
+    waveform.watch(dev.device);
     ordered_json description = describe(si, select, raw);
     auto variant = korvanel::tool::variant_name(hwid);
     description["variant"] = {{"hardware_id", hwid}, {"matched", variant.has_value()}};
@@ -463,16 +516,28 @@ static int run(int argc, char** argv)
     // A file the run could not write is the user's error, as a bad option is.
     std::string write_error;
     if (memory.requested()) {
-        description["memory"] = korvanel::tool::run_memory_options(sys, context, memory);
+        description["memory"] = korvanel::tool::run_memory_options(sys, context, memory, &waveform);
         write_error = description["memory"].value("save_error", "");
     }
     if (!actuator.selection.chip.empty() &&
-        !korvanel::tool::run_actuator_options(sys, context, actuator, *vcm_ops, description["actuator"], error)) {
+        !korvanel::tool::run_actuator_options(sys, context, actuator, *vcm_ops, description["actuator"], error,
+                                              &waveform)) {
         write_error = error;
     }
     si.InterfaceHeader.InterfaceDereference(si.InterfaceHeader.Context);
 
+    waveform.watch(nullptr);
     auto report = sys.unload_driver();
+    // Checked again under the one rule, then moved into place; the waveform
+    // is written whatever the run found, to look at it.
+    if (auto problem = vcd.empty() ? std::nullopt : korvanel::tool::check_output(vcd, {force, "--force", {}})) {
+        std::cerr << "korvanel-sim: --vcd " << *problem << "\n";
+        return 2;
+    }
+    if (auto error = waveform.finish()) {
+        std::cerr << "korvanel-sim: --vcd: " << *error << "\n";
+        return 2;
+    }
     auto entries = korvanel::tool::trace_entries(sys.traces(), sys.traces().events(), trace);
     if (trace.requested()) {
         description["trace"] = korvanel::tool::trace_json(entries, origin);
@@ -500,6 +565,14 @@ static int run(int argc, char** argv)
     if (!write_error.empty()) {
         std::cerr << "korvanel-sim: cannot write " << write_error << "\n";
         return 2;
+    }
+    if (capture) {
+        auto bench = korvanel::host::wire_transcript(sys.bus().transcript(), *speed);
+        if (auto difference = korvanel::tool::compare_wire(bench, capture->transfers)) {
+            std::cerr << "korvanel-sim: the bus differs from " << bus_capture << ": " << *difference << "\n";
+            return 1;
+        }
+        std::cerr << "korvanel-sim: the bus matches " << bus_capture << " (" << bench.size() << (bench.size() == 1 ? " transfer" : " transfers") << ")\n";
     }
     return report.clean() ? 0 : 1;
 }

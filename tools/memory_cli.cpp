@@ -166,6 +166,8 @@ void add_memory_options(CLI::App& app, MemoryOptions& options)
     app.add_option("--nvm", options.type, "attach a module memory of this NVM type (5 to 12) and select it");
     app.add_option("--nvm-connection", options.connection,
                    "connection id of slot 2 (default 0x50); block parts take consecutive ids");
+    app.add_option("--nvm-address", options.address,
+                   "its 7-bit bus address (block 0's for a block memory; default 0x50)");
     app.add_option("--nvm-file", options.file, "initial memory contents (binary, from address 0)");
     app.add_option("--nvm-cache-length", options.cache_length, "NvmCacheLength (default the smaller of size and 750)");
     app.add_option("--nvm-ops", options.ops,
@@ -195,6 +197,14 @@ std::optional<std::string> prepare_memory(MemoryOptions& options)
         }
         options.selection.cache_length = uint32_t(*length);
     }
+    if (!options.address.empty()) {
+        // A block memory's last block must answer on a 7-bit address too.
+        auto address = parse_integer(options.address, 0, 0x80 - long(geometry->connections));
+        if (!address) {
+            return "--nvm-address: '" + options.address + "' is not a 7-bit bus address for this memory";
+        }
+        options.selection.address = uint8_t(*address);
+    }
     if (!options.file.empty()) {
         std::string error;
         auto data = read_input(options.file, "a memory image of type " + options.type, geometry->size, true, error);
@@ -214,9 +224,13 @@ std::optional<std::string> prepare_memory(MemoryOptions& options)
     return std::nullopt;
 }
 
-ordered_json run_memory_options(host::System& sys, _DEVICE_CONTEXT* context, const MemoryOptions& options)
+ordered_json run_memory_options(host::System& sys, _DEVICE_CONTEXT* context, const MemoryOptions& options,
+                                Waveform* waveform)
 {
     auto model = platform::select_memory(sys, context, options.selection);
+    if (waveform != nullptr) {
+        waveform->watch(model);
+    }
     model->set_contents(0, options.initial);
     ordered_json report = run_memory(sys, context, *model, options.parsed);
     if (!options.notes.empty()) {

@@ -11,6 +11,7 @@
 #pragma once
 
 #include "platform/memory.h"
+#include "waveform.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -57,6 +58,7 @@ struct MemoryOptions {
     std::string cache_length;
     std::string ops;
     std::string save;
+    std::string address;    // --nvm-address
     bool force = false;     // --force: --nvm-save may replace a file
 
     // Filled by prepare().
@@ -73,7 +75,8 @@ void add_memory_options(CLI::App& app, MemoryOptions& options);
 std::optional<std::string> prepare_memory(MemoryOptions& options);
 // Attaches, fills, runs and saves; the report for --json and print_memory(),
 // with "save_error" when --nvm-save could not be written.
-nlohmann::ordered_json run_memory_options(host::System& sys, _DEVICE_CONTEXT* context, const MemoryOptions& options);
+nlohmann::ordered_json run_memory_options(host::System& sys, _DEVICE_CONTEXT* context, const MemoryOptions& options,
+                                          Waveform* waveform = nullptr);
 void print_memory(const nlohmann::ordered_json& report);
 
 }  // namespace korvanel::tool

@@ -15,7 +15,7 @@ namespace korvanel::tool {
 
 namespace {
 
-// Where the scenario's charts and saved memories go, each checked before
+// Where the scenario's charts, saved memories and waveform go, each checked before
 // anything runs; the first problem, or nothing.
 std::optional<std::string> place_outputs(Scenario& scenario, const std::string& name, const std::string& base_dir,
                                          const ScenarioOptions& options, const OutputRule& rule)
@@ -39,6 +39,18 @@ std::optional<std::string> place_outputs(Scenario& scenario, const std::string& 
             }
         }
     }
+    // The waveform: the scenario's "vcd" found like its other outputs, --vcd
+    // as the user typed it.
+    if (!scenario.vcd.empty() || !options.vcd.empty()) {
+        std::string where = name + ": " + (options.vcd.empty() ? "\"vcd\" " : "--vcd ");
+        scenario.vcd = options.vcd.empty() ? beside(folder, scenario.vcd) : options.vcd;
+        if (std::find(placed.begin(), placed.end(), scenario.vcd) != placed.end()) {
+            return where + scenario.vcd + ": another output of this run is written there";
+        }
+        if (auto problem = check_output(scenario.vcd, rule)) {
+            return where + *problem;
+        }
+    }
     return std::nullopt;
 }
 
@@ -53,6 +65,12 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
         err << error << "\n";
         return 2;
     }
+    if (!options.vcd.empty()) {
+        if (auto problem = waveform_problem(*scenario)) {
+            err << "korvanel-sim: --vcd: " << name << ": " << *problem << "\n";
+            return 2;
+        }
+    }
     OutputRule rule{options.force || scenario->overwrite, "--force (or \"overwrite\": true in the scenario)", {name}};
     if (auto problem = place_outputs(*scenario, name, base_dir, options, rule)) {
         err << *problem << "\n";
@@ -61,9 +79,15 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
     Executor executor(*scenario, options.verbose, options.trace);
     auto reporter = make_reporter({options.json, options.verbose, options.trace.requested()}, *scenario, name,
                                   executor.origin(), out);
+    // A waveform file that cannot be written is bad input, as for the other modes.
+    bool ready = executor.set_up();
+    if (!ready && executor.waveform_refused()) {
+        err << "korvanel-sim: --vcd: " << *executor.waveform_refused() << "\n";
+        return 2;
+    }
     reporter->begin();
     bool stopped = false;  // by a violation the scenario did not expect
-    if (executor.set_up()) {
+    if (ready) {
         for (auto& step : scenario->steps) {
             Observation seen = executor.perform(step);
             auto failures = seen.problems;
@@ -82,7 +106,9 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
     bool write_failed = false;
     if (reporter->passed() && end.failures.empty()) {
         for (auto& o : end.outputs) {
-            if (auto problem = write_output(o.file, o.bytes, rule)) {
+            // The waveform was drawn as the run went, into a temporary file.
+            auto problem = o.waveform ? executor.write_waveform(rule) : write_output(o.file, o.bytes, rule);
+            if (problem) {
                 end.failures.push_back("cannot write " + *problem);
                 write_failed = true;
             } else {

@@ -40,6 +40,7 @@ struct ScenarioOptions {
     bool verbose = false;  // every step's returned values, bus transfers and trace events
     bool json = false;     // the run as JSON instead of text
     TraceOptions trace;    // the run's decoded trace after the steps
+    std::string vcd;       // the run's waveform file, instead of the scenario's "vcd"
     std::string output_dir;  // where charts and saved memories go; empty: beside the scenario
     bool force = false;      // they may replace existing files
 };

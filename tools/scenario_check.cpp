@@ -105,6 +105,44 @@ void check_bus(const std::vector<std::string>& want, const std::vector<host::Bus
     }
 }
 
+// The step's transfers as the wire shows them against the capture's; with
+// capture timing, each gap between two transfers on the bench must be at
+// least as long as the capture's, less the tolerance.
+void check_capture(const Expect& x, const Observation& seen, std::vector<std::string>& failures)
+{
+    auto bench = host::wire_transcript(seen.transfers, seen.speed);
+    if (auto difference = compare_wire(bench, x.capture->transfers)) {
+        std::string text = "bus_capture: " + x.bus_capture + ": ";
+        for (char c : *difference) {
+            text += c == '\n' ? std::string("\n        ") : std::string(1, c);
+        }
+        failures.push_back(text);
+        return;
+    }
+    if (!x.capture_tolerance_us || bench.size() != seen.transfers.size() || seen.speed == host::BusSpeed::Instant) {
+        return;
+    }
+    // The bench's STOP and START sit inside the transfers' spans: the gap
+    // between them is the idle time plus the drawn bus-free time.
+    // In nanoseconds; half of one forgives the capture's rounding.
+    int64_t bus_free = host::i2c_timing(seen.speed).bus_free();
+    const auto& samples = x.capture->samples;
+    for (size_t i = 1; i < seen.transfers.size(); i++) {
+        const auto& before = seen.transfers[i - 1];
+        double bench_gap = double((seen.transfers[i].time - before.time - before.duration) * 100 + bus_free);
+        double capture_gap = double(samples[i].first - samples[i - 1].second) * 1e9 / x.capture->samplerate;
+        if (bench_gap + 0.5 < capture_gap - *x.capture_tolerance_us * 1e3) {
+            char text[200];
+            std::snprintf(text, sizeof text,
+                          "capture_timing: %s: the gap before transfer %zu is %.1f us on the bench, %.1f us in the "
+                          "capture (tolerance %.1f us)",
+                          x.bus_capture.c_str(), i + 1, bench_gap / 1e3, capture_gap / 1e3, *x.capture_tolerance_us);
+            failures.push_back(text);
+            return;
+        }
+    }
+}
+
 // From the first byte that differs, up to eight bytes of each side.
 void check_memory(const MemoryExpect& m, const std::vector<uint8_t>& contents, std::vector<std::string>& failures)
 {
@@ -170,6 +208,9 @@ std::vector<std::string> check_step(const Expect& x, const Observation& seen)
     }
     if (x.bus) {
         check_bus(*x.bus, seen.transfers, failures);
+    }
+    if (x.capture) {
+        check_capture(x, seen, failures);
     }
     for (auto& m : x.memory) {
         check_memory(m, seen.memory, failures);

@@ -34,6 +34,7 @@ struct Observation {
     DEVICE_POWER_STATE power = PowerDeviceUnspecified;
     long long references = 0;  // power references
     int64_t clock = 0;         // since the run began, 100 ns units
+    host::BusSpeed speed = host::BusSpeed::Instant;  // of the bus during the step
 };
 
 // One text per expectation not met ("lens: expected code 301, got 300"),

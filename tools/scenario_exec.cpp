@@ -40,8 +40,23 @@ Executor::~Executor() = default;
 
 bool Executor::set_up()
 {
-    NTSTATUS status = platform::load_driver(sys_);
     std::optional<std::string> problem;
+    if (!scenario_.vcd.empty()) {
+        // Declared before any part is selected: the widest lens code, and
+        // the write cycle of any memory.
+        Waveform::Signals signals;
+        for (auto& d : scenario_.devices) {
+            const auto* chip = d.actuator ? sim::find_actuator_chip(d.actuator->chip) : nullptr;
+            signals.lens_bits = std::max(signals.lens_bits, chip == nullptr ? 0u : chip->max_code > 1023 ? 11u : 10u);
+            signals.memory = signals.memory || d.memory.has_value();
+        }
+        if (auto error = waveform_.open(sys_, scenario_.vcd, signals)) {
+            waveform_refused_ = error;
+            end_.failures.push_back("vcd: " + *error);
+            return false;
+        }
+    }
+    NTSTATUS status = platform::load_driver(sys_);
     if (!NT_SUCCESS(status)) {
         problem = "DriverEntry failed: " + host::status_name(status);
     }
@@ -51,6 +66,22 @@ bool Executor::set_up()
     if (problem) {
         end_.failures.push_back(*problem);
         return false;
+    }
+    // The waveform follows the first device, its actuator and its memory.
+    if (waveform_.is_open()) {
+        waveform_.watch(devices_.front().device);
+        for (auto& d : devices_) {
+            if (d.lens) {
+                waveform_.watch(d.lens);
+                break;
+            }
+        }
+        for (auto& d : devices_) {
+            if (d.memory) {
+                waveform_.watch(d.memory);
+                break;
+            }
+        }
     }
     // Device add's own events belong to no step.
     collect_trace();
@@ -131,6 +162,7 @@ Observation Executor::perform(const Step& step)
     seen.power = d.device->power_state();
     seen.references = d.device->power_references();
     seen.clock = sys_.clock().now() - origin_;
+    seen.speed = sys_.bus().speed();
     return seen;
 }
 
@@ -221,14 +253,31 @@ RunEnd Executor::finish()
                                     std::string(bytes.begin(), bytes.end())});
         }
     }
+    waveform_.watch(nullptr);
     auto report = sys_.unload_driver();
     collect_trace();  // unload's own events
+    if (waveform_.is_open()) {
+        end_.outputs.push_back({scenario_.vcd, "waveform of the bus, " + std::to_string(sys_.bus().transcript().size()) +
+                                                   " transfers",
+                                {}, false, true});
+    }
     if (!report.clean()) {
         end_.failures.push_back("unload: " + report.text());
     }
     end_.unload = report.clean() ? "clean" : report.text();
     end_.clock = sys_.clock().now() - origin_;
     return end_;
+}
+
+std::optional<std::string> Executor::write_waveform(const OutputRule& rule)
+{
+    if (auto problem = check_output(scenario_.vcd, rule)) {
+        return problem;
+    }
+    if (auto error = waveform_.finish()) {
+        return scenario_.vcd + ": " + *error;
+    }
+    return std::nullopt;
 }
 
 }  // namespace korvanel::tool

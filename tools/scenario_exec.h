@@ -5,8 +5,10 @@
 #pragma once
 
 #include "scenario_check.h"
+#include "files.h"
 #include "scenario_model.h"
 #include "trace_view.h"
+#include "waveform.h"
 
 #include "host/system.h"
 #include "sensor/device_context.h"
@@ -32,6 +34,7 @@ struct RunEnd {
         std::string what;   // "lens chart of rear, 9 moves"
         std::string bytes;
         bool written = false;
+        bool waveform = false;  // drawn during the run: write_waveform() moves it into place
     };
     std::string unload = "not reached";
     std::vector<Output> outputs;
@@ -52,10 +55,15 @@ public:
     // Loads the driver and sets up every device; false when one cannot be,
     // the reason then the first of finish()'s failures.
     bool set_up();
+    // Why the waveform file could not be opened, when that stopped set_up().
+    const std::optional<std::string>& waveform_refused() const { return waveform_refused_; }
     Observation perform(const Step& step);
     // Releases what the scenario holds, draws charts and takes the memories'
     // contents for the files the scenario names, unloads.
     RunEnd finish();
+    // Moves the run's waveform into place under `rule` (after finish(), when
+    // the run passed); without it the waveform is dropped with the executor.
+    std::optional<std::string> write_waveform(const OutputRule& rule);
 
 private:
     struct DeviceState {
@@ -78,6 +86,8 @@ private:
     bool ready_ = false;
     std::vector<DeviceState> devices_;
     RunEnd end_;
+    Waveform waveform_;
+    std::optional<std::string> waveform_refused_;
 
     std::optional<std::string> add(const DeviceSetup& setup);
     void act(const Action& action, DeviceState& d, Observation& seen);

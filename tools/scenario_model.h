@@ -6,6 +6,7 @@
 
 #include "actuator_cli.h"
 #include "calls.h"
+#include "capture.h"
 #include "memory_cli.h"
 
 #include "host/bus.h"
@@ -127,6 +128,13 @@ struct Expect {
     std::optional<long long> references = {};
     std::optional<double> clock_ms = {};
     std::vector<std::string> trace = {};  // texts some event of the step contains
+    // The step's transfers as a logic analyzer captured them elsewhere (on
+    // hardware), read with the file; compared transfer by transfer.
+    std::string bus_capture = {};  // the file as written, for messages
+    std::optional<Capture> capture = {};
+    // With "capture_timing": each gap between the step's transfers (STOP to
+    // START) is at least the capture's, less this tolerance in microseconds.
+    std::optional<double> capture_tolerance_us = {};
     std::optional<std::string> violation = {};  // the bugcheck the verifier stops the step with
 };
 
@@ -145,6 +153,7 @@ struct Scenario {
     std::string description;
     host::BusSpeed speed = host::BusSpeed::Instant;
     bool trace = false;
+    std::string vcd;  // the run's waveform file; empty: none
     bool overwrite = false;  // charts and saved memories may replace existing files
     std::vector<DeviceSetup> devices;
     std::vector<Step> steps;

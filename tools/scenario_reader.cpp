@@ -30,12 +30,15 @@ public:
         if (!doc.is_object()) {
             fail("", "a scenario is an object with \"device\" and \"steps\"");
         }
-        only(doc, "", {"description", "bus_speed", "trace", "overwrite", "device", "devices", "steps"});
+        only(doc, "", {"description", "bus_speed", "trace", "vcd", "overwrite", "device", "devices", "steps"});
         if (doc.contains("description")) {
             s.description = text(doc["description"], "/description", true);
         }
         if (doc.contains("bus_speed")) {
             s.speed = bus_speed(doc["bus_speed"], "/bus_speed");
+        }
+        if (doc.contains("vcd")) {
+            s.vcd = text(doc["vcd"], "/vcd");
         }
         if (doc.contains("trace")) {
             if (!doc["trace"].is_boolean()) {
@@ -100,6 +103,9 @@ public:
             if (s.steps.back().expect.count > 0 && s.steps.back().expect.trace.size() > 0) {
                 s.trace = true;
             }
+        }
+        if (auto problem = s.vcd.empty() ? std::nullopt : waveform_problem(s)) {
+            fail("/vcd", *problem);
         }
         return s;
     }
@@ -193,7 +199,7 @@ private:
             if (!a.is_object() || !a.contains("chip")) {
                 fail(p, "an actuator names its \"chip\"");
             }
-            only(a, p, {"chip", "connection", "low", "high", "module", "plot"});
+            only(a, p, {"chip", "connection", "address", "low", "high", "module", "plot"});
             platform::ActuatorSelection options;
             // A name, or the chip's table row as a number.
             options.chip = a["chip"].is_string() ? text(a["chip"], p + "/chip") : json_text(a["chip"]);
@@ -202,6 +208,9 @@ private:
             }
             if (a.contains("connection")) {
                 options.connection = uint64_t(integer(a["connection"], p + "/connection", 0, INT64_MAX));
+            }
+            if (a.contains("address")) {
+                options.address = uint8_t(integer(a["address"], p + "/address", 0, 0x7F));
             }
             if (a.contains("low")) {
                 options.low = unsigned(integer(a["low"], p + "/low", 0, 65535));
@@ -223,7 +232,7 @@ private:
             if (!m.is_object() || !m.contains("type")) {
                 fail(p, "a memory names its NVM \"type\"");
             }
-            only(m, p, {"type", "connection", "contents", "cache_length", "save"});
+            only(m, p, {"type", "connection", "address", "contents", "cache_length", "save"});
             unsigned type = unsigned(integer(m["type"], p + "/type", 0, NVM_TYPE_COUNT - 1));
             auto geometry = platform::memory_geometry(type);
             if (!geometry) {
@@ -234,6 +243,11 @@ private:
             platform::MemorySelection selection{type, 0x50, uint32_t(std::min<size_t>(geometry->size, NVM_CACHE_SIZE))};
             if (m.contains("connection")) {
                 selection.first_connection = uint64_t(integer(m["connection"], p + "/connection", 0, INT64_MAX));
+            }
+            if (m.contains("address")) {
+                // Block b answers on address + b, all of them 7-bit.
+                selection.address = uint8_t(integer(m["address"], p + "/address", 0,
+                                                    0x80 - (long long)geometry->connections));
             }
             if (m.contains("cache_length")) {
                 selection.cache_length = uint32_t(integer(m["cache_length"], p + "/cache_length", 0, 0xFFFFFFFFll));
@@ -285,6 +299,20 @@ std::optional<Scenario> read_scenario(const std::string& text, const std::string
         error = name + ":" + std::to_string(line_of(lines, e.path)) + ": " + field_name(e.path) + e.message;
         return std::nullopt;
     }
+}
+
+std::optional<std::string> waveform_problem(const Scenario& scenario)
+{
+    if (scenario.speed == host::BusSpeed::Instant) {
+        return "a waveform needs wire time: give \"bus_speed\" 100k, 400k or 1m";
+    }
+    for (auto& step : scenario.steps) {
+        if (std::holds_alternative<BusSpeedAction>(step.action)) {
+            return "a waveform is drawn at the scenario's one bus speed; step " + std::to_string(step.index + 1) +
+                   " (line " + std::to_string(step.line) + ") changes it";
+        }
+    }
+    return std::nullopt;
 }
 
 }  // namespace korvanel::tool

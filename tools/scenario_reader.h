@@ -16,4 +16,9 @@ namespace korvanel::tool {
 std::optional<Scenario> read_scenario(const std::string& text, const std::string& name, const std::string& base_dir,
                                       std::string& error);
 
+
+// Why the scenario cannot be drawn as a waveform (an instant bus, a step
+// that changes the speed), or nothing.
+std::optional<std::string> waveform_problem(const Scenario& scenario);
+
 }  // namespace korvanel::tool

@@ -251,15 +251,63 @@ public:
         return f;
     }
 
+    // "bus_capture": FILE, beside the scenario; "capture_channels" names its
+    // SCL and SDA, "capture_timing" true (a 10 us tolerance) or the tolerance
+    // in microseconds.
+    void capture(const json& e, const std::string& path, Expect& x) const
+    {
+        if (!e.contains("bus_capture")) {
+            for (const char* key : {"capture_timing", "capture_channels"}) {
+                if (e.contains(key)) {
+                    fail(path + "/" + key, std::string("\"") + key + "\" goes with a \"bus_capture\"");
+                }
+            }
+            return;
+        }
+        CaptureChannels channels;
+        if (e.contains("capture_channels")) {
+            const json& c = e["capture_channels"];
+            std::string p = path + "/capture_channels";
+            if (!c.is_object() || !c.contains("scl") || !c.contains("sda")) {
+                fail(p, "\"capture_channels\" names the capture's channels: {\"scl\": \"D0\", \"sda\": \"D1\"}");
+            }
+            only(c, p, {"scl", "sda"});
+            channels = {text(c["scl"], p + "/scl"), text(c["sda"], p + "/sda")};
+        }
+        x.bus_capture = text(e["bus_capture"], path + "/bus_capture");
+        std::string error;
+        x.capture = read_capture(beside(x.bus_capture), channels, error);
+        if (!x.capture) {
+            fail(path + "/bus_capture", error);
+        }
+        if (e.contains("capture_timing")) {
+            const json& t = e["capture_timing"];
+            std::string p = path + "/capture_timing";
+            double tolerance = 10;
+            if (t.is_number() && t.get<double>() >= 0) {
+                tolerance = t.get<double>();
+            } else if (!t.is_boolean()) {
+                fail(p, "\"capture_timing\" is true (a 10 us tolerance) or the tolerance in microseconds; not " + t.dump());
+            }
+            if (t != false) {
+                if (x.capture->samplerate <= 0 || (!x.capture->samples.empty() && x.capture->samples[0].first < 0)) {
+                    fail(p, x.bus_capture + " has no sample times: timing needs a VCD or session file");
+                }
+                x.capture_tolerance_us = tolerance;
+            }
+        }
+    }
+
     Expect expect(const json& e, const std::string& path, const DeviceSetup& device) const
     {
         if (!e.is_object()) {
             fail(path, "\"expect\" holds what the step expects, by name");
         }
-        only(e, path,
-             {"status", "values", "bus", "transfers", "memory", "lens", "power", "clock_ms", "trace", "violation"});
+        only(e, path, {"status", "values", "bus", "transfers", "memory", "lens", "power", "clock_ms", "trace",
+                       "violation", "bus_capture", "capture_timing", "capture_channels"});
         Expect x;
-        x.count = e.size();
+        x.count = e.size() - e.contains("capture_timing") - e.contains("capture_channels");
+        capture(e, path, x);
         if (e.contains("status")) {
             x.status = status(e["status"], path + "/status");
         }

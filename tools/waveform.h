@@ -1,0 +1,65 @@
+// waveform.h - a run of korvanel-sim as a Value Change Dump: the bus drawn as
+// it happens (host/vcd.h), with the lens code the actuator latched, the
+// device's power state and the memory's write cycle beside it.
+//
+//   Waveform wave;
+//   if (auto error = wave.open(sys, "run.vcd", {.lens_bits = 10, .memory = true})) ...
+//   wave.watch(device);  wave.watch(actuator_model);  wave.watch(eeprom);
+//   ... the run ...
+//   if (auto error = wave.finish()) ...   // the file appears only now
+#pragma once
+
+#include "host/system.h"
+#include "host/vcd.h"
+#include "sim/actuator.h"
+#include "sim/eeprom.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace korvanel::tool {
+
+class Waveform {
+public:
+    struct Signals {
+        unsigned lens_bits = 0;  // lens_code's width: 10, 11 for a chip with codes past 1023; 0: none
+        bool memory = false;  // nvm_busy
+    };
+    Waveform() = default;
+    Waveform(const Waveform&) = delete;
+    Waveform& operator=(const Waveform&) = delete;
+    ~Waveform();
+
+    // Starts following the bus; the error text (an instant bus, a path that
+    // cannot be written) otherwise. The signals are declared here, before
+    // any part is selected.
+    std::optional<std::string> open(host::System& sys, const std::string& path, Signals signals);
+    bool is_open() const { return sys_ != nullptr; }
+
+    void watch(host::Device* device);                       // d0, sampled at every transfer and at the end
+    void watch(std::shared_ptr<sim::ActuatorModel> actuator);
+    void watch(std::shared_ptr<sim::Eeprom> memory);
+
+    // Stops following the bus and writes the file at the clock's time now.
+    std::optional<std::string> finish();
+
+private:
+    void follow(const host::BusTransfer& t);
+    void sample_power(int64_t now);
+
+    host::System* sys_ = nullptr;
+    host::VcdWriter vcd_;
+    int d0_ = -1, lens_ = -1, busy_ = -1;
+    host::Device* device_ = nullptr;
+    std::shared_ptr<sim::ActuatorModel> actuator_;
+    std::shared_ptr<sim::Eeprom> memory_;
+    uint64_t d0_value_ = 1;
+    uint16_t code_ = 0;
+    int64_t busy_until_ = 0;
+};
+
+// --vcd FILE for korvanel-sim; the speed check is the caller's.
+const char* waveform_option_help();
+
+}  // namespace korvanel::tool
