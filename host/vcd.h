@@ -35,7 +35,7 @@ struct I2cTiming {
     // STOP to START of transfers back to back, the shortest bus-free time.
     int64_t bus_free() const { return period - low - setup_stop + period - hold_start; }
 };
-// The I2C-bus specification's (UM10204) minimums at a speed, nanoseconds.
+// The I2C-bus standard's (UM10204) minimums at a speed, nanoseconds.
 struct I2cMinimums {
     int64_t low, high, setup_start, hold_start, setup_data, hold_data, setup_stop, bus_free;
 };

@@ -8,9 +8,9 @@ stretching the clock), and the lines are sampled at the analyzer's fixed
 rate. It shares no code with korvanel-sim's waveform writer, so a capture
 compared with a bench run checks one against the other.
 
-  scripts/make_capture.py [options] SPEC OUT.sr|OUT.vcd
+  scripts/make_capture.py [options] TRANSFERS OUT.sr|OUT.vcd
 
-SPEC holds one transfer a line ('#' starts a comment):
+TRANSFERS holds one transfer a line ('#' starts a comment):
 
   0x0C W 03 01            a write: address, direction, bytes
   0x0C R F1               a read: the bytes the part returns
@@ -28,7 +28,7 @@ import sys
 import zipfile
 
 
-def parse_spec(path):
+def parse_transactions(path):
     items = []
     with open(path) as f:
         for number, line in enumerate(f, 1):
@@ -177,7 +177,7 @@ def write_vcd(path, edges, rate, names, end):
 
 def main():
     p = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    p.add_argument("spec")
+    p.add_argument("transactions")
     p.add_argument("out")
     p.add_argument("--rate", type=int, default=24000000, help="samples a second (8 or 24 MHz analyzers)")
     p.add_argument("--clock", type=float, default=400000, help="the nominal SCL clock, Hz")
@@ -189,7 +189,7 @@ def main():
     p.add_argument("--channels", default="D0,D1", help="the analyzer's names for SCL and SDA")
     args = p.parse_args()
     bus = Bus(args)
-    for item in parse_spec(args.spec):
+    for item in parse_transactions(args.transactions):
         if item[0] == "idle":
             bus.t += item[1]
         else:

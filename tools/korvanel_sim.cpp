@@ -287,17 +287,17 @@ std::optional<std::string> without_effect(const CLI::App& app)
 }
 
 // --select TABLE:WIDTH:HEIGHT:FPS, each part checked on its own.
-std::optional<std::string> parse_select(const std::string& spec, std::vector<LONG>& select)
+std::optional<std::string> parse_select(const std::string& text, std::vector<LONG>& select)
 {
-    auto parts = korvanel::tool::split(spec, ':');
+    auto parts = korvanel::tool::split(text, ':');
     if (parts.size() != 4) {
         return "--select takes TABLE:WIDTH:HEIGHT:FPS, four parts, not " + std::to_string(parts.size()) + " in '" +
-               spec + "'";
+               text + "'";
     }
     const char* names[] = {"TABLE", "WIDTH", "HEIGHT", "FPS"};
     for (size_t i = 0; i < 4; i++) {
         if (parts[i].empty()) {
-            return std::string("--select: ") + names[i] + " is empty in '" + spec + "'";
+            return std::string("--select: ") + names[i] + " is empty in '" + text + "'";
         }
         auto number = i == 0 ? korvanel::tool::table_index(parts[i])
                              : korvanel::tool::parse_integer(parts[i], INT32_MIN, INT32_MAX);
