@@ -213,8 +213,9 @@ TEST_F(NvmCommandTest, AFailedWaitEndsTheM24c64CommandsButNotCmdReadAndCmdWrite)
     select(10);
     sys.faults().fail("KeWaitForSingleObject", STATUS_UNSUCCESSFUL, 0, 2);
     UCHAR buffer[4];
-    EXPECT_EQ(Cmd_M24c64Read(ctx, 0, buffer, 4), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(Cmd_M24c64Write(ctx, 0, d.data(), 4), STATUS_UNSUCCESSFUL);
+    // Through the table row, so that the row must name the M24c64 commands.
+    EXPECT_EQ(row->Read(ctx, 0, buffer, 4), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(row->Write(ctx, 0, d.data(), 4), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(texts(), (std::vector<NvmText>{{"KeWaitForSingleObject!", 0xC0000001, kNoNumber, 'E'},
                                              {"KeWaitForSingleObject !!", 0xC0000001, kNoNumber, 'E'}}));
     EXPECT_TRUE(sys.bus().transcript().empty());
@@ -222,7 +223,7 @@ TEST_F(NvmCommandTest, AFailedWaitEndsTheM24c64CommandsButNotCmdReadAndCmdWrite)
 
     select(5);
     sys.faults().fail("KeWaitForSingleObject", STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(CmdWrite(ctx, 0, d.data(), 4), STATUS_SUCCESS);
+    EXPECT_EQ(row->Write(ctx, 0, d.data(), 4), STATUS_SUCCESS);
     EXPECT_EQ(part->bytes(0, 4), d);
     expect_clean_exit();
 }
