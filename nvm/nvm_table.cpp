@@ -35,7 +35,7 @@ EXTERN_C_END
 #define NVM_ROW(Type, Write, Read) \
     {Type, NvmGeometry[Type].Size, NvmGeometry[Type].PageSize, 0, Write, Read, NvmLoad}
 
-const NVM_DRIVER NvmDriverTable[NVM_TYPE_COUNT] = {
+constexpr NVM_DRIVER NvmDriverTable[NVM_TYPE_COUNT] = {
     NVM_ROW(0, NULL, NULL),
     NVM_ROW(1, NULL, NULL),
     NVM_ROW(2, NULL, NULL),
@@ -50,6 +50,25 @@ const NVM_DRIVER NvmDriverTable[NVM_TYPE_COUNT] = {
     NVM_ROW(NVM_TYPE_DW9806B, Cmd_DW9806BWrite, Cmd_DW9806BRead),
     NVM_ROW(NVM_TYPE_CAT24C16, Cmd_Cat24c16Write, Cmd_Cat24c16Read),
 };
+
+/* What no command reads from a row, held at build time: the selected row is
+ * found by index, so a row names its own type; the cache mirrors address i
+ * at position i, so every load starts at address 0; and the commands of the
+ * parts with a fixed geometry take it from NvmGeometry, so a row's size and
+ * page may not say otherwise (types 5, 7 and 8 hand theirs to the context,
+ * where the commands check against them). */
+static consteval bool NvmRowsAgreeWithTheirParts()
+{
+    for (ULONG type = 0; type < NVM_TYPE_COUNT; type++) {
+        const NVM_DRIVER& row = NvmDriverTable[type];
+        if (row.Type != type || row.LoadAddress != 0 || row.Size != NvmGeometry[type].Size ||
+            row.PageSize != NvmGeometry[type].PageSize) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(NvmRowsAgreeWithTheirParts(), "an NVM_DRIVER row disagrees with its type's part");
 
 /* Reads the selected memory into the cache. Types without a read (0 to 2,
  * and any number past the table) have nothing to load. */

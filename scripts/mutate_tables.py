@@ -15,7 +15,9 @@ def run_tests(filt):
     b = subprocess.run(["cmake", "--build", str(BUILD), "-j2", "--target", "korvanel_tests"],
                        capture_output=True, text=True)
     if b.returncode != 0:
-        return ["(build fails)"]
+        out = b.stdout + b.stderr
+        return ["(static_assert at build)" if "static assertion failed" in out or "static_assert" in out
+                else "(build fails)"]
     r = subprocess.run([str(BUILD / "korvanel_tests"), "--gtest_filter=" + filt, "--gtest_brief=1"],
                        capture_output=True, text=True, timeout=600)
     failed = sorted(set(re.findall(r"^\[  FAILED  \] (\S+?)(?:/\d+)?(?:,| \(|$)", r.stdout, re.M)))

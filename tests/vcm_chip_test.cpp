@@ -144,12 +144,18 @@ TEST_F(VcmChipTest, ResetRampsStepThirtyTwoCodesWithTheirPauses)
     } cases[] = {
         {"AD5823", 100, 0, {100, 68, 36, 4, 1}, 1},
         {"AD5823", 2000, 0, {1}, 1},  // above the range: straight to rest
+        {"AD5823", 0, 0, {1}, 1},     // below the rest: the chips that ramp down only go straight there
         {"AD5816", 40, 0, {40, 8, 0}, 1},
+        {"AD5816", -40, 0, {0}, 1},
+        {"DW9718", 70, 0, {70, 38, 6, 1}, 1},
+        {"DW9718", 0, 0, {1}, 1},
         {"DW9719", 100, 300, {100, 132, 164, 196, 228, 260, 292, 300}, 10},
         {"DW9719", 400, 300, {400, 368, 336, 304, 300}, 10},
         {"DW9719", 300, 300, {300}, 10},
         {"WV517S", 70, 0, {70, 38, 6, 1}, 1},
+        {"WV517S", 0, 0, {1}, 1},
         {"DW9714", 100, 0, {100, 68, 36, 4, 1}, 1},
+        {"DW9714", 0, 0, {1}, 1},
         {"LC898122XA", 1100, 0, {1100, 1068, 1036, 1004, 1024}, 1},  // one step back up after passing 1024
         {"LC898122XA", 900, 0, {900, 932, 964, 996, 1024}, 1},
         {"LC898122XA", 3000, 0, {1024}, 1},
@@ -175,6 +181,22 @@ TEST_F(VcmChipTest, ResetRampsStepThirtyTwoCodesWithTheirPauses)
         EXPECT_EQ(pauses, std::vector<int>(c.steps.size(), c.pause_ms));
         EXPECT_EQ(ctx->VcmPosition, c.steps.back());
         EXPECT_EQ(marked(std::string(c.chip) + "_ResetPos -").size(), 1u);
+    }
+
+    // A position at the top of a chip's range is stepped down from; one past
+    // it goes straight to rest.
+    for (auto [chip, top, rest] : {std::tuple{"AD5823", 1023, 1}, {"AD5816", 1023, 0}, {"DW9719", 1023, 0},
+                                   {"DW9718", 1023, 1}, {"WV517S", 1023, 1}, {"DW9714", 1023, 1},
+                                   {"LC898122XA", 2047, 1024}}) {
+        for (int from : {top, top + 1}) {
+            SCOPED_TRACE(std::string(chip) + " from " + std::to_string(from));
+            auto& vcm = select(chip);
+            ctx->VcmPosition = SHORT(from);
+            ctx->VcmLowPosition = 0;
+            ASSERT_EQ(row().ResetPos(ctx), STATUS_SUCCESS);
+            ASSERT_FALSE(vcm.trajectory().empty());
+            EXPECT_EQ(vcm.trajectory().front().code, from == top ? top : rest);
+        }
     }
 
     // DW9719's rest is the module's low position as it stands at each step:

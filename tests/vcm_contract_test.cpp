@@ -11,6 +11,7 @@ struct Contract {
     const char* chip;
     int min_code;
     int max_code;
+    bool signed_request;  // a negative SetPos argument counts below the range, not far above it
 };
 
 void PrintTo(const Contract& c, std::ostream* os) { *os << c.chip; }
@@ -31,9 +32,10 @@ protected:
 TEST_P(VcmContractTest, AMoveLandsTheLensOnTheCodeAndReadsBack)
 {
     const Contract& c = GetParam();
-    for (int target : {300, c.min_code, c.max_code, (c.min_code + c.max_code) / 2, 5000, 0, 1}) {
+    for (int target : {300, c.min_code, c.max_code, (c.min_code + c.max_code) / 2, 5000, 0, 1, -5}) {
         SCOPED_TRACE(target);
-        int code = std::clamp(target, c.min_code, c.max_code);
+        int request = c.signed_request ? target : USHORT(target);
+        int code = std::clamp(request, c.min_code, c.max_code);
         ASSERT_EQ(row().SetPos(ctx, SHORT(target)), STATUS_SUCCESS);
         EXPECT_EQ(vcm->code(), code);
         auto last = sys.bus().transcript().back();
@@ -83,10 +85,11 @@ TEST_P(VcmContractTest, APartInItsPowerUpTimeDoesNotAcknowledge)
 }
 
 INSTANTIATE_TEST_SUITE_P(AllActuators, VcmContractTest,
-                         ::testing::Values(Contract{"AD5823", 1, 1023}, Contract{"DW9714", 1, 1023},
-                                           Contract{"AD5816", 0, 1023}, Contract{"DW9719", 0, 1023},
-                                           Contract{"DW9718", 1, 1023}, Contract{"DW9806B", 1, 1023},
-                                           Contract{"WV517S", 1, 1023}, Contract{"LC898122XA", 0, 2047}),
+                         ::testing::Values(Contract{"AD5823", 1, 1023, true}, Contract{"DW9714", 1, 1023, false},
+                                           Contract{"AD5816", 0, 1023, true}, Contract{"DW9719", 0, 1023, true},
+                                           Contract{"DW9718", 1, 1023, false}, Contract{"DW9806B", 1, 1023, true},
+                                           Contract{"WV517S", 1, 1023, false},
+                                           Contract{"LC898122XA", 0, 2047, false}),
                          [](const auto& info) { return std::string(info.param.chip); });
 
 }  // namespace

@@ -113,16 +113,16 @@ typedef struct _VCM_INIT_STEP {
 
 /* How a two-register chip differs from the plain case (8-bit addresses, high
  * register written whole and its failure ending SetPos, argument unsigned,
- * clamped code recorded, high register read back first, no busy register,
- * no identification). */
+ * clamped code recorded, high register read back first, no identification).
+ * A chip with a busy register says so by naming its own GetStatus in the
+ * driver table, which reads BusyReg through VcmRegGetStatus. */
 #define VCM_WIDE_REGISTERS    0x0001 /* 16-bit register addresses */
 #define VCM_MERGE_HIGH        0x0002 /* read the high register, replace only its code bits */
 #define VCM_HIGH_STATUS_IGNORED 0x0004 /* the low write alone decides SetPos */
 #define VCM_SIGNED_POSITION   0x0008 /* SetPos reads its argument as signed */
 #define VCM_RECORD_REQUESTED  0x0010 /* record the requested position, not the code */
 #define VCM_LOW_FIRST         0x0020 /* GetPos reads the low register first */
-#define VCM_BUSY_REGISTER     0x0040 /* GetStatus reads bit 0 of BusyReg */
-#define VCM_IDENTIFIES        0x0080 /* Init first reads IdReg */
+#define VCM_IDENTIFIES        0x0040 /* Init first reads IdReg */
 
 /* A chip whose position code sits in a high and a low register. The code is
  * placed CodeShift bits up in the 16-bit value high:low; HighMask is the part
@@ -137,7 +137,7 @@ typedef struct _VCM_REG_CHIP {
     UCHAR CodeShift = 0;
     LONG MinCode = 0;
     LONG MaxCode = 0;
-    USHORT BusyReg = 0;             /* with VCM_BUSY_REGISTER */
+    USHORT BusyReg = 0;             /* bit 0: busy; read by VcmRegGetStatus */
     USHORT IdReg = 0;               /* with VCM_IDENTIFIES */
     const CHAR* IdText = NULL;      /* the identification's trace text; NULL: the byte goes into Init's exit event */
     const VCM_INIT_STEP* InitSteps = NULL; /* NULL: every entry in order, to its own register */
