@@ -7,7 +7,16 @@
 
 namespace korvanel::host {
 
-Faults::Faults() : counters_(std::make_unique<Counter[]>(kCounters)) {}
+namespace {
+std::atomic<uint64_t> g_next_faults_id{1};
+// The counter table this thread last counted in, and whose it is.
+thread_local struct {
+    uint64_t owner = 0;
+    void* table = nullptr;
+} t_counters;
+}  // namespace
+
+Faults::Faults() : id_(g_next_faults_id.fetch_add(1)) {}
 Faults::~Faults() = default;
 
 void Faults::fail(const std::string& routine, NTSTATUS status, unsigned skip, unsigned times)
@@ -24,27 +33,53 @@ void Faults::clear()
     rule_count_.store(0);
 }
 
-// Open addressing on the name's address: a slot is claimed once and keeps its
-// name for good.
-void Faults::count(const char* routine)
+// This thread's table; found or made under the lock once, then cached. A
+// thread that went back and forth between benches finds its table again.
+Faults::Counter* Faults::thread_table()
 {
-    size_t start = (reinterpret_cast<uintptr_t>(routine) >> 3) % kCounters;
-    for (size_t i = 0; i < kCounters; i++) {
-        Counter& c = counters_[(start + i) % kCounters];
-        const char* name = c.routine.load(std::memory_order_acquire);
-        if (name == nullptr) {
-            const char* expected = nullptr;
-            if (c.routine.compare_exchange_strong(expected, routine, std::memory_order_acq_rel)) {
-                name = routine;
-            } else {
-                name = expected;
+    if (t_counters.owner != id_) [[unlikely]] {
+        std::lock_guard lock(mutex_);
+        auto self = std::this_thread::get_id();
+        ThreadCounters* table = nullptr;
+        for (auto& t : thread_counters_) {
+            if (t->thread == self) {
+                table = t.get();
             }
         }
+        if (table == nullptr) {
+            thread_counters_.push_back(std::make_unique<ThreadCounters>());
+            table = thread_counters_.back().get();
+            table->thread = self;
+        }
+        t_counters = {id_, table->counters};
+    }
+    return static_cast<Counter*>(t_counters.table);
+}
+
+// Open addressing on the name's address: a slot is claimed once and keeps its
+// name for good. Only this thread writes its table; readers take the name
+// with acquire, so they never see a count without its name.
+void Faults::count(const char* routine)
+{
+    Counter* table = thread_table();
+    size_t start = (reinterpret_cast<uintptr_t>(routine) >> 3) % kCounters;
+    for (size_t i = 0; i < kCounters; i++) {
+        Counter& c = table[(start + i) % kCounters];
+        const char* name = c.routine.load(std::memory_order_relaxed);
+        if (name == nullptr) {
+            c.routine.store(routine, std::memory_order_release);
+            name = routine;
+        }
         if (name == routine) {
-            c.calls.fetch_add(1, std::memory_order_relaxed);
+            c.calls.store(c.calls.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
             return;
         }
     }
+    count_overflow(routine);
+}
+
+void Faults::count_overflow(const char* routine)
+{
     std::lock_guard lock(mutex_);
     overflow_calls_[routine]++;
 }
@@ -64,13 +99,15 @@ NTSTATUS Faults::check(const char* routine)
 unsigned Faults::calls(const std::string& routine) const
 {
     unsigned total = 0;
-    for (size_t i = 0; i < kCounters; i++) {
-        const char* name = counters_[i].routine.load(std::memory_order_acquire);
-        if (name != nullptr && routine == name) {
-            total += counters_[i].calls.load(std::memory_order_relaxed);
+    std::lock_guard lock(mutex_);
+    for (auto& table : thread_counters_) {
+        for (const Counter& c : table->counters) {
+            const char* name = c.routine.load(std::memory_order_acquire);
+            if (name != nullptr && routine == name) {
+                total += c.calls.load(std::memory_order_relaxed);
+            }
         }
     }
-    std::lock_guard lock(mutex_);
     auto it = overflow_calls_.find(routine);
     return total + (it == overflow_calls_.end() ? 0 : it->second);
 }

@@ -25,6 +25,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <optional>
 #include <set>
 #include <string>
@@ -232,13 +233,23 @@ public:
 private:
     // Call counts by the routine name's address (each caller passes its own
     // literal); names at other addresses with the same text add up in calls().
+    // Every thread counts in a table of its own, which only it writes: a
+    // count is a plain increment, with no locked instruction on the path of
+    // every platform call, and calls() adds the tables up.
     struct Counter {
         std::atomic<const char*> routine{nullptr};
         std::atomic<unsigned> calls{0};
     };
     static constexpr size_t kCounters = 256;
-    std::unique_ptr<Counter[]> counters_;
+    struct ThreadCounters {
+        std::thread::id thread;
+        Counter counters[kCounters];
+    };
+    const uint64_t id_;  // never reused, so a thread's cached table is this one's
+    std::vector<std::unique_ptr<ThreadCounters>> thread_counters_;  // one per thread that called, under mutex_
+    Counter* thread_table();
     void count(const char* routine);
+    [[gnu::cold, gnu::noinline]] void count_overflow(const char* routine);
 
     mutable std::mutex mutex_;
     std::atomic<size_t> rule_count_{0};

@@ -547,12 +547,16 @@ NTSTATUS WdfDeviceStopIdleActual(WDFDEVICE Device, BOOLEAN WaitForD0, PVOID Tag,
         note("WdfDeviceStopIdle on an invalid handle");
         return STATUS_INVALID_PARAMETER;
     }
-    device->note_idle_call(true, WaitForD0 != FALSE, Tag, Line, File);
+    // The call is recorded after the reference is taken: a locked
+    // instruction waits for every store before it, so the record's stores
+    // go after it.
     NTSTATUS status = injected;
     if (!NT_SUCCESS(status)) {
+        device->note_idle_call(true, WaitForD0 != FALSE, Tag, Line, File);
         return status;
     }
     device->power_references.fetch_add(1);
+    device->note_idle_call(true, WaitForD0 != FALSE, Tag, Line, File);
     // In D0 and not on the way out: the reference is all there is to it.
     // (Powering-down first: the timer sets it before it looks at the count.)
     if (!device->powering_down.load() && device->power.load() == PowerDeviceD0) {
@@ -575,13 +579,14 @@ VOID WdfDeviceResumeIdleActual(WDFDEVICE Device, PVOID Tag, LONG Line, PCHAR Fil
         note("WdfDeviceResumeIdle on an invalid handle");
         return;
     }
-    device->note_idle_call(false, false, Tag, Line, File);
     // The idle time is set before the count drops, so a timer that finds no
-    // reference also finds when the last one went.
+    // reference also finds when the last one went. The call is recorded
+    // after the exchange, as in WdfDeviceStopIdle.
     int64_t now = System::current().clock().now();
     int references = device->power_references.load();
     do {
         if (references <= 0) {
+            device->note_idle_call(false, false, Tag, Line, File);
             note("WdfDeviceResumeIdle without a matching WdfDeviceStopIdle");
             return;
         }
@@ -589,6 +594,7 @@ VOID WdfDeviceResumeIdleActual(WDFDEVICE Device, PVOID Tag, LONG Line, PCHAR Fil
             device->idle_since.store(now, std::memory_order_relaxed);  // published by the exchange below
         }
     } while (!device->power_references.compare_exchange_weak(references, references - 1));
+    device->note_idle_call(false, false, Tag, Line, File);
     if (references == 1) {
         device->ensure_idle_timer();
     }

@@ -92,11 +92,13 @@ NTSTATUS SelectMode(PDEVICE_CONTEXT DeviceContext, LONG TableIndex, LONG MinWidt
 
     // Smallest surplus of width plus height among the rows that cover the
     // request (and run at the requested rate); the earliest of equals wins.
+    // The list's count stops before the row that ends the table, so every
+    // row scanned is in use.
     const SENSOR_MODE* rows = ModeTables[TableIndex];
-    LONG count = (LONG)ModeLists[TableIndex].Count;
+    LONG count = rows != NULL ? (LONG)ModeLists[TableIndex].Count : 0;
     LONG best = -1;
     LONG bestExcess = 65535;
-    for (LONG row = 0; rows != NULL && row < count && rows[row].SettingList != NULL; row++) {
+    for (LONG row = 0; row < count; row++) {
         const SENSOR_MODE* mode = &rows[row];
         if (mode->Width < MinWidth || mode->Height < MinHeight) {
             continue;
