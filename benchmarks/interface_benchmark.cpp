@@ -435,6 +435,52 @@ OFF_AND_ON(BM_AcceptPair);
 OFF_AND_ON(BM_AcceptNotice);
 OFF_AND_ON(BM_AcceptEntryList16);
 
+// Every operation's refusal of a missing context, beside the baseline's
+// null check failing; then the refusals that need a context.
+NOINLINE void PlainVoidNullCheck(void* a, const void* b) { (void)PlainNullCheck(a, b); }
+
+#define REFUSED(Name, Call, Base)                                                \
+    void BM_##Name(benchmark::State& state)                                      \
+    {                                                                            \
+        Camera cam(state.range(0));                                              \
+        [[maybe_unused]] ULONG v = 0, size = 0;                                  \
+        [[maybe_unused]] SENSOR_MODE_INFO mode{};                                \
+        [[maybe_unused]] PDAF_INFO pdaf{};                                       \
+        [[maybe_unused]] PPDAF_INFO pp = &pdaf;                                  \
+        [[maybe_unused]] const void* out = nullptr;                              \
+        Compare(state, [&] { Call; }, [&] { Base; });                            \
+    }                                                                            \
+    OFF_AND_ON(BM_##Name)
+#define REFUSED_NULL(Op, ...) \
+    REFUSED(Op##NullContext, cam.si.Op(nullptr __VA_OPT__(, ) __VA_ARGS__), Indirect(PlainNullCheck)(nullptr, &v))
+
+REFUSED_NULL(AcceptRecord, &v);
+REFUSED_NULL(GetSensorCaps, nullptr);
+REFUSED(GetMipiConfigNullContext, cam.si.GetMipiConfig(nullptr, &v, &v, &v), Indirect(PlainVoidNullCheck)(nullptr, &v));
+REFUSED_NULL(GetSensorParameters, (const SENSOR_PARAMETERS**)&out);
+REFUSED_NULL(GetModeTables, (const MODE_LIST**)&out, (const MODE_LIST**)&out, (const MODE_LIST**)&out,
+             (const MODE_LIST**)&out);
+REFUSED_NULL(GetPdafTable, (const MODE_LIST**)&out);
+REFUSED_NULL(SelectMode, 2, 1920, 1080, 0);
+REFUSED_NULL(AcceptEntry, nullptr);
+REFUSED_NULL(AcceptPointer, &v);
+REFUSED_NULL(AcceptValue, &v);
+REFUSED_NULL(AcceptPair, 1, 2);
+REFUSED_NULL(AcceptNotice);
+REFUSED_NULL(GetModeInfo, &size, &mode);
+REFUSED_NULL(PowerUp);
+REFUSED_NULL(PowerDown);
+REFUSED_NULL(GetAuxFlag, &v);
+REFUSED_NULL(GetParameterWord, &v);
+REFUSED_NULL(GetModuleInfo, nullptr);
+REFUSED_NULL(QueryProperty, SensorPropertyLinkRate, &v);
+REFUSED_NULL(GetPdafInfo, &pp);
+REFUSED_NULL(AcceptEntryList, nullptr, 16);
+REFUSED(GetModeInfoBufferTooSmall, cam.si.GetModeInfo(cam.ctx, &size, &mode),
+        Indirect(PlainModeInfo)(cam.ctx, &size, &mode));
+REFUSED(GetPdafInfoNoSuchSize, cam.si.GetPdafInfo(cam.ctx, &pp), Indirect(PlainPdafInfo)(cam.ctx, &pp));
+
+
 // ---- Power and references --------------------------------------------------------
 
 // PowerUp + PowerDown through the framework's idle references, beside one
