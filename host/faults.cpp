@@ -9,14 +9,20 @@ namespace korvanel::host {
 
 namespace {
 std::atomic<uint64_t> g_next_faults_id{1};
-// The counter table this thread last counted in, and whose it is.
+// The counter table this thread last counted in, whose it is, and whether
+// other threads count in it too.
 thread_local struct {
     uint64_t owner = 0;
     void* table = nullptr;
+    bool shared = false;
 } t_counters;
 }  // namespace
 
-Faults::Faults() : id_(g_next_faults_id.fetch_add(1)) {}
+// The first table is the shared one, for the threads past kThreadTables.
+Faults::Faults() : id_(g_next_faults_id.fetch_add(1))
+{
+    thread_counters_.push_back(std::make_unique<ThreadCounters>());
+}
 Faults::~Faults() = default;
 
 void Faults::fail(const std::string& routine, NTSTATUS status, unsigned skip, unsigned times)
@@ -35,43 +41,60 @@ void Faults::clear()
 
 // This thread's table; found or made under the lock once, then cached. A
 // thread that went back and forth between benches finds its table again.
-Faults::Counter* Faults::thread_table()
+// The tables are bounded: a long run that starts thread after thread ends up
+// counting the newest ones in the shared table.
+Faults::Counter* Faults::thread_table(bool* shared)
 {
     if (t_counters.owner != id_) [[unlikely]] {
         std::lock_guard lock(mutex_);
         auto self = std::this_thread::get_id();
         ThreadCounters* table = nullptr;
-        for (auto& t : thread_counters_) {
-            if (t->thread == self) {
-                table = t.get();
+        for (size_t i = 1; i < thread_counters_.size(); i++) {
+            if (thread_counters_[i]->thread == self) {
+                table = thread_counters_[i].get();
             }
         }
-        if (table == nullptr) {
+        if (table == nullptr && thread_counters_.size() <= kThreadTables) {
             thread_counters_.push_back(std::make_unique<ThreadCounters>());
             table = thread_counters_.back().get();
             table->thread = self;
         }
-        t_counters = {id_, table->counters};
+        bool own = table != nullptr;
+        t_counters = {id_, own ? table->counters : thread_counters_[0]->counters, !own};
     }
+    *shared = t_counters.shared;
     return static_cast<Counter*>(t_counters.table);
 }
 
 // Open addressing on the name's address: a slot is claimed once and keeps its
-// name for good. Only this thread writes its table; readers take the name
-// with acquire, so they never see a count without its name.
+// name for good. A thread's own table only it writes; readers take the name
+// with acquire, so they never see a count without its name. The shared table
+// is claimed and counted with atomic read-modify-writes.
 void Faults::count(const char* routine)
 {
-    Counter* table = thread_table();
+    bool shared;
+    Counter* table = thread_table(&shared);
     size_t start = (reinterpret_cast<uintptr_t>(routine) >> 3) % kCounters;
     for (size_t i = 0; i < kCounters; i++) {
         Counter& c = table[(start + i) % kCounters];
-        const char* name = c.routine.load(std::memory_order_relaxed);
+        const char* name = c.routine.load(std::memory_order_acquire);
         if (name == nullptr) {
-            c.routine.store(routine, std::memory_order_release);
-            name = routine;
+            const char* expected = nullptr;
+            if (!shared) {
+                c.routine.store(routine, std::memory_order_release);
+                name = routine;
+            } else if (c.routine.compare_exchange_strong(expected, routine, std::memory_order_acq_rel)) {
+                name = routine;
+            } else {
+                name = expected;
+            }
         }
         if (name == routine) {
-            c.calls.store(c.calls.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+            if (shared) {
+                c.calls.fetch_add(1, std::memory_order_relaxed);
+            } else {
+                c.calls.store(c.calls.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+            }
             return;
         }
     }

@@ -235,7 +235,8 @@ private:
     // literal); names at other addresses with the same text add up in calls().
     // Every thread counts in a table of its own, which only it writes: a
     // count is a plain increment, with no locked instruction on the path of
-    // every platform call, and calls() adds the tables up.
+    // every platform call, and calls() adds the tables up. Threads past the
+    // first kThreadTables share one table, counted with atomic increments.
     struct Counter {
         std::atomic<const char*> routine{nullptr};
         std::atomic<unsigned> calls{0};
@@ -245,9 +246,11 @@ private:
         std::thread::id thread;
         Counter counters[kCounters];
     };
+    static constexpr size_t kThreadTables = 64;
     const uint64_t id_;  // never reused, so a thread's cached table is this one's
-    std::vector<std::unique_ptr<ThreadCounters>> thread_counters_;  // one per thread that called, under mutex_
-    Counter* thread_table();
+    // The shared table, then one per thread that called, up to kThreadTables; under mutex_.
+    std::vector<std::unique_ptr<ThreadCounters>> thread_counters_;
+    Counter* thread_table(bool* shared);
     void count(const char* routine);
     [[gnu::cold, gnu::noinline]] void count_overflow(const char* routine);
 

@@ -181,6 +181,45 @@ TEST(HostEventTest, InjectedWaitFailureIsReturnedWithoutTakingTheEvent)
     EXPECT_EQ(KeReadStateEvent(&event), 1);
 }
 
+// Calls are counted per thread; more threads than there are tables share
+// one. Every call is counted either way, from threads one after another and
+// at once, and the next bench on the same thread counts from zero.
+TEST(HostFaultsTest, CallsFromManyThreadsAreAllCounted)
+{
+    static const char* const kRoutine = "KeWaitForSingleObject";
+    auto calls = [](System& s, unsigned n) {
+        for (unsigned i = 0; i < n; i++) {
+            s.faults().check(kRoutine);
+        }
+    };
+    {
+        System sys;
+        calls(sys, 5);
+        for (int i = 0; i < 100; i++) {
+            std::thread([&] { calls(sys, 3); }).join();
+        }
+        // 80 threads alive at once: the last of them share a table.
+        std::atomic<int> started{0};
+        std::vector<std::thread> together;
+        for (int i = 0; i < 80; i++) {
+            together.emplace_back([&] {
+                started++;
+                while (started.load() < 80) {
+                    std::this_thread::yield();
+                }
+                calls(sys, 2000);
+            });
+        }
+        for (auto& t : together) {
+            t.join();
+        }
+        EXPECT_EQ(sys.faults().calls(kRoutine), 5u + 100u * 3 + 80u * 2000);
+    }
+    System next;
+    calls(next, 2);
+    EXPECT_EQ(next.faults().calls(kRoutine), 2u);
+}
+
 TEST(HostObjectTest, DeletingAnObjectCleansUpItsChildrenFirst)
 {
     System sys;

@@ -522,7 +522,6 @@ TEST_F(NvmCommandTest, TypesWithoutAMemory)
         SCOPED_TRACE(type);
         select(type, 100);
         ctx->NvmLoaded = 0;
-        EXPECT_EQ(row->Type, type) << "a row found by number says its number";
         bool stub = type >= 3;
         ASSERT_EQ(row->Read == nullptr, !stub);
         ASSERT_EQ(row->Write == nullptr, !stub);
