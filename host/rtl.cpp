@@ -363,19 +363,14 @@ NTSTATUS RtlStringCbCopyA(PSTR pszDest, SIZE_T cbDest, PCSTR pszSrc)
         return STATUS_INVALID_PARAMETER;
     }
     // Copied in place: the camera driver's module query copies six texts.
+    // A text that does not fit is cut and still terminated.
     const char* from = pszSrc ? pszSrc : "";
-    for (SIZE_T i = 0; i < cbDest; i++) {
-        if (from[i] == 0) {
-            pszDest[i] = 0;
-            return STATUS_SUCCESS;
-        }
-        if (i == cbDest - 1) {
-            pszDest[i] = 0;
-            return STATUS_BUFFER_OVERFLOW;
-        }
+    SIZE_T i = 0;
+    for (; i + 1 < cbDest && from[i] != 0; i++) {
         pszDest[i] = from[i];
     }
-    return STATUS_SUCCESS;
+    pszDest[i] = 0;
+    return from[i] == 0 ? STATUS_SUCCESS : STATUS_BUFFER_OVERFLOW;
 }
 
 NTSTATUS RtlStringCbPrintfW(PWSTR pszDest, SIZE_T cbDest, PCWSTR pszFormat, ...)
