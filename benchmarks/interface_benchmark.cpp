@@ -242,244 +242,101 @@ NOINLINE NTSTATUS PlainPdafInfo(PDEVICE_CONTEXT ctx, PPDAF_INFO* pinfo)
 
 // ---- The operations ---------------------------------------------------------------
 
-void BM_GetSensorCaps(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    SENSOR_CAPS caps{};
-    Compare(state, [&] { cam.si.GetSensorCaps(cam.ctx, &caps); }, [&] { Indirect(PlainCaps)(cam.ctx, &caps); });
-}
-
-void BM_GetMipiConfig(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    ULONG p, l, f;
-    Compare(state, [&] { cam.si.GetMipiConfig(cam.ctx, &p, &l, &f); }, [&] { Indirect(PlainMipi)(cam.ctx, &p, &l, &f); });
-}
-
-void BM_GetSensorParameters(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    const SENSOR_PARAMETERS* p = nullptr;
-    Compare(state, [&] { cam.si.GetSensorParameters(cam.ctx, &p); },
-            [&] { Indirect(PlainStorePointer)(cam.ctx, (const void**)&p, &SensorParameters); });
-}
-
-void BM_GetModeTables(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    const MODE_LIST* l[4];
-    Compare(state, [&] { cam.si.GetModeTables(cam.ctx, &l[0], &l[1], &l[2], &l[3]); },
-            [&] {
-                for (int t = 0; t < 4; t++) {
-                    Indirect(PlainStorePointer)(cam.ctx, (const void**)&l[t], &ModeLists[t]);
-                }
-            });
-}
-
-void BM_GetPdafTable(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    const MODE_LIST* l = nullptr;
-    Compare(state, [&] { cam.si.GetPdafTable(cam.ctx, &l); },
-            [&] { Indirect(PlainStorePointer)(cam.ctx, (const void**)&l, &PdafList); });
-}
-
-void BM_SelectMode(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    Compare(state, [&] { cam.si.SelectMode(cam.ctx, 2, 1920, 1080, 0); },
-            [&] { Indirect(PlainSelect)(cam.ctx, 2, 1920, 1080, 0); });
-}
-
-// The failure paths, each beside the same check failing in the baseline.
-void BM_SelectModeTableOutOfRange(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    Compare(state, [&] { cam.si.SelectMode(cam.ctx, MODE_TABLE_COUNT, 1920, 1080, 0); },
-            [&] { Indirect(PlainSelect)(cam.ctx, MODE_TABLE_COUNT, 1920, 1080, 0); });
-}
-
-void BM_SelectModeNoneFits(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    Compare(state, [&] { cam.si.SelectMode(cam.ctx, 2, 20000, 20000, 0); },
-            [&] { Indirect(PlainSelect)(cam.ctx, 2, 20000, 20000, 0); });
-}
-
-void BM_QueryPropertyUnknown(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    ULONG v = 0;
-    Compare(state, [&] { cam.si.QueryProperty(cam.ctx, 0xFFFF, &v); },
-            [&] { Indirect(PlainLoadStore)(nullptr, &v); });
-}
-
-void BM_GetModeInfo(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    cam.si.SelectMode(cam.ctx, 2, 1920, 1080, 0);
-    SENSOR_MODE_INFO info{};
-    ULONG size = sizeof info;
-    Compare(state, [&] { cam.si.GetModeInfo(cam.ctx, &size, &info); },
-            [&] { Indirect(PlainModeInfo)(cam.ctx, &size, &info); });
-}
-
-void BM_GetAuxFlag(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    ULONG v = 0, aux = cam.ctx->AuxFlag;
-    Compare(state, [&] { cam.si.GetAuxFlag(cam.ctx, &v); }, [&] { Indirect(PlainLoadStore)(&aux, &v); });
-}
-
-void BM_GetParameterWord(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    ULONG v = 0;
-    Compare(state, [&] { cam.si.GetParameterWord(cam.ctx, &v); },
-            [&] { Indirect(PlainLoadStore)(&SensorParameters.HdrWord, &v); });
-}
-
-void BM_GetModuleInfo(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    SENSOR_MODULE_INFO info{};
-    Compare(state, [&] { cam.si.GetModuleInfo(cam.ctx, &info); }, [&] { Indirect(PlainModuleInfo)(cam.ctx, &info); });
-}
-
-void BM_QueryProperty(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    ULONG v = 0;
-    Compare(state, [&] { cam.si.QueryProperty(cam.ctx, SensorPropertyLinkRate, &v); },
-            [&] { Indirect(PlainLoadStore)(&cam.ctx->LinkRate, &v); });
-}
-
-void BM_GetPdafInfo(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    PDAF_INFO info{};
-    info.Width = 4032;
-    info.Height = 3024;
-    PPDAF_INFO p = &info;
-    Compare(state, [&] { cam.si.GetPdafInfo(cam.ctx, &p); }, [&] { Indirect(PlainPdafInfo)(cam.ctx, &p); });
-}
-
-void BM_AcceptRecord(benchmark::State& state)
-{
-    Camera cam(state.range(0));
+// What the operations and baselines write into and read from.
+struct Locals {
+    ULONG v = 0, aux = 0, size = sizeof(SENSOR_MODE_INFO), port = 0, lanes = 0, format = 0;
     ULONG record[8] = {};
-    Compare(state, [&] { cam.si.AcceptRecord(cam.ctx, record); }, [&] { Indirect(PlainNullCheck)(cam.ctx, record); });
-}
-
-void BM_AcceptEntry(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    SENSOR_ENTRY entry{};
-    Compare(state, [&] { cam.si.AcceptEntry(cam.ctx, &entry); }, [&] { Indirect(PlainNullCheck)(cam.ctx, &entry); });
-}
-
-void BM_AcceptPointer(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    int x = 0;
-    Compare(state, [&] { cam.si.AcceptPointer(cam.ctx, &x); }, [&] { Indirect(PlainNullCheck)(cam.ctx, &x); });
-}
-
-void BM_AcceptValue(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    ULONG v = 7;
-    Compare(state, [&] { cam.si.AcceptValue(cam.ctx, &v); }, [&] { Indirect(PlainNullCheck)(cam.ctx, &v); });
-}
-
-void BM_AcceptPair(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    Compare(state, [&] { cam.si.AcceptPair(cam.ctx, 1, 2); }, [&] { Indirect(PlainNullCheck)(cam.ctx, cam.ctx); });
-}
-
-void BM_AcceptNotice(benchmark::State& state)
-{
-    Camera cam(state.range(0));
-    Compare(state, [&] { cam.si.AcceptNotice(cam.ctx); }, [&] { Indirect(PlainNullCheck)(cam.ctx, cam.ctx); });
-}
-
-void BM_AcceptEntryList16(benchmark::State& state)
-{
-    Camera cam(state.range(0));
+    SENSOR_CAPS caps{};
+    SENSOR_MODE_INFO mode{};
+    SENSOR_MODULE_INFO info{};
     SENSOR_ENTRY entries[16] = {};
-    Compare(state, [&] { cam.si.AcceptEntryList(cam.ctx, entries, 16); }, [&] { Indirect(PlainNullCheck)(cam.ctx, entries); });
-}
+    PDAF_INFO pdaf{};
+    PPDAF_INFO pp = &pdaf;
+    const SENSOR_PARAMETERS* parameters = nullptr;
+    const MODE_LIST* lists[4] = {};
+};
 
 #define OFF_AND_ON(bm) BENCHMARK(bm)->ArgName("traced")->Arg(0)->Arg(1)
-OFF_AND_ON(BM_GetSensorCaps);
-OFF_AND_ON(BM_GetMipiConfig);
-OFF_AND_ON(BM_GetSensorParameters);
-OFF_AND_ON(BM_GetModeTables);
-OFF_AND_ON(BM_GetPdafTable);
-OFF_AND_ON(BM_SelectMode);
-OFF_AND_ON(BM_SelectModeTableOutOfRange);
-OFF_AND_ON(BM_SelectModeNoneFits);
-OFF_AND_ON(BM_QueryPropertyUnknown);
-OFF_AND_ON(BM_GetModeInfo);
-OFF_AND_ON(BM_GetAuxFlag);
-OFF_AND_ON(BM_GetParameterWord);
-OFF_AND_ON(BM_GetModuleInfo);
-OFF_AND_ON(BM_QueryProperty);
-OFF_AND_ON(BM_GetPdafInfo);
-OFF_AND_ON(BM_AcceptRecord);
-OFF_AND_ON(BM_AcceptEntry);
-OFF_AND_ON(BM_AcceptPointer);
-OFF_AND_ON(BM_AcceptValue);
-OFF_AND_ON(BM_AcceptPair);
-OFF_AND_ON(BM_AcceptNotice);
-OFF_AND_ON(BM_AcceptEntryList16);
+
+// One row: the operation beside its baseline, after Setup; tracing off and on.
+#define VERSUS(Name, Setup, Call, Base)                          \
+    void BM_##Name(benchmark::State& state)                      \
+    {                                                            \
+        Camera cam(state.range(0));                              \
+        Locals my;                                               \
+        Setup;                                                   \
+        Compare(state, [&] { Call; }, [&] { Base; });            \
+    }                                                            \
+    OFF_AND_ON(BM_##Name)
+
+VERSUS(GetSensorCaps, , cam.si.GetSensorCaps(cam.ctx, &my.caps), Indirect(PlainCaps)(cam.ctx, &my.caps));
+VERSUS(GetMipiConfig, , cam.si.GetMipiConfig(cam.ctx, &my.port, &my.lanes, &my.format),
+       Indirect(PlainMipi)(cam.ctx, &my.port, &my.lanes, &my.format));
+VERSUS(GetSensorParameters, , cam.si.GetSensorParameters(cam.ctx, &my.parameters),
+       Indirect(PlainStorePointer)(cam.ctx, (const void**)&my.parameters, &SensorParameters));
+VERSUS(GetModeTables, , cam.si.GetModeTables(cam.ctx, &my.lists[0], &my.lists[1], &my.lists[2], &my.lists[3]),
+       for (int t = 0; t < 4; t++) { Indirect(PlainStorePointer)(cam.ctx, (const void**)&my.lists[t], &ModeLists[t]); });
+VERSUS(GetPdafTable, , cam.si.GetPdafTable(cam.ctx, &my.lists[0]),
+       Indirect(PlainStorePointer)(cam.ctx, (const void**)&my.lists[0], &PdafList));
+VERSUS(SelectMode, , cam.si.SelectMode(cam.ctx, 2, 1920, 1080, 0), Indirect(PlainSelect)(cam.ctx, 2, 1920, 1080, 0));
+// The failure paths, each beside the same check failing in the baseline.
+VERSUS(SelectModeTableOutOfRange, , cam.si.SelectMode(cam.ctx, MODE_TABLE_COUNT, 1920, 1080, 0),
+       Indirect(PlainSelect)(cam.ctx, MODE_TABLE_COUNT, 1920, 1080, 0));
+VERSUS(SelectModeNoneFits, , cam.si.SelectMode(cam.ctx, 2, 20000, 20000, 0),
+       Indirect(PlainSelect)(cam.ctx, 2, 20000, 20000, 0));
+VERSUS(QueryPropertyUnknown, , cam.si.QueryProperty(cam.ctx, 0xFFFF, &my.v), Indirect(PlainLoadStore)(nullptr, &my.v));
+VERSUS(GetModeInfo, cam.si.SelectMode(cam.ctx, 2, 1920, 1080, 0), cam.si.GetModeInfo(cam.ctx, &my.size, &my.mode),
+       Indirect(PlainModeInfo)(cam.ctx, &my.size, &my.mode));
+VERSUS(GetAuxFlag, my.aux = cam.ctx->AuxFlag, cam.si.GetAuxFlag(cam.ctx, &my.v),
+       Indirect(PlainLoadStore)(&my.aux, &my.v));
+VERSUS(GetParameterWord, , cam.si.GetParameterWord(cam.ctx, &my.v),
+       Indirect(PlainLoadStore)(&SensorParameters.HdrWord, &my.v));
+VERSUS(GetModuleInfo, , cam.si.GetModuleInfo(cam.ctx, &my.info), Indirect(PlainModuleInfo)(cam.ctx, &my.info));
+VERSUS(QueryProperty, , cam.si.QueryProperty(cam.ctx, SensorPropertyLinkRate, &my.v),
+       Indirect(PlainLoadStore)(&cam.ctx->LinkRate, &my.v));
+VERSUS(GetPdafInfo, (my.pdaf.Width = 4032, my.pdaf.Height = 3024), cam.si.GetPdafInfo(cam.ctx, &my.pp),
+       Indirect(PlainPdafInfo)(cam.ctx, &my.pp));
+VERSUS(AcceptRecord, , cam.si.AcceptRecord(cam.ctx, my.record), Indirect(PlainNullCheck)(cam.ctx, my.record));
+VERSUS(AcceptEntry, , cam.si.AcceptEntry(cam.ctx, my.entries), Indirect(PlainNullCheck)(cam.ctx, my.entries));
+VERSUS(AcceptPointer, , cam.si.AcceptPointer(cam.ctx, &my.v), Indirect(PlainNullCheck)(cam.ctx, &my.v));
+VERSUS(AcceptValue, my.v = 7, cam.si.AcceptValue(cam.ctx, &my.v), Indirect(PlainNullCheck)(cam.ctx, &my.v));
+VERSUS(AcceptPair, , cam.si.AcceptPair(cam.ctx, 1, 2), Indirect(PlainNullCheck)(cam.ctx, cam.ctx));
+VERSUS(AcceptNotice, , cam.si.AcceptNotice(cam.ctx), Indirect(PlainNullCheck)(cam.ctx, cam.ctx));
+VERSUS(AcceptEntryList16, , cam.si.AcceptEntryList(cam.ctx, my.entries, 16),
+       Indirect(PlainNullCheck)(cam.ctx, my.entries));
 
 // Every operation's refusal of a missing context, beside the baseline's
 // null check failing; then the refusals that need a context.
 NOINLINE void PlainVoidNullCheck(void* a, const void* b) { (void)PlainNullCheck(a, b); }
 
-#define REFUSED(Name, Call, Base)                                                \
-    void BM_##Name(benchmark::State& state)                                      \
-    {                                                                            \
-        Camera cam(state.range(0));                                              \
-        [[maybe_unused]] ULONG v = 0, size = 0;                                  \
-        [[maybe_unused]] SENSOR_MODE_INFO mode{};                                \
-        [[maybe_unused]] PDAF_INFO pdaf{};                                       \
-        [[maybe_unused]] PPDAF_INFO pp = &pdaf;                                  \
-        [[maybe_unused]] const void* out = nullptr;                              \
-        Compare(state, [&] { Call; }, [&] { Base; });                            \
-    }                                                                            \
-    OFF_AND_ON(BM_##Name)
 #define REFUSED_NULL(Op, ...) \
-    REFUSED(Op##NullContext, cam.si.Op(nullptr __VA_OPT__(, ) __VA_ARGS__), Indirect(PlainNullCheck)(nullptr, &v))
+    VERSUS(Op##NullContext, , cam.si.Op(nullptr __VA_OPT__(, ) __VA_ARGS__), Indirect(PlainNullCheck)(nullptr, &my.v))
 
-REFUSED_NULL(AcceptRecord, &v);
+REFUSED_NULL(AcceptRecord, my.record);
 REFUSED_NULL(GetSensorCaps, nullptr);
-REFUSED(GetMipiConfigNullContext, cam.si.GetMipiConfig(nullptr, &v, &v, &v), Indirect(PlainVoidNullCheck)(nullptr, &v));
-REFUSED_NULL(GetSensorParameters, (const SENSOR_PARAMETERS**)&out);
-REFUSED_NULL(GetModeTables, (const MODE_LIST**)&out, (const MODE_LIST**)&out, (const MODE_LIST**)&out,
-             (const MODE_LIST**)&out);
-REFUSED_NULL(GetPdafTable, (const MODE_LIST**)&out);
+VERSUS(GetMipiConfigNullContext, , cam.si.GetMipiConfig(nullptr, &my.port, &my.lanes, &my.format),
+       Indirect(PlainVoidNullCheck)(nullptr, &my.v));
+REFUSED_NULL(GetSensorParameters, &my.parameters);
+REFUSED_NULL(GetModeTables, &my.lists[0], &my.lists[1], &my.lists[2], &my.lists[3]);
+REFUSED_NULL(GetPdafTable, &my.lists[0]);
 REFUSED_NULL(SelectMode, 2, 1920, 1080, 0);
 REFUSED_NULL(AcceptEntry, nullptr);
-REFUSED_NULL(AcceptPointer, &v);
-REFUSED_NULL(AcceptValue, &v);
+REFUSED_NULL(AcceptPointer, &my.v);
+REFUSED_NULL(AcceptValue, &my.v);
 REFUSED_NULL(AcceptPair, 1, 2);
 REFUSED_NULL(AcceptNotice);
-REFUSED_NULL(GetModeInfo, &size, &mode);
+REFUSED_NULL(GetModeInfo, &my.size, &my.mode);
 REFUSED_NULL(PowerUp);
 REFUSED_NULL(PowerDown);
-REFUSED_NULL(GetAuxFlag, &v);
-REFUSED_NULL(GetParameterWord, &v);
+REFUSED_NULL(GetAuxFlag, &my.v);
+REFUSED_NULL(GetParameterWord, &my.v);
 REFUSED_NULL(GetModuleInfo, nullptr);
-REFUSED_NULL(QueryProperty, SensorPropertyLinkRate, &v);
-REFUSED_NULL(GetPdafInfo, &pp);
+REFUSED_NULL(QueryProperty, SensorPropertyLinkRate, &my.v);
+REFUSED_NULL(GetPdafInfo, &my.pp);
 REFUSED_NULL(AcceptEntryList, nullptr, 16);
-REFUSED(GetModeInfoBufferTooSmall, cam.si.GetModeInfo(cam.ctx, &size, &mode),
-        Indirect(PlainModeInfo)(cam.ctx, &size, &mode));
-REFUSED(GetPdafInfoNoSuchSize, cam.si.GetPdafInfo(cam.ctx, &pp), Indirect(PlainPdafInfo)(cam.ctx, &pp));
-
+VERSUS(GetModeInfoBufferTooSmall, my.size = 0, cam.si.GetModeInfo(cam.ctx, &my.size, &my.mode),
+       Indirect(PlainModeInfo)(cam.ctx, &my.size, &my.mode));
+VERSUS(GetPdafInfoNoSuchSize, , cam.si.GetPdafInfo(cam.ctx, &my.pp), Indirect(PlainPdafInfo)(cam.ctx, &my.pp));
 
 // ---- Power and references --------------------------------------------------------
 
