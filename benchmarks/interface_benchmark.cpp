@@ -16,6 +16,7 @@
 #include "bus/delay.h"
 #include "host/system.h"
 #include "host/verifier.h"
+#include "platform/checked.h"
 #include "platform/device.h"
 #include "sensor/description.h"
 #include "sensor/device_context.h"
@@ -48,7 +49,7 @@ struct Camera {
         }
         korvanel::platform::load_driver(sys);
         auto& dev = sys.add_device();
-        dev.query_interface(GUID_SENSOR_INTERFACE, &si, SENSOR_INTERFACE_VERSION);
+        korvanel::platform::query_sensor_interface(dev, &si);
         ctx = static_cast<PSENSOR_CONTEXT>(si.InterfaceHeader.Context);
     }
     ~Camera() { si.InterfaceHeader.InterfaceDereference(ctx); }

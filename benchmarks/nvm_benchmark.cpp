@@ -8,6 +8,7 @@
 // Run by hand: wall times depend on the machine's load.
 #include <benchmark/benchmark.h>
 
+#include "platform/checked.h"
 #include "host/bus.h"
 #include "host/system.h"
 #include "nvm/nvm.h"
@@ -38,7 +39,7 @@ enum class Work { Load, Write };
 void BM_Memory(benchmark::State& state, Work work)
 {
     const Family& family = kFamilies[state.range(0)];
-    const NVM_DRIVER& row = NvmDriverTable[family.type];
+    const NVM_DRIVER& row = korvanel::platform::memory_table()[family.type];
     std::vector<uint8_t> data(row.Size);
     for (size_t i = 0; i < data.size(); i++) {
         data[i] = uint8_t(i * 13);

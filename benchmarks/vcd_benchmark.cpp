@@ -6,6 +6,7 @@
 // Run by hand: wall times depend on the machine's load.
 #include <benchmark/benchmark.h>
 
+#include "platform/checked.h"
 #include "host/bus.h"
 #include "host/system.h"
 #include "host/vcd.h"
@@ -102,7 +103,7 @@ void BM_MemoryWriteWaveform(benchmark::State& state)
         korvanel::platform::load_driver(sys);
         auto dev = korvanel::platform::open_device(sys);
         korvanel::platform::select_memory(sys, dev.context, {.type = 10});
-        NTSTATUS status = NvmDriverTable[10].Write(dev.context, 0, data.data(), LONG(data.size()));
+        NTSTATUS status = korvanel::platform::memory_table()[10].Write(dev.context, 0, data.data(), LONG(data.size()));
         if (!NT_SUCCESS(status)) {
             state.SkipWithError("the write failed");
         }

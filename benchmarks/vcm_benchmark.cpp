@@ -10,6 +10,7 @@
 // Run by hand: the wall times depend on the machine.
 #include <benchmark/benchmark.h>
 
+#include "platform/checked.h"
 #include "host/bus.h"
 #include "host/system.h"
 #include "sensor/device_context.h"
@@ -53,7 +54,7 @@ void BM_Actuator(benchmark::State& state, const korvanel::sim::ActuatorChip* chi
     }
     korvanel::platform::select_actuator(sys, ctx, selection);
     sys.bus().set_speed(BusSpeed::Fast);
-    const VCM_DRIVER& row = VcmDrivers[ctx->VcmType];
+    const VCM_DRIVER& row = korvanel::platform::actuator_table()[ctx->VcmType];
     row.Init(ctx);  // the connection is open from here on, as on a running device
 
     int64_t virtual_time = 0;

@@ -5,6 +5,8 @@
 // flags, and nothing was touched out of bounds; the driver unloads clean.
 #include "fuzz_input.h"
 
+#include "platform/checked.h"
+
 #include "platform/actuator.h"
 #include "platform/device.h"
 #include "host/bus.h"
@@ -77,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         options.module = kModules[in.pick(5)];
     }
     korvanel::platform::select_actuator(sys, ctx, options);
-    const VCM_DRIVER& chip = VcmDrivers[row];
+    const VCM_DRIVER& chip = platform::actuator_table()[row];
     switch (in.pick(8)) {
     case 0:
         ctx->VcmType = LONG(VCM_TYPE_COUNT + in.pick(3));  // no chip: traces and transfers stop

@@ -7,6 +7,7 @@
 #include "fuzz_input.h"
 
 #include "host/system.h"
+#include "platform/checked.h"
 #include "platform/device.h"
 #include "sensor/device_context.h"
 #include "sensor/sensor_interface.h"
@@ -72,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             auto* ctx = static_cast<PSENSOR_CONTEXT>(h.dev->context());
             switch (op) {
             case 1:
-                FUZZ_CHECK(h.dev->query_interface(GUID_SENSOR_INTERFACE, &h.si, SENSOR_INTERFACE_VERSION) ==
+                FUZZ_CHECK(platform::query_sensor_interface(*h.dev, &h.si) ==
                            STATUS_SUCCESS);
                 h.references++;
                 break;

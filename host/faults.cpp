@@ -2,6 +2,7 @@
 // fail, and the list of platform misuse found along the way.
 #include "system.h"
 #include "rules.h"
+#include "verifier.h"
 
 #include <cstring>
 
@@ -23,7 +24,7 @@ Faults::Faults() : id_(g_next_faults_id.fetch_add(1))
 {
     thread_counters_.push_back(std::make_unique<ThreadCounters>());
 }
-Faults::~Faults() = default;
+Faults::~Faults() { verifier::g_entry_hooks.fetch_sub(entry_hooks_.size()); }
 
 void Faults::fail(const std::string& routine, NTSTATUS status, unsigned skip, unsigned times)
 {
@@ -107,16 +108,57 @@ void Faults::count_overflow(const char* routine)
     overflow_calls_[routine]++;
 }
 
-NTSTATUS Faults::check(const char* routine)
+NTSTATUS Faults::check(const char* routine) { return take(routine, true, true, true); }
+
+NTSTATUS Faults::check_wait(const char* routine, bool alertable, bool user_apc, bool others)
+{
+    return take(routine, alertable, user_apc, others);
+}
+
+NTSTATUS Faults::take(const char* routine, bool alertable, bool user_apc, bool others)
 {
     count(routine);
     if (rule_count_.load(std::memory_order_acquire) == 0) {
         return STATUS_SUCCESS;
     }
     std::lock_guard lock(mutex_);
-    auto rule = take_due_rule(rules_, [routine](const Rule& r) { return r.routine == routine; });
+    auto applies = [&](const Rule& r) {
+        if (r.routine != routine) {
+            return false;
+        }
+        return r.status == STATUS_ALERTED ? alertable : r.status == STATUS_USER_APC ? user_apc : others;
+    };
+    auto rule = take_due_rule(rules_, applies);
     rule_count_.store(rules_.size());
     return rule ? rule->status : STATUS_SUCCESS;
+}
+
+// The hooks are rare (a test that interleaves), so the platform routines look
+// for them only while one is pending: one load of a global.
+void Faults::at_entry(const std::string& routine, std::function<void()> fn)
+{
+    std::lock_guard lock(mutex_);
+    entry_hooks_.emplace_back(routine, std::move(fn));
+    verifier::g_entry_hooks.fetch_add(1);
+}
+
+void Faults::run_entry_hooks(const char* routine)
+{
+    std::function<void()> fn;
+    {
+        std::lock_guard lock(mutex_);
+        for (auto it = entry_hooks_.begin(); it != entry_hooks_.end(); ++it) {
+            if (it->first == routine) {
+                fn = std::move(it->second);
+                entry_hooks_.erase(it);
+                verifier::g_entry_hooks.fetch_sub(1);
+                break;
+            }
+        }
+    }
+    if (fn) {
+        fn();
+    }
 }
 
 unsigned Faults::calls(const std::string& routine) const

@@ -39,13 +39,9 @@ protected:
     }
 };
 
-IoTargetObject* target_from(WDFIOTARGET handle, const char* routine)
+IoTargetObject* target_from(WDFIOTARGET handle, const char* routine, const void* caller)
 {
-    auto* object = lookup(reinterpret_cast<WDFOBJECT>(handle), Object::Kind::IoTarget);
-    if (object == nullptr) {
-        System::current().faults().note_error(std::string(routine) + " on an invalid I/O target handle");
-    }
-    return static_cast<IoTargetObject*>(object);
+    return checked_as<IoTargetObject>(handle, Object::Kind::IoTarget, routine, caller);
 }
 
 // "\DosDevices\RESOURCE_HUB\" and exactly 16 hex digits; the object manager
@@ -133,9 +129,9 @@ NTSTATUS WdfIoTargetCreate(WDFDEVICE Device, PWDF_OBJECT_ATTRIBUTES IoTargetAttr
     if (IoTarget != nullptr) {
         *IoTarget = nullptr;
     }
-    auto* device = korvanel::host::device_from(Device);
+    auto* device = korvanel::host::checked_as<korvanel::host::DeviceObject>(
+        Device, korvanel::host::Object::Kind::Device, "WdfIoTargetCreate", __builtin_return_address(0));
     if (device == nullptr) {
-        sys.faults().note_error("WdfIoTargetCreate on an invalid device handle");
         return STATUS_INVALID_HANDLE;
     }
     if (IoTarget == nullptr) {
@@ -170,7 +166,7 @@ NTSTATUS WdfIoTargetOpen(WDFIOTARGET IoTarget, PWDF_IO_TARGET_OPEN_PARAMS OpenPa
 {
     NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfIoTargetOpen"));
     auto& sys = System::current();
-    auto* target = korvanel::host::target_from(IoTarget, "WdfIoTargetOpen");
+    auto* target = korvanel::host::target_from(IoTarget, "WdfIoTargetOpen", __builtin_return_address(0));
     if (target == nullptr) {
         return STATUS_INVALID_HANDLE;
     }
@@ -219,7 +215,7 @@ NTSTATUS WdfIoTargetOpen(WDFIOTARGET IoTarget, PWDF_IO_TARGET_OPEN_PARAMS OpenPa
 VOID WdfIoTargetClose(WDFIOTARGET IoTarget)
 {
     KORVANEL_ENTRY(korvanel::host::irql_rule("WdfIoTargetClose"));
-    auto* target = korvanel::host::target_from(IoTarget, "WdfIoTargetClose");
+    auto* target = korvanel::host::target_from(IoTarget, "WdfIoTargetClose", __builtin_return_address(0));
     if (target == nullptr) {
         return;
     }
@@ -243,7 +239,7 @@ NTSTATUS WdfIoTargetSendIoctlSynchronously(WDFIOTARGET IoTarget, WDFREQUEST Requ
     if (BytesReturned != nullptr) {
         *BytesReturned = 0;
     }
-    auto* target = korvanel::host::target_from(IoTarget, "WdfIoTargetSendIoctlSynchronously");
+    auto* target = korvanel::host::target_from(IoTarget, "WdfIoTargetSendIoctlSynchronously", __builtin_return_address(0));
     if (target == nullptr) {
         return STATUS_INVALID_HANDLE;
     }

@@ -24,8 +24,11 @@ public:
     void* context() const { return context_.get(); }
     const WDF_OBJECT_CONTEXT_TYPE_INFO* context_type() const { return context_type_; }
 
-    WDFOBJECT handle() { return reinterpret_cast<WDFOBJECT>(this); }
-    static Object* from(WDFOBJECT h) { return reinterpret_cast<Object*>(h); }
+    // The handle the driver holds: a number never given to another object,
+    // so that a handle kept past its object's deletion is told from a live
+    // one, as the framework's verifier tells it.
+    WDFOBJECT handle() const { return handle_; }
+    const char* kind_name() const;
 
     // Applies creation attributes (context, callbacks, parent; null attributes
     // or no parent give `default_parent`) and links the object into the tree.
@@ -43,6 +46,7 @@ protected:
 
 private:
     Kind kind_;
+    WDFOBJECT handle_ = nullptr;  // given by attach()
     Object* parent_ = nullptr;
     bool deleting_ = false;
     // Newest last; each child knows its place, so deleting one of many
@@ -64,8 +68,20 @@ public:
     PDRIVER_OBJECT wdm = nullptr;
 };
 
-// Checks that a handle is a live object of the wanted kind; null otherwise.
+// Checks that a handle is a live object of the wanted kind (Other: any);
+// null otherwise.
 Object* lookup(WDFOBJECT handle, Object::Kind kind);
+
+// As lookup(), for a framework method the driver called from `caller`: a
+// null handle, one the framework never gave, one of a deleted object or of
+// another kind stops with WDF_VIOLATION (WDF_INVALID_HANDLE), as the
+// framework's verifier stops.
+Object* checked(WDFOBJECT handle, Object::Kind kind, const char* method, const void* caller);
+template <typename T, typename H>
+T* checked_as(H handle, Object::Kind kind, const char* method, const void* caller)
+{
+    return static_cast<T*>(checked(reinterpret_cast<WDFOBJECT>(handle), kind, method, caller));
+}
 
 // The framework device object, with the state device add leaves behind.
 DeviceObject* device_from(WDFDEVICE handle);

@@ -5,6 +5,7 @@
 #include "irql_rules.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace korvanel::host {
 
@@ -35,27 +36,71 @@ bool Registry::NoCase::operator()(std::u16string_view a, std::u16string_view b) 
 }
 
 // Reached by the kernel entry points below.
+//
+// Handles: a kernel handle (OBJ_KERNEL_HANDLE) has the top bit set, as on
+// Windows; without the attribute the handle is one of the process the
+// calling thread runs in. Every thread of this bench is a thread of such a
+// process, not of the System process, so a driver that opens a key without
+// OBJ_KERNEL_HANDLE gets a handle that process's user mode could use, and
+// Driver Verifier's handle check stops its first use from kernel mode.
 struct RegistryAccess {
-    static NTSTATUS open(Registry& r, std::u16string_view key, HANDLE* handle)
+    static constexpr uintptr_t kKernelHandle = uintptr_t(0xFFFFFFFF80000000ULL);
+
+    static NTSTATUS open(Registry& r, std::u16string_view key, ULONG attributes, ACCESS_MASK access, HANDLE* handle)
     {
         std::lock_guard lock(r.mutex_);
-        if (!r.exists(key)) {
+        r.opens_.push_back({std::u16string(key), attributes, access});
+        if (r.opens_.size() > Registry::kOpensKept) {
+            r.opens_.pop_front();
+        }
+        // Names compare without regard to case only when the caller asks so.
+        if (!r.exists(key, (attributes & OBJ_CASE_INSENSITIVE) == 0)) {
             return STATUS_OBJECT_NAME_NOT_FOUND;
         }
-        uintptr_t h = r.next_handle_++;
-        r.handles_[h] = key;
+        bool kernel = (attributes & OBJ_KERNEL_HANDLE) != 0;
+        uintptr_t h = (r.next_handle_ += 4) | (kernel ? kKernelHandle : 0);
+        r.handles_[h] = {std::u16string(key), access, kernel};
         *handle = reinterpret_cast<HANDLE>(h);
         return STATUS_SUCCESS;
     }
 
-    static NTSTATUS query(Registry& r, HANDLE handle, std::u16string_view value_name, Registry::Value* out)
+    // A handle the caller passes back, with the mutex held: null when it is
+    // not open. A user-mode handle stops the bench (Zw routines reference
+    // handles in kernel mode); the lock is let go first.
+    static Registry::Handle* find(Registry& r, std::unique_lock<std::mutex>& lock, HANDLE handle, const char* routine,
+                                  const void* caller)
     {
-        std::lock_guard lock(r.mutex_);
         auto h = r.handles_.find(reinterpret_cast<uintptr_t>(handle));
         if (h == r.handles_.end()) {
+            return nullptr;
+        }
+        if (!h->second.kernel) {
+            lock.unlock();
+            Violation v{stops::kUserHandleFromKernel, routine, verifier::symbol(caller),
+                        std::string(routine) + " with a handle opened without OBJ_KERNEL_HANDLE"};
+            char text[64];
+            snprintf(text, sizeof text, "handle: %p", handle);
+            v.details.push_back(text);
+            verifier::violate(std::move(v));
+            lock.lock();  // the verifier is off: the handle works as Windows without it lets it
+        }
+        return &h->second;
+    }
+
+    static NTSTATUS query(Registry& r, HANDLE handle, std::u16string_view value_name, Registry::Value* out,
+                          const void* caller)
+    {
+        std::unique_lock lock(r.mutex_);
+        Registry::Handle* h = find(r, lock, handle, "ZwQueryValueKey", caller);
+        if (h == nullptr) {
             return STATUS_INVALID_HANDLE;
         }
-        auto key = r.keys_.find(h->second);
+        // "The KeyHandle passed to ZwQueryValueKey must have been opened with
+        // KEY_QUERY_VALUE access."
+        if ((h->access & KEY_QUERY_VALUE) == 0) {
+            return STATUS_ACCESS_DENIED;
+        }
+        auto key = r.keys_.find(h->key);
         if (key == r.keys_.end()) {
             return STATUS_OBJECT_NAME_NOT_FOUND;
         }
@@ -67,10 +112,14 @@ struct RegistryAccess {
         return STATUS_SUCCESS;
     }
 
-    static NTSTATUS close(Registry& r, HANDLE handle)
+    static NTSTATUS close(Registry& r, HANDLE handle, const void* caller)
     {
-        std::lock_guard lock(r.mutex_);
-        return r.handles_.erase(reinterpret_cast<uintptr_t>(handle)) ? STATUS_SUCCESS : STATUS_INVALID_HANDLE;
+        std::unique_lock lock(r.mutex_);
+        if (find(r, lock, handle, "ZwClose", caller) == nullptr) {
+            return STATUS_INVALID_HANDLE;
+        }
+        r.handles_.erase(reinterpret_cast<uintptr_t>(handle));
+        return STATUS_SUCCESS;
     }
 };
 
@@ -128,12 +177,16 @@ void Registry::set_service_key_present(bool present)
 bool Registry::key_exists(const std::u16string& key) const
 {
     std::lock_guard lock(mutex_);
-    return exists(key);
+    return exists(key, false);
 }
 
-bool Registry::exists(std::u16string_view key) const
+bool Registry::exists(std::u16string_view key, bool case_sensitive) const
 {
-    return same_name(key, kServiceKey) ? service_key_present_ : keys_.count(key) != 0;
+    if (same_name(key, kServiceKey)) {
+        return service_key_present_ && (!case_sensitive || key == kServiceKey);
+    }
+    auto it = keys_.find(key);
+    return it != keys_.end() && (!case_sensitive || it->first == key);
 }
 
 std::optional<Registry::Value> Registry::value(const std::u16string& key, const std::u16string& name) const
@@ -156,6 +209,12 @@ size_t Registry::open_keys() const
     return handles_.size();
 }
 
+std::vector<Registry::Open> Registry::recent_opens() const
+{
+    std::lock_guard lock(mutex_);
+    return {opens_.begin(), opens_.end()};
+}
+
 }  // namespace korvanel::host
 
 using korvanel::host::Registry;
@@ -165,7 +224,6 @@ using korvanel::host::System;
 NTSTATUS ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes)
 {
     NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("ZwOpenKey"));
-    (void)DesiredAccess;
     if (KeyHandle == nullptr || ObjectAttributes == nullptr || ObjectAttributes->Length != sizeof(OBJECT_ATTRIBUTES) ||
         ObjectAttributes->ObjectName == nullptr) {
         return STATUS_INVALID_PARAMETER;
@@ -175,7 +233,7 @@ NTSTATUS ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBU
         return injected;
     }
     return RegistryAccess::open(sys.registry(), korvanel::host::from_unicode_string(ObjectAttributes->ObjectName),
-                                KeyHandle);
+                                ObjectAttributes->Attributes, DesiredAccess, KeyHandle);
 }
 
 NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
@@ -191,7 +249,8 @@ NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
         return injected;
     }
     Registry::Value value;
-    NTSTATUS status = RegistryAccess::query(sys.registry(), KeyHandle, korvanel::host::from_unicode_string(ValueName), &value);
+    NTSTATUS status = RegistryAccess::query(sys.registry(), KeyHandle, korvanel::host::from_unicode_string(ValueName),
+                                            &value, __builtin_return_address(0));
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -217,7 +276,7 @@ NTSTATUS ZwClose(HANDLE Handle)
 {
     KORVANEL_ENTRY(korvanel::host::irql_rule("ZwClose"));
     auto& sys = System::current();
-    NTSTATUS status = RegistryAccess::close(sys.registry(), Handle);
+    NTSTATUS status = RegistryAccess::close(sys.registry(), Handle, __builtin_return_address(0));
     if (!NT_SUCCESS(status)) {
         sys.faults().note_error("ZwClose on a handle that is not open");
     }

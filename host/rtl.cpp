@@ -65,6 +65,8 @@ namespace {
 
 const std::pair<NTSTATUS, const char*> kStatusNames[] = {
     {STATUS_SUCCESS, "STATUS_SUCCESS"},
+    {STATUS_USER_APC, "STATUS_USER_APC"},
+    {STATUS_ALERTED, "STATUS_ALERTED"},
     {STATUS_TIMEOUT, "STATUS_TIMEOUT"},
     {STATUS_PENDING, "STATUS_PENDING"},
     {STATUS_NOTIFY_CLEANUP, "STATUS_NOTIFY_CLEANUP"},
@@ -296,7 +298,7 @@ NTSTATUS RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString, PCANSI_
         return STATUS_INVALID_PARAMETER_2;
     }
     if (AllocateDestinationString) {
-        auto* buffer = static_cast<PWSTR>(sys.pool().allocate(PagedPool, bytes, korvanel::host::kStringTag));
+        auto* buffer = static_cast<PWSTR>(sys.pool().allocate(PagedPool, bytes, korvanel::host::kStringTag, __builtin_return_address(0)));
         if (buffer == nullptr) {
             return STATUS_NO_MEMORY;
         }
@@ -319,7 +321,8 @@ VOID RtlFreeUnicodeString(PUNICODE_STRING UnicodeString)
 {
     KORVANEL_ENTRY(korvanel::host::irql_rule("RtlFreeUnicodeString"));
     if (UnicodeString != nullptr && UnicodeString->Buffer != nullptr) {
-        System::current().pool().free(UnicodeString->Buffer, korvanel::host::kStringTag);
+        System::current().pool().free_checked(UnicodeString->Buffer, korvanel::host::kStringTag,
+                                              "RtlFreeUnicodeString", __builtin_return_address(0));
         UnicodeString->Buffer = nullptr;
         UnicodeString->Length = UnicodeString->MaximumLength = 0;
     }
@@ -328,6 +331,23 @@ VOID RtlFreeUnicodeString(PUNICODE_STRING UnicodeString)
 VOID RtlCopyUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STRING SourceString)
 {
     KORVANEL_ENTRY(korvanel::host::irql_rule("RtlCopyUnicodeString"));
+    // "The DestinationString and SourceString buffers must be resident if the
+    // caller is running at IRQL >= DISPATCH_LEVEL": a paged one faults there.
+    if (korvanel::host::verifier::irql() >= DISPATCH_LEVEL) {
+        auto& pool = System::current().pool();
+        for (PCUNICODE_STRING string : {PCUNICODE_STRING(DestinationString), SourceString}) {
+            if (string != nullptr && string->Buffer != nullptr &&
+                pool.in_paged_pool(string->Buffer, string->MaximumLength)) {
+                korvanel::host::Violation v{korvanel::host::stops::kIrqlNotLessOrEqual, "RtlCopyUnicodeString",
+                                            korvanel::host::verifier::symbol(__builtin_return_address(0)),
+                                            "RtlCopyUnicodeString of a string in paged pool above APC_LEVEL"};
+                v.level_rule = true;
+                v.current = korvanel::host::verifier::irql();
+                v.allowed = APC_LEVEL;
+                korvanel::host::verifier::violate(std::move(v));
+            }
+        }
+    }
     if (SourceString == nullptr || SourceString->Buffer == nullptr) {
         DestinationString->Length = 0;
         return;

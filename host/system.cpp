@@ -3,7 +3,7 @@
 // request, and the unload report.
 #include "bus.h"
 #include "device.h"
-#include "verifier.h"
+#include "irql_rules.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -52,7 +52,7 @@ NTSTATUS Device::query_interface(const GUID& type, INTERFACE* out, USHORT size, 
         memcpy(out, published, published->Size);
         // The query-interface request is handled at passive level.
         if (out->InterfaceReference != nullptr) {
-            verifier::call_driver("InterfaceReference", PASSIVE_LEVEL, [&] { out->InterfaceReference(out->Context); });
+            verifier::call_driver(callback_level("InterfaceReference"), [&] { out->InterfaceReference(out->Context); });
         }
         return STATUS_SUCCESS;
     }
@@ -69,33 +69,34 @@ bool Device::interface_published(const GUID& type) const
 }
 
 namespace {
-template <typename Callback>
-NTSTATUS query_pnp(DeviceObject* object, Callback callback)
+// As the framework does it: while the driver blocks stop and remove
+// (WdfDeviceSetStaticStopRemove), the framework fails the query itself with
+// STATUS_INVALID_DEVICE_STATE and does not ask the driver; otherwise the
+// driver's callback decides, and without one the query succeeds.
+NTSTATUS query_pnp(DeviceObject* object, PFN_WDF_DEVICE_QUERY_REMOVE fn, const CallbackLevel& level)
 {
     if (object == nullptr) {
         return STATUS_NO_SUCH_DEVICE;
     }
     std::lock_guard lock(framework_lock());
-    // While the driver blocks stop and remove, the framework fails the query
-    // without asking the driver; otherwise the driver's callback decides.
     if (object->stop_remove_blocks > 0) {
         return STATUS_INVALID_DEVICE_STATE;
     }
-    auto fn = callback(object->pnp);
-    return fn ? verifier::call_driver("EvtDeviceQueryRemove/Stop", PASSIVE_LEVEL,
-                                      [&] { return fn(reinterpret_cast<WDFDEVICE>(object->handle())); })
+    return fn ? verifier::call_driver(level, [&] { return fn(reinterpret_cast<WDFDEVICE>(object->handle())); })
               : STATUS_SUCCESS;
 }
 }  // namespace
 
 NTSTATUS Device::query_remove()
 {
-    return query_pnp(object_, [](const WDF_PNPPOWER_EVENT_CALLBACKS& c) { return c.EvtDeviceQueryRemove; });
+    return query_pnp(object_, object_ ? object_->pnp.EvtDeviceQueryRemove : nullptr,
+                     callback_level("EvtDeviceQueryRemove"));
 }
 
 NTSTATUS Device::query_stop()
 {
-    return query_pnp(object_, [](const WDF_PNPPOWER_EVENT_CALLBACKS& c) { return c.EvtDeviceQueryStop; });
+    return query_pnp(object_, object_ ? object_->pnp.EvtDeviceQueryStop : nullptr,
+                     callback_level("EvtDeviceQueryStop"));
 }
 
 void Device::remove()
@@ -104,9 +105,11 @@ void Device::remove()
         return;
     }
     std::lock_guard lock(framework_lock());
-    object_->stop_and_remove();
-    Object::destroy(object_);
+    Completion work;
+    work.step([&] { object_->stop_and_remove(); });
+    work.step([&] { Object::destroy(object_); });
     object_ = nullptr;
+    work.finish();
 }
 
 std::u16string Device::symbolic_link() const
@@ -191,7 +194,11 @@ System::System() : bus_(std::make_unique<Bus>())
 System::~System()
 {
     if (driver_ != nullptr || !devices_.empty()) {
-        (void)unload_driver();
+        try {
+            (void)unload_driver();
+        } catch (const Bugcheck&) {
+            // Reported already: a leak the unload stopped for.
+        }
     }
     g_current = nullptr;
 }
@@ -217,7 +224,7 @@ NTSTATUS System::load_driver(DRIVER_INITIALIZE* entry, const std::u16string* reg
         registry_path_us_.MaximumLength = registry_path_us_.Length;
         path = &registry_path_us_;
     }
-    entry_status_ = verifier::call_driver("DriverEntry", PASSIVE_LEVEL, [&] { return entry(&wdm_driver_, path); });
+    entry_status_ = verifier::call_driver(callback_level("DriverEntry"), [&] { return entry(&wdm_driver_, path); });
     if (!NT_SUCCESS(entry_status_)) {
         // A failed entry: the framework deletes the driver object it made.
         if (driver_ != nullptr) {
@@ -254,24 +261,28 @@ Device& System::add_device(DeviceConfig config)
     auto& view = static_cast<FrameworkDriver&>(*driver_);
     WDFDEVICE_INIT init;
     init.config = std::move(config);
-    device->add_status_ = verifier::call_driver("EvtDriverDeviceAdd", PASSIVE_LEVEL, [&] {
-        return view.config.EvtDriverDeviceAdd(reinterpret_cast<WDFDRIVER>(driver_->handle()), &init);
+    Completion work;
+    work.step([&] {
+        device->add_status_ = verifier::call_driver(callback_level("EvtDriverDeviceAdd"), [&] {
+            return view.config.EvtDriverDeviceAdd(reinterpret_cast<WDFDRIVER>(driver_->handle()), &init);
+        });
     });
     if (init.created != nullptr) {
         if (NT_SUCCESS(device->add_status_)) {
             device->object_ = init.created;
-            device->object_->start();
+            work.step([&] { device->object_->start(); });
         } else {
-            // Device add failed after creating the device: the framework
-            // deletes it with its context.
+            // Device add failed (or stopped) after creating the device: the
+            // framework deletes it with its context.
             if (auto* type = init.created->context_type()) {
                 auto* bytes = static_cast<const uint8_t*>(init.created->context());
                 device->context_at_failure_.assign(bytes, bytes + type->ContextSize);
             }
-            Object::destroy(init.created);
+            work.step([&] { Object::destroy(init.created); });
         }
     }
     devices_.push_back(std::move(device));
+    work.finish();
     return *devices_.back();
 }
 
@@ -296,28 +307,36 @@ std::string UnloadReport::text() const
 UnloadReport System::unload_driver()
 {
     UnloadReport report;
+    Completion work;
     for (auto& d : devices_) {
         if (d->object_ != nullptr && d->object_->stop_remove_blocks > 0) {
             report.problems.push_back("device removed while the driver still blocks stop and remove");
         }
-        d->remove();
+        work.step([&] { d->remove(); });
     }
     devices_.clear();
     if (driver_ != nullptr) {
         auto& view = static_cast<FrameworkDriver&>(*driver_);
         if (loaded_ && view.config.EvtDriverUnload != nullptr) {
-            verifier::call_driver("EvtDriverUnload", PASSIVE_LEVEL,
-                                  [&] { view.config.EvtDriverUnload(reinterpret_cast<WDFDRIVER>(driver_->handle())); });
+            work.step([&] {
+                verifier::call_driver(callback_level("EvtDriverUnload"), [&] {
+                    view.config.EvtDriverUnload(reinterpret_cast<WDFDRIVER>(driver_->handle()));
+                });
+            });
         }
-        Object::destroy(driver_);
+        work.step([&] { Object::destroy(driver_); });
         driver_ = nullptr;
     }
     loaded_ = false;
 
+    Violation leak{stops::kLeakAtUnload, "EvtDriverUnload", "", ""};
     for (auto& a : pool_.live()) {
-        char line[128];
-        snprintf(line, sizeof line, "pool allocation left: %zu bytes, tag 0x%08X", a.size, a.tag);
+        char line[192];
+        std::string by = a.allocated_by ? verifier::symbol(a.allocated_by) : "the bench";
+        snprintf(line, sizeof line, "pool allocation left: %zu bytes, tag 0x%08X, allocated by %s", a.size, a.tag,
+                 by.c_str());
         report.problems.push_back(line);
+        leak.details.push_back(line);
     }
     if (size_t keys = registry_.open_keys()) {
         report.problems.push_back("registry keys left open: " + std::to_string(keys));
@@ -327,6 +346,13 @@ UnloadReport System::unload_driver()
     }
     for (auto& e : faults_.errors()) {
         report.problems.push_back("platform misuse: " + e);
+    }
+    // Pool tracking stops an unload that leaves allocations behind, once the
+    // unload is over and the report complete.
+    work.finish();
+    if (!leak.details.empty()) {
+        leak.what = "the driver unloaded without freeing " + std::to_string(leak.details.size()) + " pool allocation(s)";
+        verifier::violate(std::move(leak));
     }
     return report;
 }

@@ -161,6 +161,15 @@ public:
 
     size_t open_keys() const;  // handles not yet closed
 
+    // The latest opens, oldest first, as the caller asked for them.
+    struct Open {
+        std::u16string key;
+        uint32_t attributes;  // OBJ_*
+        uint32_t access;      // KEY_*
+    };
+    static constexpr size_t kOpensKept = 64;
+    std::vector<Open> recent_opens() const;
+
     // Orders names as the registry compares them: without regard to case.
     struct NoCase {
         using is_transparent = void;
@@ -171,34 +180,62 @@ private:
     friend struct RegistryAccess;
     mutable std::mutex mutex_;
     std::map<std::u16string, std::map<std::u16string, Value, NoCase>, NoCase> keys_;
-    std::map<uintptr_t, std::u16string> handles_;  // the key each open handle names
-    bool exists(std::u16string_view key) const;     // with the mutex held
+    // An open handle: the key it names, the access granted, and whether it is
+    // a kernel handle (OBJ_KERNEL_HANDLE) or one of the caller's process.
+    struct Handle {
+        std::u16string key;
+        uint32_t access;
+        bool kernel;
+    };
+    std::map<uintptr_t, Handle> handles_;
+    std::deque<Open> opens_;
+    bool exists(std::u16string_view key, bool case_sensitive) const;  // with the mutex held
     uintptr_t next_handle_ = 0x100;
     bool service_key_present_ = true;
 };
 
 // ---- Pool -----------------------------------------------------------------
+// Allocations by tag with the routine that made each, so that a leak at
+// unload names it; frees are checked as Driver Verifier's pool tracking
+// checks them (an address freed twice, one the pool never handed out, a
+// tag that is not the allocation's) and stop at the faulting call.
 class Pool {
 public:
     struct Allocation {
         uint32_t tag;
         uint32_t pool_type;
         size_t size;
+        const void* allocated_by = nullptr;  // a return address in the allocating routine
     };
     size_t outstanding() const;
     std::vector<Allocation> live() const;
     size_t allocations_made() const;
     uint32_t type_of(void* p) const;  // the pool type of a live allocation (0 for none)
+    // Whether [p, p + size) lies in a live paged allocation.
+    bool in_paged_pool(const void* p, size_t size) const;
     // Bytes the pool hands out start with this pattern, so code that reads
     // memory it never wrote is caught.
     static constexpr uint8_t kFill = 0xCD;
 
-    void* allocate(uint32_t pool_type, size_t size, uint32_t tag);
-    void free(void* p, uint32_t tag);  // tag 0 frees any allocation
+    void* allocate(uint32_t pool_type, size_t size, uint32_t tag, const void* allocated_by = nullptr);
+    enum class Freed { Ok, AlreadyFreed, NeverAllocated, WrongTag };
+    // Frees a live allocation; tag 0 frees any. Anything else leaves the pool
+    // as it was and says why.
+    Freed free(void* p, uint32_t tag, Allocation* found = nullptr);
+    // Frees as the platform routine `routine` called from `caller` would,
+    // stopping at a bad free.
+    void free_checked(void* p, uint32_t tag, const char* routine, const void* caller);
 
 private:
     mutable std::mutex mutex_;
     std::map<void*, Allocation> live_;
+    // Addresses freed lately, oldest first, so that a second free of one is
+    // told from a free of an address the pool never handed out. Bounded:
+    // kFreedKept addresses, each dropped when the address is handed out again.
+    static constexpr size_t kFreedKept = 4096;
+    std::deque<std::pair<void*, uint64_t>> freed_order_;  // (address, which free)
+    std::map<void*, uint64_t> freed_;                       // address -> its latest free
+    uint64_t frees_ = 0;
     size_t made_ = 0;
 };
 
@@ -223,7 +260,18 @@ public:
     void fail(const std::string& routine, NTSTATUS status, unsigned skip = 0, unsigned times = 1);
     void clear();
     NTSTATUS check(const char* routine);  // STATUS_SUCCESS, or the injected status
+    // A wait's check: a rule with STATUS_ALERTED (an alert) ends only an
+    // alertable wait and one with STATUS_USER_APC only an alertable user-mode
+    // one, as on Windows; a rule that cannot end this wait stays for the next.
+    // Any other status ends the wait only where `others` is true.
+    NTSTATUS check_wait(const char* routine, bool alertable, bool user_apc, bool others);
     unsigned calls(const std::string& routine) const;  // how often the routine asked
+
+    // Runs `fn` once, at the next entry of `routine` on any thread, before
+    // the routine does anything: what another thread or the PnP manager does
+    // at that instant (a query-remove between two steps of the driver).
+    void at_entry(const std::string& routine, std::function<void()> fn);
+    void run_entry_hooks(const char* routine);
 
     // Misuse of the platform that Windows would catch (a bad free, an unknown
     // handle, an unbalanced reference); the unload report lists them.
@@ -254,9 +302,11 @@ private:
     void count(const char* routine);
     [[gnu::cold, gnu::noinline]] void count_overflow(const char* routine);
 
+    NTSTATUS take(const char* routine, bool alertable, bool user_apc, bool others);
     mutable std::mutex mutex_;
     std::atomic<size_t> rule_count_{0};
     std::vector<Rule> rules_;
+    std::vector<std::pair<std::string, std::function<void()>>> entry_hooks_;
     std::map<std::string, unsigned> overflow_calls_;  // beyond kCounters names, under mutex_
     std::vector<std::string> errors_;
 };

@@ -108,7 +108,7 @@ void Traces::apply_session()
     if (registration_ == Registration::Classic) {
         auto callback = reinterpret_cast<ClassicCallback>(callback_);
         // The system calls an enable callback at passive level.
-        verifier::call_driver("the trace enable callback", PASSIVE_LEVEL, [&] {
+        verifier::call_driver(callback_level("the trace enable callback"), [&] {
             callback(&g_provider_guid,
                      session_ ? EVENT_CONTROL_CODE_ENABLE_PROVIDER : EVENT_CONTROL_CODE_DISABLE_PROVIDER, &handle,
                      callback_context_);
@@ -120,7 +120,7 @@ void Traces::apply_session()
         wnode.Guid = g_provider_guid;
         ULONG size = 0;
         auto callback = reinterpret_cast<WmiCallback>(callback_);
-        verifier::call_driver("the WMI callback", PASSIVE_LEVEL, [&] {
+        verifier::call_driver(callback_level("the WMI callback"), [&] {
             return callback(session_ ? IRP_MN_ENABLE_EVENTS : IRP_MN_DISABLE_EVENTS, &g_provider_guid, sizeof wnode,
                             &wnode, callback_context_, &size);
         });
@@ -438,7 +438,7 @@ NTSTATUS IoWMIRegistrationControl(PDEVICE_OBJECT DeviceObject, ULONG Action)
         // The system asks the provider which GUID it controls.
         alignas(8) uint8_t buffer[256] = {};
         ULONG size = 0;
-        NTSTATUS status = korvanel::host::verifier::call_driver("the WMI callback", PASSIVE_LEVEL, [&] {
+        NTSTATUS status = korvanel::host::verifier::call_driver(korvanel::host::callback_level("the WMI callback"), [&] {
             return callback(IRP_MN_REGINFO, nullptr, sizeof buffer, buffer, nullptr, &size);
         });
         auto* info = reinterpret_cast<PWMIREGINFOW>(buffer);

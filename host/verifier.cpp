@@ -1,23 +1,23 @@
-// verifier.cpp - the interrupt request level of each thread, the rule table
-// of the platform routines the driver calls, and what a broken rule does.
+// verifier.cpp - the interrupt request level of each thread, the spin locks
+// it holds, what a broken rule does, and the routines that change the level.
+// The rules themselves are in irql_rules.h.
 #include "irql_rules.h"
 #include "system.h"
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cxxabi.h>
-#include <dlfcn.h>
 #include <mutex>
 
 namespace korvanel::host {
 
 namespace {
 
-
-thread_local int t_spin_locks = 0;
-std::atomic<bool> g_enabled{true};
+// Spin locks this thread holds, so that a stop can let them go (the machine
+// they belonged to is gone). A driver holds one or two; more is a leak the
+// count still shows.
+constexpr int kSpinLocksKept = 8;
+thread_local PKSPIN_LOCK t_held[kSpinLocksKept];
 
 // Function-local, so that a hook set by another file's static initialiser is
 // not wiped by this one's.
@@ -32,14 +32,14 @@ verifier::Hook& hook_storage()
     return hook;
 }
 
-void print_report(const Violation& v) { fprintf(stderr, "%s\n", v.text().c_str()); }
-
 std::string hex(uint32_t value)
 {
     char text[16];
     snprintf(text, sizeof text, "0x%X", value);
     return text;
 }
+
+std::string level_text(KIRQL level) { return std::string(irql_name(level)) + " (" + std::to_string(level) + ")"; }
 
 }  // namespace
 
@@ -56,17 +56,21 @@ const char* irql_name(KIRQL level)
 
 std::string Violation::text() const
 {
-    std::string out = "*** STOP " + hex(code) + " " + bugcheck;
-    if (subcode != 0) {
-        out += " (" + hex(subcode) + ")";
+    std::string out = "*** STOP " + hex(stop.code) + " " + stop.bugcheck;
+    if (stop.subcode != 0) {
+        out += " (" + hex(stop.subcode) + ")";
     }
     out += "\n    " + what;
     out += "\n    routine: " + routine;
     if (!caller.empty()) {
         out += "\n    called by: " + caller;
     }
-    out += "\n    IRQL: " + std::string(irql_name(current)) + " (" + std::to_string(current) + "), allowed at most " +
-           irql_name(allowed) + " (" + std::to_string(allowed) + ")";
+    if (level_rule) {
+        out += "\n    IRQL: " + level_text(current) + ", allowed at most " + level_text(allowed);
+    }
+    for (const auto& line : details) {
+        out += "\n    " + line;
+    }
     return out;
 }
 
@@ -74,12 +78,34 @@ Bugcheck::Bugcheck(Violation v) : std::runtime_error(v.text()), violation_(std::
 
 namespace verifier {
 
-thread_local constinit KIRQL t_irql = PASSIVE_LEVEL;
+thread_local constinit uint32_t t_state = PASSIVE_LEVEL;
+constinit std::atomic<Mode> g_mode{Mode::On};
 
-KIRQL irql() { return t_irql; }
-void set_irql(KIRQL level) { t_irql = level; }
-bool enabled() { return g_enabled.load(std::memory_order_relaxed); }
-void set_enabled(bool on) { g_enabled.store(on, std::memory_order_relaxed); }
+namespace {
+// KORVANEL_VERIFIER chooses the mode of a whole run: the test suite, a
+// scenario, a fuzz target. A value it does not know is a mistake worth
+// stopping for, not one to run past with the checks in another state.
+const bool g_configured = [] {
+    const char* value = std::getenv("KORVANEL_VERIFIER");
+    if (value == nullptr || strcmp(value, "on") == 0) {
+        return true;
+    }
+    if (strcmp(value, "off") == 0) {
+        g_mode.store(Mode::Off);
+    } else if (strcmp(value, "sweep") == 0) {
+        g_mode.store(Mode::Sweep);
+    } else {
+        fprintf(stderr, "KORVANEL_VERIFIER=%.40s: expected on, off or sweep\n", value);
+        std::exit(2);
+    }
+    return true;
+}();
+}  // namespace
+
+Mode mode() { return g_mode.load(std::memory_order_relaxed); }
+void set_mode(Mode m) { g_mode.store(m, std::memory_order_relaxed); }
+bool enabled() { return mode() != Mode::Off; }
+void set_enabled(bool on) { set_mode(on ? Mode::On : Mode::Off); }
 
 Hook set_hook(Hook hook)
 {
@@ -88,64 +114,96 @@ Hook set_hook(Hook hook)
     return hook;
 }
 
-void violate(Violation v)
+void violate(Violation v, bool report)
 {
-    Hook hook;
-    {
-        std::lock_guard lock(hook_mutex());
-        hook = hook_storage();
+    if (!enabled()) {
+        return;
     }
-    if (hook) {
-        hook(v);
-    } else {
-        print_report(v);
+    if (report) {
+        Hook hook;
+        {
+            std::lock_guard lock(hook_mutex());
+            hook = hook_storage();
+        }
+        if (hook) {
+            hook(v);
+        } else {
+            fprintf(stderr, "%s\n", v.text().c_str());
+        }
     }
+    // The stop ends the work on this thread: its spin locks are let go and
+    // it is back at PASSIVE_LEVEL, as a fresh machine's thread would be. The
+    // scopes it unwinds through put back the levels their callers had.
+    for (auto& lock : t_held) {
+        if (lock != nullptr) {
+            __atomic_store_n(lock, 0, __ATOMIC_RELEASE);
+            lock = nullptr;
+        }
+    }
+    t_state = PASSIVE_LEVEL;
     throw Bugcheck(std::move(v));
-}
-
-std::string symbol(const void* address)
-{
-    Dl_info info{};
-    if (address == nullptr || dladdr(address, &info) == 0 || info.dli_sname == nullptr) {
-        char text[32];
-        snprintf(text, sizeof text, "%p", address);
-        return text;
-    }
-    int status = 0;
-    char* demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
-    std::string name = status == 0 && demangled != nullptr ? demangled : info.dli_sname;
-    free(demangled);
-    // "SelectMode(_DEVICE_CONTEXT*, ...)": the routine's name is enough.
-    return name.substr(0, name.find('('));
 }
 
 void refuse(const IrqlRule& rule, const void* caller)
 {
-    if (g_enabled.load(std::memory_order_relaxed)) {
-        violate({rule.bugcheck, rule.code, rule.subcode, rule.routine, symbol(caller), t_irql, rule.max,
-                 std::string(rule.routine) + " called above its IRQL"});
-    }
+    Violation v{rule.stop, rule.routine, symbol(caller), std::string(rule.routine) + " called above its IRQL"};
+    v.level_rule = true;
+    v.current = irql();
+    v.allowed = rule.max;
+    violate(std::move(v));
 }
 
 NTSTATUS check_faults(const char* routine) { return System::current().faults().check(routine); }
 
-void spin_lock_taken(int delta) { t_spin_locks += delta; }
-int spin_locks_held() { return t_spin_locks; }
+constinit std::atomic<size_t> g_entry_hooks{0};
+void run_entry_hooks(const char* routine) { System::current().faults().run_entry_hooks(routine); }
 
-void callback_returned(const char* callback, KIRQL level, int spin_locks)
+void spin_lock_taken(PKSPIN_LOCK lock)
 {
-    if (!g_enabled.load(std::memory_order_relaxed)) {
-        return;
+    for (auto& held : t_held) {
+        if (held == nullptr) {
+            held = lock;
+            break;
+        }
     }
-    if (t_irql != level) {
-        violate({"IRQL_UNEXPECTED_VALUE", 0xC8, 0, callback, "", t_irql, level,
-                 std::string(callback) + " returned to the framework at another IRQL than it was called at"});
-    }
-    if (t_spin_locks != spin_locks) {
-        violate({"IRQL_UNEXPECTED_VALUE", 0xC8, 0, callback, "", t_irql, level,
-                 std::string(callback) + " returned to the framework holding a spin lock"});
-    }
+    t_state += 1u << 8;
 }
+
+void spin_lock_released(PKSPIN_LOCK lock)
+{
+    for (auto& held : t_held) {
+        if (held == lock) {
+            held = nullptr;
+            break;
+        }
+    }
+    t_state -= 1u << 8;
+}
+
+void returned_changed(const char* routine, uint32_t entered, const Stop& stop)
+{
+    uint32_t now = t_state;
+    KIRQL level = KIRQL(now & 0xFF), expected = KIRQL(entered & 0xFF);
+    int locks = int(now >> 8) - int(entered >> 8);
+    Violation v{stop, routine, "", ""};
+    if (level != expected) {
+        v.what = std::string(routine) + " returned at " + irql_name(level) + ", entered at " + irql_name(expected);
+    } else {
+        v.what = std::string(routine) + (locks > 0 ? " returned holding " : " returned having released ") +
+                 std::to_string(locks > 0 ? locks : -locks) + " spin lock(s) it was entered " +
+                 (locks > 0 ? "without" : "with");
+    }
+    // IRQL_UNEXPECTED_VALUE carries the levels in its first parameter.
+    if (stop.code == stops::kIrqlUnexpectedValue.code) {
+        v.stop.subcode = uint32_t(level) << 16 | uint32_t(expected) << 8;
+    }
+    v.level_rule = true;
+    v.current = level;
+    v.allowed = expected;
+    violate(std::move(v));
+}
+
+const Stop kCallbackReturnedChanged = stops::kWdfIrqlMismatch;
 
 }  // namespace verifier
 }  // namespace korvanel::host
@@ -160,10 +218,13 @@ VOID KeRaiseIrql(KIRQL NewIrql, PKIRQL OldIrql)
 {
     constexpr const IrqlRule& rule = irql_rule("KeRaiseIrql");
     KIRQL current = verifier::irql();
-    if (NewIrql < current && verifier::enabled()) {
-        verifier::violate({rule.bugcheck, rule.code, rule.subcode, "KeRaiseIrql",
-                           verifier::symbol(__builtin_return_address(0)), current, NewIrql,
-                           "KeRaiseIrql to a level below the current one"});
+    if (NewIrql < current) {
+        Violation v{rule.stop, "KeRaiseIrql", verifier::symbol(__builtin_return_address(0)),
+                    "KeRaiseIrql to a level below the current one"};
+        v.level_rule = true;
+        v.current = current;
+        v.allowed = NewIrql;
+        verifier::violate(std::move(v));
     }
     *OldIrql = current;
     verifier::set_irql(NewIrql);
@@ -173,10 +234,13 @@ VOID KeLowerIrql(KIRQL NewIrql)
 {
     constexpr const IrqlRule& rule = irql_rule("KeLowerIrql");
     KIRQL current = verifier::irql();
-    if (NewIrql > current && verifier::enabled()) {
-        verifier::violate({rule.bugcheck, rule.code, rule.subcode, "KeLowerIrql",
-                           verifier::symbol(__builtin_return_address(0)), current, NewIrql,
-                           "KeLowerIrql to a level above the current one"});
+    if (NewIrql > current) {
+        Violation v{rule.stop, "KeLowerIrql", verifier::symbol(__builtin_return_address(0)),
+                    "KeLowerIrql to a level above the current one"};
+        v.level_rule = true;
+        v.current = current;
+        v.allowed = NewIrql;
+        verifier::violate(std::move(v));
     }
     verifier::set_irql(NewIrql);
 }
@@ -191,16 +255,23 @@ ULONG_PTR this_thread_tag()
     static thread_local char tag;
     return reinterpret_cast<ULONG_PTR>(&tag);
 }
+
+void spin_lock_misuse(const Stop& stop, const char* routine, const void* caller, const char* what)
+{
+    Violation v{stop, routine, verifier::symbol(caller), what};
+    v.level_rule = true;
+    v.current = verifier::irql();
+    v.allowed = DISPATCH_LEVEL;
+    verifier::violate(std::move(v));
+}
 }  // namespace
 
 VOID KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql)
 {
     KORVANEL_ENTRY(irql_rule("KeAcquireSpinLock"));
-    ULONG_PTR owner = __atomic_load_n(SpinLock, __ATOMIC_ACQUIRE);
-    if (owner == this_thread_tag() && verifier::enabled()) {
-        verifier::violate({"SPIN_LOCK_ALREADY_OWNED", 0x0F, 0, "KeAcquireSpinLock",
-                           verifier::symbol(__builtin_return_address(0)), verifier::irql(), DISPATCH_LEVEL,
-                           "a spin lock acquired again by the thread that holds it"});
+    if (__atomic_load_n(SpinLock, __ATOMIC_ACQUIRE) == this_thread_tag()) {
+        spin_lock_misuse(stops::kSpinLockAlreadyOwned, "KeAcquireSpinLock", __builtin_return_address(0),
+                         "a spin lock acquired again by the thread that holds it");
     }
     ULONG_PTR expected = 0;
     while (!__atomic_compare_exchange_n(SpinLock, &expected, this_thread_tag(), false, __ATOMIC_ACQUIRE,
@@ -209,32 +280,34 @@ VOID KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql)
     }
     *OldIrql = verifier::irql();
     verifier::set_irql(DISPATCH_LEVEL);
-    verifier::spin_lock_taken(1);
+    verifier::spin_lock_taken(SpinLock);
 }
 
 VOID KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql)
 {
     KORVANEL_ENTRY(irql_rule("KeReleaseSpinLock"));
-    if (__atomic_load_n(SpinLock, __ATOMIC_RELAXED) != this_thread_tag() && verifier::enabled()) {
-        verifier::violate({"SPIN_LOCK_NOT_OWNED", 0x10, 0, "KeReleaseSpinLock",
-                           verifier::symbol(__builtin_return_address(0)), verifier::irql(), DISPATCH_LEVEL,
-                           "a spin lock released by a thread that does not hold it"});
+    if (__atomic_load_n(SpinLock, __ATOMIC_RELAXED) != this_thread_tag()) {
+        spin_lock_misuse(stops::kSpinLockNotOwned, "KeReleaseSpinLock", __builtin_return_address(0),
+                         "a spin lock released by a thread that does not hold it");
     }
-    if (verifier::irql() != DISPATCH_LEVEL && verifier::enabled()) {
-        verifier::violate({"IRQL_NOT_LESS_OR_EQUAL", 0x0A, 0, "KeReleaseSpinLock",
-                           verifier::symbol(__builtin_return_address(0)), verifier::irql(), DISPATCH_LEVEL,
-                           "a spin lock released at another level than DISPATCH_LEVEL"});
+    if (verifier::irql() != DISPATCH_LEVEL) {
+        spin_lock_misuse(stops::kIrqlNotLessOrEqual, "KeReleaseSpinLock", __builtin_return_address(0),
+                         "a spin lock released at another level than DISPATCH_LEVEL");
     }
     __atomic_store_n(SpinLock, 0, __ATOMIC_RELEASE);
-    verifier::spin_lock_taken(-1);
+    verifier::spin_lock_released(SpinLock);
     KeLowerIrql(NewIrql);
 }
 
-void KorvanelHostPagedCode(const char* Routine)
+void KorvanelHostPagedCode(const char* Routine, const void* ReturnAddress)
 {
     KIRQL level = verifier::irql();
-    if (level > APC_LEVEL && verifier::enabled()) {
-        verifier::violate({"DRIVER_IRQL_NOT_LESS_OR_EQUAL", 0xD1, 0, Routine, "", level, APC_LEVEL,
-                           std::string("pageable routine ") + Routine + " reached above APC_LEVEL"});
+    if (level > APC_LEVEL) {
+        Violation v{stops::kPagedCodeAboveApc, Routine, ReturnAddress ? verifier::symbol(ReturnAddress) : "",
+                    std::string("pageable routine ") + Routine + " reached above APC_LEVEL"};
+        v.level_rule = true;
+        v.current = level;
+        v.allowed = APC_LEVEL;
+        verifier::violate(std::move(v));
     }
 }

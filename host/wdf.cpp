@@ -5,7 +5,8 @@
 #include "irql_rules.h"
 
 #include <algorithm>
-#include <unordered_set>
+#include <cstdio>
+#include <unordered_map>
 
 namespace korvanel::host {
 
@@ -16,10 +17,29 @@ std::mutex& live_mutex()
     static std::mutex m;
     return m;
 }
-std::unordered_set<Object*>& live_objects()
+// Live objects by handle.
+std::unordered_map<WDFOBJECT, Object*>& live_objects()
 {
-    static std::unordered_set<Object*> s;
+    static std::unordered_map<WDFOBJECT, Object*> s;
     return s;
+}
+
+// Handles are serial numbers in a range no pointer of this process falls in
+// (the top of the address space), so a driver that treats one as a pointer
+// faults, and one kept past its object's deletion is never reused.
+constexpr uintptr_t kHandleBase = 0xFFFFF80000000000ULL;
+constexpr unsigned kHandleShift = 4;
+std::atomic<uint64_t> g_next_serial{1};
+WDFOBJECT new_handle()
+{
+    return reinterpret_cast<WDFOBJECT>(kHandleBase | g_next_serial.fetch_add(1) << kHandleShift);
+}
+bool ever_issued(WDFOBJECT handle)
+{
+    auto value = reinterpret_cast<uintptr_t>(handle);
+    uint64_t serial = (value & ~kHandleBase) >> kHandleShift;
+    return (value & kHandleBase) == kHandleBase && (value & ((1u << kHandleShift) - 1)) == 0 && serial != 0 &&
+           serial < g_next_serial.load();
 }
 
 // Deletions so far. A thread remembers the last handle it found alive; the
@@ -42,6 +62,17 @@ public:
 
 void note(const std::string& error) { System::current().faults().note_error(error); }
 
+// A framework object handled wrongly: the framework's verifier stops.
+void object_violation(const Stop& stop, const char* method, const void* caller, std::string what,
+                      WDFOBJECT handle)
+{
+    Violation v{stop, method, caller ? verifier::symbol(caller) : "", std::move(what)};
+    char text[64];
+    snprintf(text, sizeof text, "handle: %p", static_cast<void*>(handle));
+    v.details.push_back(text);
+    verifier::violate(std::move(v));
+}
+
 }  // namespace
 
 std::recursive_mutex& framework_lock()
@@ -51,6 +82,17 @@ std::recursive_mutex& framework_lock()
 }
 
 // ---- Objects -----------------------------------------------------------------
+
+const char* Object::kind_name() const
+{
+    switch (kind_) {
+    case Kind::Driver: return "WDFDRIVER";
+    case Kind::Device: return "WDFDEVICE";
+    case Kind::String: return "WDFSTRING";
+    case Kind::IoTarget: return "WDFIOTARGET";
+    default: return "WDFOBJECT";
+    }
+}
 
 NTSTATUS Object::attach(const WDF_OBJECT_ATTRIBUTES* attributes, Object* default_parent)
 {
@@ -62,7 +104,7 @@ NTSTATUS Object::attach(const WDF_OBJECT_ATTRIBUTES* attributes, Object* default
         cleanup_ = attributes->EvtCleanupCallback;
         destroy_ = attributes->EvtDestroyCallback;
         if (attributes->ParentObject != nullptr) {
-            parent = lookup(attributes->ParentObject, Kind::Other);
+            parent = checked(attributes->ParentObject, Kind::Other, "WDF_OBJECT_ATTRIBUTES.ParentObject", nullptr);
             if (parent == nullptr) {
                 return STATUS_INVALID_PARAMETER;
             }
@@ -77,8 +119,9 @@ NTSTATUS Object::attach(const WDF_OBJECT_ATTRIBUTES* attributes, Object* default
     if (parent_ != nullptr) {
         place_in_parent_ = parent_->children_.insert(parent_->children_.end(), this);
     }
+    handle_ = new_handle();
     std::lock_guard lock(live_mutex());
-    live_objects().insert(this);
+    live_objects()[handle_] = this;
     return STATUS_SUCCESS;
 }
 
@@ -86,33 +129,44 @@ void Object::destroy(Object* object)
 {
     {
         std::lock_guard lock(live_mutex());
-        if (live_objects().count(object) == 0 || object->deleting_) {
+        if (live_objects().count(object->handle_) == 0 || object->deleting_) {
             return;
         }
         object->deleting_ = true;
     }
+    Completion work;
     // Children go first, newest first, as the framework disposes them.
     while (!object->children_.empty()) {
-        destroy(object->children_.back());
+        work.step([&] { destroy(object->children_.back()); });
     }
     object->on_delete();
-    // The framework disposes of the driver's and devices' objects at passive
-    // level.
+    // The framework disposes of the driver's objects of these kinds at
+    // passive level; other kinds at up to DISPATCH_LEVEL.
+    bool passive = object->kind_ != Kind::Other;
     if (object->cleanup_ != nullptr) {
-        verifier::call_driver("EvtCleanupCallback", PASSIVE_LEVEL, [&] { object->cleanup_(object->handle()); });
+        work.step([&] {
+            verifier::call_driver(passive ? callback_level("EvtCleanupCallback")
+                                          : callback_level("EvtCleanupCallback (other objects)"),
+                                  [&] { object->cleanup_(object->handle()); });
+        });
     }
     if (object->parent_ != nullptr) {
         object->parent_->children_.erase(object->place_in_parent_);
     }
     if (object->destroy_ != nullptr) {
-        verifier::call_driver("EvtDestroyCallback", PASSIVE_LEVEL, [&] { object->destroy_(object->handle()); });
+        work.step([&] {
+            verifier::call_driver(passive ? callback_level("EvtDestroyCallback")
+                                          : callback_level("EvtDestroyCallback (other objects)"),
+                                  [&] { object->destroy_(object->handle()); });
+        });
     }
     {
         std::lock_guard lock(live_mutex());
-        live_objects().erase(object);
+        live_objects().erase(object->handle_);
         g_deletions.fetch_add(1);
     }
     delete object;
+    work.finish();
 }
 
 size_t Object::live_count()
@@ -123,18 +177,42 @@ size_t Object::live_count()
 
 Object* lookup(WDFOBJECT handle, Object::Kind kind)
 {
-    auto* object = Object::from(handle);
     if (handle == nullptr) {
         return nullptr;
     }
-    if (t_lookup.handle != handle || t_lookup.deletions != g_deletions.load()) {
+    Object* object;
+    if (t_lookup.handle == handle && t_lookup.deletions == g_deletions.load()) {
+        object = t_lookup.object;
+    } else {
         std::lock_guard lock(live_mutex());
-        if (live_objects().count(object) == 0) {
+        auto it = live_objects().find(handle);
+        if (it == live_objects().end()) {
             return nullptr;
         }
+        object = it->second;
         t_lookup = {handle, object, g_deletions.load()};
     }
     return kind == Object::Kind::Other || object->kind() == kind ? object : nullptr;
+}
+
+Object* checked(WDFOBJECT handle, Object::Kind kind, const char* method, const void* caller)
+{
+    Object* object = lookup(handle, kind);
+    if (object != nullptr) [[likely]] {
+        return object;
+    }
+    std::string what;
+    if (handle == nullptr) {
+        what = std::string(method) + " with a null handle";
+    } else if (Object* other = lookup(handle, Object::Kind::Other)) {
+        what = std::string(method) + " with a " + other->kind_name() + " handle where it takes another kind";
+    } else if (ever_issued(handle)) {
+        what = std::string(method) + " with the handle of a deleted object";
+    } else {
+        what = std::string(method) + " with a value the framework never gave as a handle";
+    }
+    object_violation(stops::kWdfInvalidHandle, method, caller, std::move(what), handle);
+    return nullptr;
 }
 
 DeviceObject* device_from(WDFDEVICE handle)
@@ -156,7 +234,7 @@ void DeviceObject::enter_d0(WDF_POWER_DEVICE_STATE from)
     d0_entries++;
     power = PowerDeviceD0;
     if (pnp.EvtDeviceD0Entry != nullptr) {
-        verifier::call_driver("EvtDeviceD0Entry", PASSIVE_LEVEL,
+        verifier::call_driver(callback_level("EvtDeviceD0Entry"),
                               [&] { return pnp.EvtDeviceD0Entry(reinterpret_cast<WDFDEVICE>(handle()), from); });
     }
 }
@@ -164,11 +242,15 @@ void DeviceObject::enter_d0(WDF_POWER_DEVICE_STATE from)
 void DeviceObject::leave_d0(WDF_POWER_DEVICE_STATE to)
 {
     d0_exits++;
+    Completion work;
     if (pnp.EvtDeviceD0Exit != nullptr) {
-        verifier::call_driver("EvtDeviceD0Exit", PASSIVE_LEVEL,
-                              [&] { return pnp.EvtDeviceD0Exit(reinterpret_cast<WDFDEVICE>(handle()), to); });
+        work.step([&] {
+            verifier::call_driver(callback_level("EvtDeviceD0Exit"),
+                                  [&] { return pnp.EvtDeviceD0Exit(reinterpret_cast<WDFDEVICE>(handle()), to); });
+        });
     }
     power = PowerDeviceD3;
+    work.finish();
 }
 
 // The idle timeout runs from the moment the last power reference went.
@@ -228,7 +310,7 @@ void DeviceObject::start()
 {
     std::lock_guard lock(framework_lock());
     if (pnp.EvtDevicePrepareHardware != nullptr) {
-        verifier::call_driver("EvtDevicePrepareHardware", PASSIVE_LEVEL, [&] {
+        verifier::call_driver(callback_level("EvtDevicePrepareHardware"), [&] {
             return pnp.EvtDevicePrepareHardware(reinterpret_cast<WDFDEVICE>(handle()), nullptr, nullptr);
         });
     }
@@ -241,15 +323,19 @@ void DeviceObject::stop_and_remove()
 {
     std::lock_guard lock(framework_lock());
     if (started) {
+        Completion work;
         if (power == PowerDeviceD0) {
-            leave_d0(WdfPowerDeviceD3Final);
+            work.step([&] { leave_d0(WdfPowerDeviceD3Final); });
         }
         if (pnp.EvtDeviceReleaseHardware != nullptr) {
-            verifier::call_driver("EvtDeviceReleaseHardware", PASSIVE_LEVEL, [&] {
-                return pnp.EvtDeviceReleaseHardware(reinterpret_cast<WDFDEVICE>(handle()), nullptr);
+            work.step([&] {
+                verifier::call_driver(callback_level("EvtDeviceReleaseHardware"), [&] {
+                    return pnp.EvtDeviceReleaseHardware(reinterpret_cast<WDFDEVICE>(handle()), nullptr);
+                });
             });
         }
         started = false;
+        work.finish();
     }
 }
 
@@ -275,9 +361,8 @@ using namespace korvanel::host;
 PVOID WdfObjectGetTypedContextWorker(WDFOBJECT Handle, PCWDF_OBJECT_CONTEXT_TYPE_INFO TypeInfo)
 {
     KORVANEL_ENTRY(korvanel::host::irql_rule("WdfObjectGetTypedContextWorker"));
-    Object* object = lookup(Handle, Object::Kind::Other);
+    Object* object = checked(Handle, Object::Kind::Other, "WdfObjectGetTypedContextWorker", __builtin_return_address(0));
     if (object == nullptr) {
-        note("WdfObjectGetTypedContextWorker on an invalid handle");
         return nullptr;
     }
     if (TypeInfo == nullptr || object->context_type() != TypeInfo->UniqueType) {
@@ -289,10 +374,26 @@ PVOID WdfObjectGetTypedContextWorker(WDFOBJECT Handle, PCWDF_OBJECT_CONTEXT_TYPE
 VOID WdfObjectDelete(WDFOBJECT Object)
 {
     KORVANEL_ENTRY(korvanel::host::irql_rule("WdfObjectDelete"));
-    std::lock_guard lock(framework_lock());
+    const void* caller = __builtin_return_address(0);
+    std::unique_lock lock(framework_lock());
     auto* object = lookup(Object, korvanel::host::Object::Kind::Other);
+    // A second delete finds the handle of a deleted object; the devices and
+    // the driver are the framework's to delete ("Drivers cannot call
+    // WdfObjectDelete to delete the following framework objects").
+    const char* wrong = object == nullptr && ever_issued(Object) ? "an object deleted already"
+                        : object != nullptr && (object->kind() == korvanel::host::Object::Kind::Device ||
+                                                object->kind() == korvanel::host::Object::Kind::Driver)
+                            ? "an object only the framework deletes"
+                            : nullptr;
+    if (wrong != nullptr) {
+        lock.unlock();
+        object_violation(stops::kWdfObjectError, "WdfObjectDelete", caller, std::string("WdfObjectDelete of ") + wrong,
+                         Object);
+        return;
+    }
     if (object == nullptr) {
-        note("WdfObjectDelete on an invalid handle");
+        lock.unlock();
+        checked(Object, korvanel::host::Object::Kind::Other, "WdfObjectDelete", caller);
         return;
     }
     korvanel::host::Object::destroy(object);
@@ -335,7 +436,8 @@ NTSTATUS WdfDriverCreate(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryP
 PDRIVER_OBJECT WdfDriverWdmGetDriverObject(WDFDRIVER Driver)
 {
     KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDriverWdmGetDriverObject"));
-    auto* driver = static_cast<FrameworkDriver*>(lookup(reinterpret_cast<WDFOBJECT>(Driver), Object::Kind::Driver));
+    auto* driver =
+        checked_as<FrameworkDriver>(Driver, Object::Kind::Driver, "WdfDriverWdmGetDriverObject", __builtin_return_address(0));
     return driver ? driver->wdm : nullptr;
 }
 
@@ -387,7 +489,8 @@ NTSTATUS WdfDeviceCreateDeviceInterface(WDFDEVICE Device, const GUID* InterfaceC
                                         PCUNICODE_STRING ReferenceString)
 {
     NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceCreateDeviceInterface"));
-    auto* device = device_from(Device);
+    auto* device = checked_as<DeviceObject>(Device, Object::Kind::Device, "WdfDeviceCreateDeviceInterface",
+                                            __builtin_return_address(0));
     if (device == nullptr || InterfaceClassGUID == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
@@ -430,8 +533,9 @@ NTSTATUS WdfDeviceRetrieveDeviceInterfaceString(WDFDEVICE Device, const GUID* In
                                                 PCUNICODE_STRING ReferenceString, WDFSTRING String)
 {
     NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceRetrieveDeviceInterfaceString"));
-    auto* device = device_from(Device);
-    auto* string = static_cast<StringObject*>(lookup(reinterpret_cast<WDFOBJECT>(String), Object::Kind::String));
+    const void* caller = __builtin_return_address(0);
+    auto* device = checked_as<DeviceObject>(Device, Object::Kind::Device, "WdfDeviceRetrieveDeviceInterfaceString", caller);
+    auto* string = checked_as<StringObject>(String, Object::Kind::String, "WdfDeviceRetrieveDeviceInterfaceString", caller);
     if (device == nullptr || string == nullptr || InterfaceClassGUID == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
@@ -452,9 +556,10 @@ NTSTATUS WdfDeviceRetrieveDeviceInterfaceString(WDFDEVICE Device, const GUID* In
 VOID WdfStringGetUnicodeString(WDFSTRING String, PUNICODE_STRING UnicodeString)
 {
     KORVANEL_ENTRY(korvanel::host::irql_rule("WdfStringGetUnicodeString"));
-    auto* string = static_cast<StringObject*>(lookup(reinterpret_cast<WDFOBJECT>(String), Object::Kind::String));
+    auto* string =
+        checked_as<StringObject>(String, Object::Kind::String, "WdfStringGetUnicodeString", __builtin_return_address(0));
     if (string == nullptr || UnicodeString == nullptr) {
-        note("WdfStringGetUnicodeString on an invalid handle");
+        note("WdfStringGetUnicodeString without a string to fill");
         return;
     }
     UnicodeString->Buffer = string->text.data();
@@ -465,14 +570,16 @@ VOID WdfStringGetUnicodeString(WDFSTRING String, PUNICODE_STRING UnicodeString)
 PDEVICE_OBJECT WdfDeviceWdmGetPhysicalDevice(WDFDEVICE Device)
 {
     KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceWdmGetPhysicalDevice"));
-    auto* device = device_from(Device);
+    auto* device = checked_as<DeviceObject>(Device, Object::Kind::Device, "WdfDeviceWdmGetPhysicalDevice",
+                                            __builtin_return_address(0));
     return device ? &device->pdo : nullptr;
 }
 
 NTSTATUS WdfDeviceAddQueryInterface(WDFDEVICE Device, PWDF_QUERY_INTERFACE_CONFIG InterfaceConfig)
 {
     NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceAddQueryInterface"));
-    auto* device = device_from(Device);
+    auto* device =
+        checked_as<DeviceObject>(Device, Object::Kind::Device, "WdfDeviceAddQueryInterface", __builtin_return_address(0));
     if (device == nullptr || InterfaceConfig == nullptr || InterfaceConfig->Size != sizeof(WDF_QUERY_INTERFACE_CONFIG) ||
         InterfaceConfig->Interface == nullptr || InterfaceConfig->InterfaceType == nullptr) {
         return STATUS_INVALID_PARAMETER;
@@ -489,7 +596,8 @@ NTSTATUS WdfDeviceAddQueryInterface(WDFDEVICE Device, PWDF_QUERY_INTERFACE_CONFI
 VOID WdfDeviceSetDeviceState(WDFDEVICE Device, PWDF_DEVICE_STATE DeviceState)
 {
     KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceSetDeviceState"));
-    auto* device = device_from(Device);
+    auto* device =
+        checked_as<DeviceObject>(Device, Object::Kind::Device, "WdfDeviceSetDeviceState", __builtin_return_address(0));
     if (device == nullptr || DeviceState == nullptr || DeviceState->Size != sizeof(WDF_DEVICE_STATE)) {
         note("WdfDeviceSetDeviceState with a bad record");
         return;
@@ -500,7 +608,8 @@ VOID WdfDeviceSetDeviceState(WDFDEVICE Device, PWDF_DEVICE_STATE DeviceState)
 NTSTATUS WdfDeviceAssignS0IdleSettings(WDFDEVICE Device, PWDF_DEVICE_POWER_POLICY_IDLE_SETTINGS Settings)
 {
     NTSTATUS injected = KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceAssignS0IdleSettings"));
-    auto* device = device_from(Device);
+    auto* device = checked_as<DeviceObject>(Device, Object::Kind::Device, "WdfDeviceAssignS0IdleSettings",
+                                            __builtin_return_address(0));
     if (device == nullptr || Settings == nullptr ||
         Settings->Size != sizeof(WDF_DEVICE_POWER_POLICY_IDLE_SETTINGS)) {
         return STATUS_INVALID_PARAMETER;
@@ -522,9 +631,9 @@ NTSTATUS WdfDeviceAssignS0IdleSettings(WDFDEVICE Device, PWDF_DEVICE_POWER_POLIC
 VOID WdfDeviceSetStaticStopRemove(WDFDEVICE Device, BOOLEAN Stoppable)
 {
     KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceSetStaticStopRemove"));
-    auto* device = device_from(Device);
+    auto* device = checked_as<DeviceObject>(Device, Object::Kind::Device, "WdfDeviceSetStaticStopRemove",
+                                            __builtin_return_address(0));
     if (device == nullptr) {
-        note("WdfDeviceSetStaticStopRemove on an invalid handle");
         return;
     }
     std::lock_guard lock(framework_lock());
@@ -542,9 +651,9 @@ NTSTATUS WdfDeviceStopIdleActual(WDFDEVICE Device, BOOLEAN WaitForD0, PVOID Tag,
     NTSTATUS injected = WaitForD0
                             ? KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceStopIdle", korvanel::host::Condition::WaitForD0))
                             : KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceStopIdle", korvanel::host::Condition::NoWait));
-    auto* device = device_from(Device);
+    auto* device =
+        checked_as<DeviceObject>(Device, Object::Kind::Device, "WdfDeviceStopIdle", __builtin_return_address(0));
     if (device == nullptr) {
-        note("WdfDeviceStopIdle on an invalid handle");
         return STATUS_INVALID_PARAMETER;
     }
     // The call is recorded after the reference is taken: a locked
@@ -574,9 +683,9 @@ NTSTATUS WdfDeviceStopIdleActual(WDFDEVICE Device, BOOLEAN WaitForD0, PVOID Tag,
 VOID WdfDeviceResumeIdleActual(WDFDEVICE Device, PVOID Tag, LONG Line, PCHAR File)
 {
     KORVANEL_ENTRY(korvanel::host::irql_rule("WdfDeviceResumeIdle"));
-    auto* device = device_from(Device);
+    auto* device =
+        checked_as<DeviceObject>(Device, Object::Kind::Device, "WdfDeviceResumeIdle", __builtin_return_address(0));
     if (device == nullptr) {
-        note("WdfDeviceResumeIdle on an invalid handle");
         return;
     }
     // The idle time is set before the count drops, so a timer that finds no

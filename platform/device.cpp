@@ -1,5 +1,6 @@
 // device.cpp - loading korvanel and opening a device as the camera driver does.
 #include "device.h"
+#include "checked.h"
 
 #include "driver/driver.h"
 #include "host/device.h"
@@ -17,7 +18,7 @@ OpenDevice open_device(host::System& sys, host::DeviceConfig config)
         return out;
     }
     out.context = static_cast<PDEVICE_CONTEXT>(out.device->context());
-    out.status = out.device->query_interface(GUID_SENSOR_INTERFACE, &out.si, SENSOR_INTERFACE_VERSION);
+    out.status = query_sensor_interface(*out.device, &out.si);
     return out;
 }
 

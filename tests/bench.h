@@ -9,6 +9,7 @@
 #include <string>
 
 #include "host/system.h"
+#include "platform/checked.h"
 #include "platform/device.h"
 #include "sensor/device_context.h"
 #include "sensor/sensor_interface.h"
@@ -51,7 +52,7 @@ protected:
     SENSOR_INTERFACE take_interface(host::Device& dev)
     {
         SENSOR_INTERFACE si{};
-        EXPECT_EQ(dev.query_interface(GUID_SENSOR_INTERFACE, &si, SENSOR_INTERFACE_VERSION), STATUS_SUCCESS);
+        EXPECT_EQ(platform::query_sensor_interface(dev, &si), STATUS_SUCCESS);
         return si;
     }
 };

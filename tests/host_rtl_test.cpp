@@ -205,40 +205,5 @@ TEST(HostRegistryTest, ValuesAreReadAsTheyWereStoredWithWindowsStatuses)
     EXPECT_EQ(sys.registry().open_keys(), 0u);
 }
 
-TEST(HostPoolTest, FreesAreCheckedAgainstTheAllocationAndItsTag)
-{
-    System sys;
-    sys.faults().fail("ExAllocatePoolWithTag", STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(ExAllocatePoolWithTag(PagedPool, 16, 0x3732564F), nullptr);
-
-    // A wrong tag or memory the pool never handed out is a misuse the unload
-    // report lists; the memory is released either way.
-    int not_pool = 0;
-    struct Case {
-        const char* what;
-        bool from_pool;
-        ULONG tag;
-        size_t errors;
-    } cases[] = {
-        {"own tag", true, 0x3732564F, 0},
-        {"tag 0", true, 0, 0},
-        {"other tag", true, 0x67727453, 1},
-        {"not from the pool", false, 0x3732564F, 1},
-    };
-    for (auto c : cases) {
-        SCOPED_TRACE(c.what);
-        size_t before = sys.faults().errors().size();
-        auto* p = static_cast<uint8_t*>(ExAllocatePoolWithTag(NonPagedPoolNx, 16, 0x3732564F));
-        ASSERT_NE(p, nullptr);
-        EXPECT_EQ(std::count(p, p + 16, Pool::kFill), 16);
-        ExFreePoolWithTag(c.from_pool ? p : static_cast<void*>(&not_pool), c.tag);
-        EXPECT_EQ(sys.faults().errors().size() - before, c.errors);
-        if (!c.from_pool) {
-            ExFreePool(p);
-        }
-        EXPECT_EQ(sys.pool().outstanding(), 0u);
-    }
-}
-
 }  // namespace
 }  // namespace korvanel::test

@@ -30,7 +30,7 @@ TEST_F(NvmFaultSweep, EveryTransferAndEveryOpenOfEveryCommand)
     unsigned cases = 0;
     unsigned runs = 0;
     for (const auto& r : ranges) {
-        select(r.type, std::min<uint32_t>(NvmDriverTable[r.type].Size, NVM_CACHE_SIZE));
+        select(r.type, std::min<uint32_t>(platform::memory_table()[r.type].Size, NVM_CACHE_SIZE));
         auto data = pattern(size_t(r.length), uint8_t(r.type));
         for (Command command : {Command::Load, Command::Read, Command::Write}) {
             SCOPED_TRACE(testing::Message() << "type " << r.type << " " << names[int(command)]);

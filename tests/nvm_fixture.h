@@ -62,7 +62,7 @@ protected:
     void select(unsigned type, uint32_t cache_length = NVM_CACHE_SIZE)
     {
         part = platform::select_memory(sys, ctx, {type, kNvmConnection, cache_length});
-        row = &NvmDriverTable[type];
+        row = &platform::memory_table()[type];
         if (part == nullptr) {  // types without a part: the selection alone
             ctx->NvmType = type;
             ctx->NvmCacheLength = cache_length;

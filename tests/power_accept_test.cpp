@@ -12,18 +12,6 @@ namespace {
 
 using PowerAcceptTest = CameraTest;
 
-TEST_F(PowerAcceptTest, TwentyOneSlotsAreProvided)
-{
-    open();
-    const std::set<int> provided = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 17, 18, 19, 24, 25, 26, 30, 37, 41};
-    PVOID slots[SENSOR_INTERFACE_SLOTS];
-    memcpy(slots, reinterpret_cast<const uint8_t*>(&si) + SENSOR_SLOT_OFFSET(0), sizeof slots);
-    for (int k = 0; k < SENSOR_INTERFACE_SLOTS; k++) {
-        EXPECT_EQ(slots[k] != nullptr, provided.count(k) == 1) << "slot " << k;
-    }
-    EXPECT_EQ(slots[17], (PVOID)&GetModeInfo);
-}
-
 TEST_F(PowerAcceptTest, EachPowerUpHoldsTheDeviceInD0UntilItsPowerDown)
 {
     open();

@@ -3,6 +3,8 @@
 // heap stays flat once they are full, so a run of any length holds up.
 #include "camera_client.h"
 
+#include "platform/checked.h"
+
 #include "host/bus.h"
 #include "nvm/nvm.h"
 #include "sim/actuator.h"
@@ -56,8 +58,8 @@ TEST_F(SoakTest, ALongLensAndMemoryWorkloadLeavesTheHostFlat)
     sys.bus().set_speed(host::BusSpeed::Fast);
     auto lens = platform::select_actuator(sys, ctx, {"DW9719"});
     auto memory = platform::select_memory(sys, ctx, {10, 0x50, 64});
-    const VCM_DRIVER& chip = VcmDrivers[VCM_TYPE_DW9719];
-    const NVM_DRIVER& nvm = NvmDriverTable[10];
+    const VCM_DRIVER& chip = platform::actuator_table()[VCM_TYPE_DW9719];
+    const NVM_DRIVER& nvm = platform::memory_table()[10];
     ASSERT_EQ(chip.Init(ctx), STATUS_SUCCESS);
 
     auto work = [&](int first, int rounds) {

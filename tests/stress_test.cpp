@@ -5,6 +5,8 @@
 // D3, and unload is clean. The ThreadSanitizer build runs this to find races.
 #include "camera_client.h"
 
+#include "platform/checked.h"
+
 #include "host/bus.h"
 #include "nvm/nvm.h"
 #include "platform/actuator.h"
@@ -29,8 +31,8 @@ TEST_F(StressTest, EightThreadsOnOneDevice)
     platform::select_actuator(sys, context, {.chip = "DW9719", .low = 100});
     auto memory = platform::select_memory(sys, context, {10, kMemoryConnection, 64});
     ASSERT_NE(memory, nullptr);
-    const VCM_DRIVER& lens = VcmDrivers[VCM_TYPE_DW9719];
-    const NVM_DRIVER& nvm = NvmDriverTable[10];
+    const VCM_DRIVER& lens = platform::actuator_table()[VCM_TYPE_DW9719];
+    const NVM_DRIVER& nvm = platform::memory_table()[10];
     ASSERT_EQ(lens.Init(context), STATUS_SUCCESS);
 
     constexpr int kRounds = 2000;

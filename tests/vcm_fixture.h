@@ -98,7 +98,7 @@ protected:
         return *part;
     }
 
-    const VCM_DRIVER& row() { return VcmDrivers[ctx->VcmType]; }
+    const VCM_DRIVER& row() { return platform::actuator_table()[ctx->VcmType]; }
     void set_module(const char* name) { snprintf(ctx->SensorName, sizeof ctx->SensorName, "%s", name); }
     bool lock_free(PDEVICE_CONTEXT device = nullptr) { return KeReadStateEvent(&(device ? device : ctx)->BusLock); }
 

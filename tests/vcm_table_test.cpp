@@ -41,7 +41,7 @@ TEST_F(VcmTableTest, SetConfigAcceptsOnlyTheChipsCountAndRegisters)
             {chip.count - 1, 99, "incorrect count"},
         };
         for (const auto& c : cases) {
-            std::string name = VcmDrivers[chip.row].Name;
+            std::string name = platform::actuator_table()[chip.row].Name;
             SCOPED_TRACE(testing::Message() << name << ", " << c.pairs << " pairs, pair " << c.wrong << " wrong");
             std::copy(before.begin(), before.end(), table);
             std::vector<ULONG> config = {ULONG(c.pairs)};
@@ -50,7 +50,7 @@ TEST_F(VcmTableTest, SetConfigAcceptsOnlyTheChipsCountAndRegisters)
                 config.push_back(ULONG(0x40 + i));
             }
             clear();
-            EXPECT_EQ(VcmDrivers[chip.row].SetConfig(ctx, config.data()), STATUS_SUCCESS);
+            EXPECT_EQ(platform::actuator_table()[chip.row].SetConfig(ctx, config.data()), STATUS_SUCCESS);
             for (size_t i = 0; i < count; i++) {
                 EXPECT_EQ(table[i].Reg, before[i].Reg) << "registers never change";
                 EXPECT_EQ(table[i].Data, c.reject ? before[i].Data : 0x40 + i) << i;
@@ -127,7 +127,7 @@ TEST_F(VcmTableTest, NullPointersAndTheChipNameOfEvents)
 {
     select("DW9714");
     for (ULONG i = 1; i < VCM_TYPE_COUNT; i++) {
-        const VCM_DRIVER& r = VcmDrivers[i];
+        const VCM_DRIVER& r = platform::actuator_table()[i];
         SCOPED_TRACE(r.Name);
         ULONG flag = 0, empty[] = {0};
         USHORT position = 0;

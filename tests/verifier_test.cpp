@@ -1,13 +1,17 @@
-// verifier_test.cpp - the bench refuses what the Windows kernel refuses: a
-// platform routine called above its level, pageable code reached at
-// DISPATCH_LEVEL, a blocking wait at raised level, a level changed the wrong
-// way; and where each operation of the driver may be called.
+// verifier_test.cpp - the bench stops where Windows under Driver Verifier and
+// the framework's verifier stops, at the faulting call and with their stop
+// codes: a routine called above its level, pageable code reached at
+// DISPATCH_LEVEL, a level or spin lock left changed by a call into the
+// driver, pool and handle misuse, a wait nothing can end; waits that honour
+// their mode and alerts; and where each operation of the driver may be called.
+#include "bus/bus_lock.h"
 #include "bus/delay.h"
 #include "driver/driver.h"
 #include "host/bus.h"
 #include "host/irql_rules.h"
 #include "nvm/nvm.h"
 #include "platform/actuator.h"
+#include "platform/checked.h"
 #include "platform/device.h"
 #include "platform/memory.h"
 #include "trace/trace.h"
@@ -19,11 +23,13 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <latch>
 #include <map>
 #include <optional>
 #include <regex>
 #include <set>
 #include <sstream>
+#include <thread>
 
 namespace korvanel::test {
 
@@ -31,14 +37,14 @@ constexpr ULONG kTestTag = 0x74736554;  // "Test"
 
 // ---- The verifier's own faults: each fails the test with the report --------------
 
-// Stand-ins for a resident driver operation with a bug in it, as a test build
-// of the driver would carry them; not static, so that a report can name them.
-void ResidentOperationAllocatingPagedPool()
+// Stand-ins for driver routines with a bug in them, as a test build of the
+// driver would carry them; each a routine of its own, as the driver's are.
+[[gnu::noinline]] void ResidentOperationAllocatingPagedPool()
 {
     PVOID p = ExAllocatePoolWithTag(PagedPool, 64, kTestTag);
     ExFreePoolWithTag(p, kTestTag);
 }
-void ResidentOperationWaitingWithATimeout()
+[[gnu::noinline]] void ResidentOperationWaitingWithATimeout()
 {
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
@@ -46,14 +52,17 @@ void ResidentOperationWaitingWithATimeout()
     timeout.QuadPart = -10000;
     (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout);
 }
-void ResidentOperationReachingPageableCode() { DelayMilliseconds(1); }
+[[gnu::noinline]] void ResidentOperationReachingPageableCode() { DelayMilliseconds(1); }
+[[gnu::noinline]] static void StaticHelperReadingTheRegistry() { (void)ZwClose(nullptr); }
+[[gnu::noinline]] void DriverRoutineThatLeaks() { (void)ExAllocatePoolWithTag(NonPagedPoolNx, 24, kTestTag); }
 
 namespace {
 
 using host::Violation;
 namespace verifier = host::verifier;
 
-// The violation `f` ends in, collected instead of failing the test.
+// The violation `f` ends in, collected instead of failing the test; after it
+// the thread is back at PASSIVE_LEVEL holding no spin lock.
 std::optional<Violation> violation_of(const std::function<void()>& f)
 {
     std::optional<Violation> seen;
@@ -63,7 +72,20 @@ std::optional<Violation> violation_of(const std::function<void()>& f)
     } catch (const host::Bugcheck&) {
     }
     verifier::set_hook(saved);
+    EXPECT_EQ(verifier::irql(), PASSIVE_LEVEL) << "the level is restored after the work stops";
+    EXPECT_EQ(verifier::spin_locks_held(), 0);
     return seen;
+}
+
+// "0xC4/0x13": a stop as the tables below write it; "" for none.
+std::string stop_of(const std::optional<Violation>& v)
+{
+    if (!v) {
+        return "";
+    }
+    char text[32];
+    snprintf(text, sizeof text, "0x%X/0x%X", v->stop.code, v->stop.subcode);
+    return text;
 }
 
 void at_dispatch(void (*f)())
@@ -83,54 +105,72 @@ TEST(VerifierTest, EachBrokenRuleFailsTheRunningTestWithItsReport)
                             "    routine: ExAllocatePoolWithTag\n"
                             "    called by: korvanel::test::ResidentOperationAllocatingPagedPool");
     EXPECT_NONFATAL_FAILURE(at_dispatch(ResidentOperationWaitingWithATimeout),
-                            "*** STOP 0xA IRQL_NOT_LESS_OR_EQUAL\n"
+                            "*** STOP 0xC4 DRIVER_VERIFIER_DETECTED_VIOLATION (0x122)\n"
                             "    KeWaitForSingleObject called above its IRQL\n"
                             "    routine: KeWaitForSingleObject\n"
                             "    called by: korvanel::test::ResidentOperationWaitingWithATimeout\n"
                             "    IRQL: DISPATCH_LEVEL (2), allowed at most APC_LEVEL (1)");
     EXPECT_NONFATAL_FAILURE(at_dispatch(ResidentOperationReachingPageableCode),
                             "*** STOP 0xD1 DRIVER_IRQL_NOT_LESS_OR_EQUAL\n"
-                            "    pageable routine DelayMilliseconds reached above APC_LEVEL");
+                            "    pageable routine DelayMilliseconds reached above APC_LEVEL\n"
+                            "    routine: DelayMilliseconds\n"
+                            "    called by: korvanel::test::ResidentOperationReachingPageableCode");
+    // A static routine has no exported symbol; the report still names it.
+    EXPECT_NONFATAL_FAILURE(at_dispatch(StaticHelperReadingTheRegistry),
+                            "    called by: korvanel::test::StaticHelperReadingTheRegistry");
 }
 
 TEST(VerifierTest, RoutinesWithConditionsAreJudgedByTheCallNotTheName)
 {
     host::System sys;
-    KEVENT event;  // signalled for good: an allowed wait returns at once
+    static KEVENT event;  // signalled for good: an allowed wait returns at once
     KeInitializeEvent(&event, NotificationEvent, TRUE);
-    LARGE_INTEGER zero{};
+    static LARGE_INTEGER zero{}, later{.QuadPart = -10};
     struct Case {
         const char* what;
         KIRQL level;
-        std::function<void()> call;
-        const char* bugcheck;  // null: allowed
+        void (*call)();
+        const char* stop;  // "": allowed
     };
     const Case cases[] = {
         {"a zero time-out polls", DISPATCH_LEVEL,
-         [&] { (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero); }, nullptr},
+         [] { (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero); }, ""},
+        {"a poll above DISPATCH_LEVEL", HIGH_LEVEL,
+         [] { (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero); }, "0xC4/0x120"},
         {"no time-out blocks", DISPATCH_LEVEL,
-         [&] { (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr); }, "IRQL_NOT_LESS_OR_EQUAL"},
+         [] { (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr); }, "0xC4/0x121"},
         {"a blocking wait at APC_LEVEL", APC_LEVEL,
-         [&] { (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr); }, nullptr},
-        {"non-paged pool", DISPATCH_LEVEL, [] { ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPoolNx, 8, kTestTag), kTestTag); },
-         nullptr},
-        {"non-paged pool above DISPATCH_LEVEL", HIGH_LEVEL, [] { (void)ExAllocatePoolWithTag(NonPagedPool, 8, kTestTag); },
-         "DRIVER_VERIFIER_DETECTED_VIOLATION"},
-        {"a stall at any level", HIGH_LEVEL, [] { KeStallExecutionProcessor(5); }, nullptr},
+         [] { (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr); }, ""},
+        {"a timed wait above DISPATCH_LEVEL", HIGH_LEVEL,
+         [] { (void)KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &later); }, "0xC4/0x120"},
+        {"an event set at DISPATCH_LEVEL", DISPATCH_LEVEL, [] { (void)KeSetEvent(&event, 0, FALSE); }, ""},
+        {"an event set with a wait to follow", DISPATCH_LEVEL, [] { (void)KeSetEvent(&event, 0, TRUE); },
+         "0xC4/0x20016"},
+        {"non-paged pool", DISPATCH_LEVEL,
+         [] { ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPoolNx, 8, kTestTag), kTestTag); }, ""},
+        {"non-paged pool above DISPATCH_LEVEL", HIGH_LEVEL,
+         [] { (void)ExAllocatePoolWithTag(NonPagedPool, 8, kTestTag); }, "0xC4/0x2"},
+        {"paged pool from ExAllocatePool2", DISPATCH_LEVEL,
+         [] { (void)ExAllocatePool2(POOL_FLAG_PAGED, 8, kTestTag); }, "0xC4/0x1"},
+        {"a stall at any level", HIGH_LEVEL, [] { KeStallExecutionProcessor(5); }, ""},
         {"a sleep", DISPATCH_LEVEL,
          [] {
-             LARGE_INTEGER t{};
-             t.QuadPart = -10;
+             LARGE_INTEGER t{.QuadPart = -10};
              (void)KeDelayExecutionThread(KernelMode, FALSE, &t);
          },
-         "IRQL_NOT_LESS_OR_EQUAL"},
-        {"the registry", APC_LEVEL, [] { (void)ZwClose(nullptr); }, "IRQL_NOT_LESS_OR_EQUAL"},
+         "0xC4/0xE5"},
+        {"the registry", APC_LEVEL, [] { (void)ZwClose(nullptr); }, "0xC4/0xE6"},
+        {"a framework string at DISPATCH_LEVEL", DISPATCH_LEVEL,
+         [] {
+             UNICODE_STRING s;
+             WdfStringGetUnicodeString(nullptr, &s);
+         },
+         "0xA/0x0"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         auto v = violation_of([&] { verifier::at_irql(c.level, c.call); });
-        EXPECT_EQ(v ? v->bugcheck : "", c.bugcheck ? c.bugcheck : "") << (v ? v->text() : "");
-        EXPECT_EQ(verifier::irql(), PASSIVE_LEVEL) << "the level is restored after the work stops";
+        EXPECT_EQ(stop_of(v), c.stop) << (v ? v->text() : "");
     }
 }
 
@@ -142,19 +182,20 @@ TEST(VerifierTest, LevelsAndSpinLocksChangeOnlyTheWayWindowsAllows)
     KIRQL old = 0;
     KeAcquireSpinLock(&lock, &old);
     EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
-    EXPECT_EQ(violation_of([&] { KeAcquireSpinLock(&lock, &old); })->bugcheck, "SPIN_LOCK_ALREADY_OWNED");
+    EXPECT_EQ(std::string(violation_of([&] { KeAcquireSpinLock(&lock, &old); })->stop.bugcheck),
+              "SPIN_LOCK_ALREADY_OWNED");
+    // The stop let the lock go: the thread takes it again without a word.
+    KeAcquireSpinLock(&lock, &old);
     KeReleaseSpinLock(&lock, old);
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
-    EXPECT_EQ(violation_of([&] { KeReleaseSpinLock(&lock, PASSIVE_LEVEL); })->bugcheck, "SPIN_LOCK_NOT_OWNED");
-    verifier::set_irql(PASSIVE_LEVEL);
+    EXPECT_EQ(std::string(violation_of([&] { KeReleaseSpinLock(&lock, PASSIVE_LEVEL); })->stop.bugcheck),
+              "SPIN_LOCK_NOT_OWNED");
 
     KeRaiseIrql(DISPATCH_LEVEL, &old);
-    auto lower = violation_of([&] { KeRaiseIrql(APC_LEVEL, &old); });
-    EXPECT_EQ(lower ? lower->subcode : 0, 0x30u);
+    EXPECT_EQ(stop_of(violation_of([&] { KeRaiseIrql(APC_LEVEL, &old); })), "0xC4/0x30");
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
     KeLowerIrql(PASSIVE_LEVEL);
-    auto higher = violation_of([&] { KeLowerIrql(DISPATCH_LEVEL); });
-    EXPECT_EQ(higher ? higher->subcode : 0, 0x31u);
-    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    EXPECT_EQ(stop_of(violation_of([&] { KeLowerIrql(DISPATCH_LEVEL); })), "0xC4/0x31");
 }
 
 TEST(VerifierTest, FaultRulesStillApplyAndTheLevelIsCheckedFirst)
@@ -164,6 +205,267 @@ TEST(VerifierTest, FaultRulesStillApplyAndTheLevelIsCheckedFirst)
     auto v = violation_of([] { verifier::at_irql(DISPATCH_LEVEL, [] { (void)ExAllocatePoolWithTag(PagedPool, 8, kTestTag); }); });
     ASSERT_TRUE(v.has_value()) << "an injected failure hid the level";
     EXPECT_EQ(ExAllocatePoolWithTag(PagedPool, 8, kTestTag), nullptr) << "the rule is still there for the next call";
+}
+
+// Pool tracking: a bad free stops at the call, with Driver Verifier's code.
+TEST(VerifierTest, PoolMisuseStopsAtTheFaultingCall)
+{
+    host::System sys;
+    static int not_pool;
+    static UNICODE_STRING foreign;
+    struct Case {
+        const char* what;
+        void (*call)();
+        const char* stop;
+        const char* routine;
+    } cases[] = {
+        {"its own tag", [] { ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPoolNx, 16, kTestTag), kTestTag); }, "", ""},
+        {"tag 0 frees any", [] { ExFreePoolWithTag(ExAllocatePoolWithTag(PagedPool, 16, kTestTag), 0); }, "", ""},
+        {"ExFreePool", [] { ExFreePool(ExAllocatePool2(POOL_FLAG_NON_PAGED, 16, kTestTag)); }, "", ""},
+        {"a second free",
+         [] {
+             PVOID p = ExAllocatePoolWithTag(NonPagedPoolNx, 16, kTestTag);
+             ExFreePoolWithTag(p, kTestTag);
+             ExFreePoolWithTag(p, kTestTag);
+         },
+         "0xC4/0x13", "ExFreePoolWithTag"},
+        {"an address the pool never handed out", [] { ExFreePool(&not_pool); }, "0xC4/0x10", "ExFreePool"},
+        {"another tag", [] { ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPoolNx, 16, kTestTag), 0x67727453); },
+         "0xC2/0xA", "ExFreePoolWithTag"},
+        {"paged pool at DISPATCH_LEVEL",
+         [] {
+             PVOID p = ExAllocatePoolWithTag(PagedPool, 16, kTestTag);
+             verifier::at_irql(DISPATCH_LEVEL, [p] { ExFreePool(p); });
+         },
+         "0xC4/0x11", "ExFreePool"},
+        {"a string RtlAnsiStringToUnicodeString did not allocate",
+         [] {
+             foreign.Buffer = reinterpret_cast<PWCH>(&not_pool);
+             RtlFreeUnicodeString(&foreign);
+         },
+         "0xC4/0x10", "RtlFreeUnicodeString"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto v = violation_of(c.call);
+        EXPECT_EQ(stop_of(v), c.stop) << (v ? v->text() : "");
+        EXPECT_EQ(v ? v->routine : "", c.routine);
+    }
+    // What the stops left allocated (the blocks of the wrong tag and the
+    // wrong level) is a leak at unload.
+    auto leak = violation_of([&] { sys.unload_driver(); });
+    EXPECT_EQ(stop_of(leak), "0xC4/0x62");
+    EXPECT_EQ(leak ? leak->details.size() : 0u, 2u);
+}
+
+// What a driver leaves allocated stops the unload, once the unload is over,
+// naming each allocation and the routine that made it.
+TEST(VerifierTest, ALeakStopsTheUnloadNamingWhatWasLeftAndWhoMadeIt)
+{
+    host::System sys;
+    ASSERT_EQ(platform::load_driver(sys), STATUS_SUCCESS);
+    DriverRoutineThatLeaks();
+    std::optional<host::UnloadReport> report;
+    auto v = violation_of([&] { report = sys.unload_driver(); });
+    EXPECT_EQ(stop_of(v), "0xC4/0x62");
+    ASSERT_TRUE(v.has_value());
+    ASSERT_EQ(v->details.size(), 1u);
+    EXPECT_EQ(v->details[0],
+              "pool allocation left: 24 bytes, tag 0x74736554, allocated by korvanel::test::DriverRoutineThatLeaks");
+    EXPECT_FALSE(sys.driver_loaded()) << "the unload finished before it stopped";
+}
+
+TEST(VerifierTest, HandleMisuseStopsWithTheFrameworksSubcode)
+{
+    host::System sys;
+    ASSERT_EQ(platform::load_driver(sys), STATUS_SUCCESS);
+    static WDFDEVICE device;
+    device = platform::open_device(sys).device->handle();
+    auto string = [] {
+        WDFSTRING s = nullptr;
+        EXPECT_EQ(WdfStringCreate(nullptr, WDF_NO_OBJECT_ATTRIBUTES, &s), STATUS_SUCCESS);
+        return s;
+    };
+    static WDFSTRING deleted;
+    deleted = string();
+    WdfObjectDelete(deleted);
+    struct Case {
+        const char* what;
+        void (*call)();
+        const char* stop;
+    } cases[] = {
+        {"a null handle", [] { WdfDeviceSetStaticStopRemove(nullptr, TRUE); }, "0x10D/0x5"},
+        {"a value the framework never gave", [] { (void)WdfDeviceWdmGetPhysicalDevice(WDFDEVICE(0x1230)); }, "0x10D/0x5"},
+        {"a deleted object's handle",
+         [] {
+             UNICODE_STRING text;
+             WdfStringGetUnicodeString(deleted, &text);
+         },
+         "0x10D/0x5"},
+        {"a handle of another kind", [] { (void)WdfDeviceWdmGetPhysicalDevice(WDFDEVICE(deleted)); }, "0x10D/0x5"},
+        {"an object deleted twice", [] { WdfObjectDelete(deleted); }, "0x10D/0x7"},
+        {"the device, which only the framework deletes", [] { WdfObjectDelete(device); }, "0x10D/0x7"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto v = violation_of(c.call);
+        EXPECT_EQ(stop_of(v), c.stop) << (v ? v->text() : "");
+    }
+    EXPECT_EQ(stop_of(violation_of([&] { WdfStringGetUnicodeString(WDFSTRING(device), nullptr); })), "0x10D/0x5");
+    (void)string;
+}
+
+// A call into the driver comes back as it went in, or the stop names it:
+// the framework's verifier for its callbacks, IRQL_UNEXPECTED_VALUE for an
+// operation the camera driver called.
+TEST(VerifierTest, ACallThatReturnsChangedIsStoppedInTheRoutineThatChangedIt)
+{
+    host::System sys;
+    static KSPIN_LOCK lock;
+    KeInitializeSpinLock(&lock);
+    SENSOR_INTERFACE record{};
+    record.AcceptNotice = [](PSENSOR_CONTEXT) {
+        KIRQL old;
+        KeRaiseIrql(DISPATCH_LEVEL, &old);
+        return STATUS_SUCCESS;
+    };
+    record.AcceptValue = [](PSENSOR_CONTEXT, PULONG) {
+        KIRQL old;
+        KeAcquireSpinLock(&lock, &old);
+        return STATUS_SUCCESS;
+    };
+    SENSOR_INTERFACE si = platform::checked_interface(record);
+
+    auto raised = violation_of([&] { si.AcceptNotice(nullptr); });
+    EXPECT_EQ(stop_of(raised), "0xC8/0x20000");  // current DISPATCH_LEVEL, expected PASSIVE_LEVEL
+    EXPECT_EQ(raised ? raised->routine : "", "AcceptNotice");
+    auto held = violation_of([&] { verifier::at_irql(DISPATCH_LEVEL, [&] { si.AcceptValue(nullptr, nullptr); }); });
+    EXPECT_EQ(held ? held->what : "", "AcceptValue returned holding 1 spin lock(s) it was entered without");
+    KIRQL old;
+    KeAcquireSpinLock(&lock, &old);  // let go by the stop
+    KeReleaseSpinLock(&lock, old);
+
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    attributes.EvtCleanupCallback = [](WDFOBJECT) {
+        KIRQL ignored;
+        KeRaiseIrql(APC_LEVEL, &ignored);
+    };
+    WDFSTRING string;
+    ASSERT_EQ(WdfStringCreate(nullptr, &attributes, &string), STATUS_SUCCESS);
+    auto callback = violation_of([&] { WdfObjectDelete(string); });
+    EXPECT_EQ(stop_of(callback), "0x10D/0xE");
+    EXPECT_EQ(callback ? callback->routine : "", "EvtCleanupCallback");
+}
+
+// A wait nothing can end stops, naming the waiters, instead of hanging.
+TEST(VerifierTest, AWaitNothingCanEndStopsNamingTheWaiters)
+{
+    host::System sys;
+    static KEVENT a, b;
+    KeInitializeEvent(&a, SynchronizationEvent, TRUE);
+    KeInitializeEvent(&b, SynchronizationEvent, TRUE);
+
+    // The bus lock taken twice on one thread.
+    auto self = violation_of([] {
+        EXPECT_EQ(AcquireBusLock(&a), STATUS_SUCCESS);
+        (void)AcquireBusLock(&a);
+    });
+    EXPECT_EQ(stop_of(self), "0xC4/0x1000");
+    EXPECT_EQ(self ? self->caller : "", "AcquireBusLock");
+    ReleaseBusLock(&a);
+
+    // Two threads, each holding the lock the other waits for.
+    std::latch first_taken(1);
+    std::optional<Violation> other;
+    std::thread t([&] {
+        try {
+            EXPECT_EQ(AcquireBusLock(&a), STATUS_SUCCESS);
+            first_taken.count_down();
+            (void)AcquireBusLock(&b);
+        } catch (const host::Bugcheck& stop) {
+            other = stop.violation();
+        }
+    });
+    auto cross = violation_of([&] {
+        EXPECT_EQ(AcquireBusLock(&b), STATUS_SUCCESS);
+        first_taken.wait();
+        (void)AcquireBusLock(&a);
+    });
+    t.join();
+    EXPECT_EQ(stop_of(cross), "0xC4/0x1001");
+    ASSERT_TRUE(other.has_value()) << "the other waiter stops too";
+    EXPECT_EQ(cross ? cross->details.size() : 0u, 2u) << (cross ? cross->text() : "");
+
+    // A wait another thread ends is no deadlock.
+    KeInitializeEvent(&a, SynchronizationEvent, FALSE);
+    std::thread setter([] { (void)KeSetEvent(&a, 0, FALSE); });
+    EXPECT_FALSE(violation_of([] { EXPECT_EQ(AcquireBusLock(&a), STATUS_SUCCESS); }).has_value());
+    setter.join();
+}
+
+// An alert ends only an alertable wait, a user APC only an alertable
+// user-mode one; a user-mode wait must not wait on its own stack.
+TEST(VerifierTest, WaitsHonourTheirModeAndAlertable)
+{
+    host::System sys;
+    static KEVENT signalled;
+    KeInitializeEvent(&signalled, NotificationEvent, TRUE);
+    struct Case {
+        KPROCESSOR_MODE mode;
+        BOOLEAN alertable;
+        NTSTATUS delivered;
+        NTSTATUS result;  // of the wait and of the delay
+    } cases[] = {
+        {KernelMode, FALSE, STATUS_ALERTED, STATUS_SUCCESS},
+        {KernelMode, TRUE, STATUS_ALERTED, STATUS_ALERTED},
+        {KernelMode, TRUE, STATUS_USER_APC, STATUS_SUCCESS},
+        {UserMode, FALSE, STATUS_USER_APC, STATUS_SUCCESS},
+        {UserMode, TRUE, STATUS_USER_APC, STATUS_USER_APC},
+    };
+    for (auto c : cases) {
+        SCOPED_TRACE(std::to_string(c.mode) + (c.alertable ? " alertable " : " not alertable ") +
+                     host::status_name(c.delivered));
+        sys.faults().fail("KeWaitForSingleObject", c.delivered);
+        EXPECT_EQ(KeWaitForSingleObject(&signalled, Executive, c.mode, c.alertable, nullptr), c.result);
+        sys.faults().fail("KeDelayExecutionThread", c.delivered);
+        LARGE_INTEGER interval{.QuadPart = -10000};
+        int64_t before = sys.clock().now();
+        EXPECT_EQ(KeDelayExecutionThread(c.mode, c.alertable, &interval), c.result);
+        EXPECT_EQ(sys.clock().now() - before, c.result == STATUS_SUCCESS ? 10000 : 0);
+        sys.faults().clear();
+    }
+    KEVENT on_stack;
+    KeInitializeEvent(&on_stack, NotificationEvent, TRUE);
+    EXPECT_EQ(stop_of(violation_of([&] { (void)KeWaitForSingleObject(&on_stack, Executive, UserMode, FALSE, nullptr); })),
+              "0xC4/0x123");
+}
+
+// In the sweep every operation runs at the highest level it declares, and
+// every callback at the highest its documentation allows.
+TEST(VerifierTest, TheSweepCallsEachOperationAtItsDeclaredLevel)
+{
+    host::System sys;
+    static KIRQL seen[2];
+    SENSOR_INTERFACE record{};
+    record.AcceptNotice = [](PSENSOR_CONTEXT) {
+        seen[0] = KeGetCurrentIrql();
+        return STATUS_SUCCESS;
+    };
+    record.PowerUp = [](PSENSOR_CONTEXT) {
+        seen[1] = KeGetCurrentIrql();
+        return STATUS_SUCCESS;
+    };
+    SENSOR_INTERFACE si = platform::checked_interface(record);
+    verifier::set_mode(verifier::Mode::Sweep);
+    si.AcceptNotice(nullptr);
+    si.PowerUp(nullptr);
+    verifier::set_mode(verifier::Mode::On);
+    EXPECT_EQ(seen[0], DISPATCH_LEVEL);
+    EXPECT_EQ(seen[1], PASSIVE_LEVEL);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    si.AcceptNotice(nullptr);
+    EXPECT_EQ(seen[0], PASSIVE_LEVEL) << "outside the sweep the caller's level holds";
 }
 
 TEST(VerifierTest, AViolationLeavesTheBenchReadableAndItsUnloadReportComplete)
@@ -238,20 +540,20 @@ std::vector<Operation> operations()
              si.InterfaceHeader.InterfaceReference(x(si));
              si.InterfaceHeader.InterfaceDereference(x(si));
          }},
-        {"actuator Init", [](SI, C c) { VcmDrivers[c->VcmType].Init(c); }, vcm},
-        {"actuator SetPos", [](SI, C c) { VcmDrivers[c->VcmType].SetPos(c, 300); }, vcm},
-        {"actuator GetPos", [](SI, C c) { VcmDrivers[c->VcmType].GetPos(c, &position); }, vcm},
-        {"actuator GetStatus", [](SI, C c) { VcmDrivers[c->VcmType].GetStatus(c, u); }, vcm},
-        {"actuator GetHPStatus", [](SI, C c) { VcmDrivers[c->VcmType].GetHPStatus(c, u); }, vcm},
-        {"actuator ResetPos", [](SI, C c) { VcmDrivers[c->VcmType].ResetPos(c); }, vcm},
+        {"actuator Init", [](SI, C c) { platform::actuator_table()[c->VcmType].Init(c); }, vcm},
+        {"actuator SetPos", [](SI, C c) { platform::actuator_table()[c->VcmType].SetPos(c, 300); }, vcm},
+        {"actuator GetPos", [](SI, C c) { platform::actuator_table()[c->VcmType].GetPos(c, &position); }, vcm},
+        {"actuator GetStatus", [](SI, C c) { platform::actuator_table()[c->VcmType].GetStatus(c, u); }, vcm},
+        {"actuator GetHPStatus", [](SI, C c) { platform::actuator_table()[c->VcmType].GetHPStatus(c, u); }, vcm},
+        {"actuator ResetPos", [](SI, C c) { platform::actuator_table()[c->VcmType].ResetPos(c); }, vcm},
         {"memory Load",
          [](SI, C c) {
              ULONG size = sizeof buffer;
-             NvmDriverTable[c->NvmType].Load(c, &size, buffer);
+             platform::memory_table()[c->NvmType].Load(c, &size, buffer);
          },
          nvm},
-        {"memory Read", [](SI, C c) { NvmDriverTable[c->NvmType].Read(c, 0, buffer, 16); }, nvm},
-        {"memory Write", [](SI, C c) { NvmDriverTable[c->NvmType].Write(c, 0, buffer, 16); }, nvm},
+        {"memory Read", [](SI, C c) { platform::memory_table()[c->NvmType].Read(c, 0, buffer, 16); }, nvm},
+        {"memory Write", [](SI, C c) { platform::memory_table()[c->NvmType].Write(c, 0, buffer, 16); }, nvm},
     };
 }
 

@@ -2,6 +2,8 @@
 // runner, and its text, JSON and SVG output.
 #include "actuator_cli.h"
 
+#include "platform/checked.h"
+
 #include "bus_report.h"
 #include "files.h"
 #include "parse.h"
@@ -171,7 +173,7 @@ std::optional<std::vector<ActuatorOp>> check_actuator_options(ActuatorOptions& o
 
 ordered_json run_actuator_op(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOp& op)
 {
-    const VCM_DRIVER& row = VcmDrivers[context->VcmType];
+    const VCM_DRIVER& row = platform::actuator_table()[context->VcmType];
     ordered_json r = ordered_json::object();
     NTSTATUS status = STATUS_SUCCESS;
     USHORT position = 0;
@@ -237,7 +239,7 @@ ordered_json run_actuator(host::System& sys, PDEVICE_CONTEXT context, const std:
 
     int64_t origin = sys.clock().now();
     uint64_t first = sys.bus().transfer_count();
-    out["chip"] = VcmDrivers[context->VcmType].Name;
+    out["chip"] = platform::actuator_table()[context->VcmType].Name;
     out["row"] = context->VcmType;
     out["connection"] = slot.ConnectionId;
     out["low"] = context->VcmLowPosition;

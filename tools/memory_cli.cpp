@@ -1,5 +1,7 @@
 // memory_cli.cpp - korvanel-sim's module-memory work.
 #include "memory_cli.h"
+
+#include "platform/checked.h"
 #include "bus_report.h"
 #include "files.h"
 #include "parse.h"
@@ -83,7 +85,7 @@ std::optional<std::string> parse_memory_ops(const std::string& text, size_t size
 
 ordered_json run_memory_op(_DEVICE_CONTEXT* context, const MemoryOp& op)
 {
-    const NVM_DRIVER& row = NvmDriverTable[context->NvmType];
+    const NVM_DRIVER& row = platform::memory_table()[context->NvmType];
     NTSTATUS status;
     ordered_json r;
     if (op.kind == MemoryOp::Kind::Load) {
@@ -119,7 +121,7 @@ ordered_json run_memory_op(_DEVICE_CONTEXT* context, const MemoryOp& op)
 ordered_json run_memory(host::System& sys, _DEVICE_CONTEXT* context, const sim::Eeprom& model,
                         const std::vector<MemoryOp>& ops)
 {
-    const NVM_DRIVER& row = NvmDriverTable[context->NvmType];
+    const NVM_DRIVER& row = platform::memory_table()[context->NvmType];
     ordered_json report;
     report["type"] = context->NvmType;
     report["size"] = row.Size;

@@ -232,7 +232,7 @@ std::vector<std::string> check_step(const Expect& x, const Observation& seen)
     }
     if (x.violation && !seen.violation) {
         failures.push_back("violation: expected " + *x.violation + ", the step ran without one");
-    } else if (x.violation && seen.violation->bugcheck != *x.violation) {
+    } else if (x.violation && seen.violation->stop.bugcheck != *x.violation) {
         failures.push_back("violation: expected " + *x.violation + ", got\n" + seen.violation->text());
     } else if (!x.violation && seen.violation) {
         failures.push_back("the verifier stopped the step:\n" + seen.violation->text());

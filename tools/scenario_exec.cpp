@@ -3,6 +3,7 @@
 
 #include "bus_report.h"
 
+#include "platform/checked.h"
 #include "platform/device.h"
 
 #include "sim/actuator.h"
@@ -207,7 +208,7 @@ void Executor::act(const Action& action, DeviceState& d, Observation& seen)
                        if (a == InterfaceAction::Take) {
                            SENSOR_INTERFACE si{};
                            NTSTATUS status =
-                               d.device->query_interface(GUID_SENSOR_INTERFACE, &si, SENSOR_INTERFACE_VERSION);
+                               platform::query_sensor_interface(*d.device, &si);
                            seen.status = host::status_name(status);
                            d.held += NT_SUCCESS(status) ? 1 : 0;
                        } else if (d.held == 0) {

@@ -39,8 +39,8 @@
 
 /* Pageable code checks the level it runs at: above APC_LEVEL the bench
  * stops with the bugcheck Windows gives when such code is paged out. */
-void KorvanelHostPagedCode(const char* Routine);
-#define PAGED_CODE() KorvanelHostPagedCode(__func__)
+void KorvanelHostPagedCode(const char* Routine, const void* ReturnAddress);
+#define PAGED_CODE() KorvanelHostPagedCode(__func__, __builtin_return_address(0))
 #define PAGED_CODE_LOCKED()
 
 /* A checked Windows build stops at a failed assertion; the bench lists it in
@@ -107,6 +107,8 @@ inline bool IsEqualGUID(const GUID& a, const GUID& b) { return memcmp(&a, &b, si
 
 /* ---- Status codes ---- */
 #define STATUS_SUCCESS                 ((NTSTATUS)0x00000000L)
+#define STATUS_USER_APC                ((NTSTATUS)0x000000C0L)
+#define STATUS_ALERTED                 ((NTSTATUS)0x00000101L)
 #define STATUS_TIMEOUT                 ((NTSTATUS)0x00000102L)
 #define STATUS_PENDING                 ((NTSTATUS)0x00000103L)
 #define STATUS_NOTIFY_CLEANUP          ((NTSTATUS)0x0000010BL)
@@ -159,6 +161,13 @@ typedef enum _POOL_TYPE {
     PagedPool = 1,
     NonPagedPoolNx = 512,
 } POOL_TYPE;
+
+/* ExAllocatePool2's flags: one kind of pool, and how to allocate. */
+typedef ULONG64 POOL_FLAGS;
+#define POOL_FLAG_UNINITIALIZED        0x0000000000000002ULL
+#define POOL_FLAG_NON_PAGED            0x0000000000000040ULL
+#define POOL_FLAG_NON_PAGED_EXECUTABLE 0x0000000000000080ULL
+#define POOL_FLAG_PAGED                0x0000000000000100ULL
 
 #define RtlZeroMemory(Destination, Length) memset((Destination), 0, (Length))
 #define RtlFillMemory(Destination, Length, Fill) memset((Destination), (Fill), (Length))
@@ -399,6 +408,7 @@ NTKERNELAPI LONG FASTCALL InterlockedCompareExchange(LONG volatile* Destination,
 NTKERNELAPI LONG FASTCALL InterlockedExchange(LONG volatile* Target, LONG Value);
 
 NTKERNELAPI PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag);
+NTKERNELAPI PVOID NTAPI ExAllocatePool2(POOL_FLAGS Flags, SIZE_T NumberOfBytes, ULONG Tag);
 NTKERNELAPI VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag);
 NTKERNELAPI VOID NTAPI ExFreePool(PVOID P);
 
@@ -452,7 +462,8 @@ static_assert(sizeof(OBJECT_ATTRIBUTES) == 48, "OBJECT_ATTRIBUTES layout");
         (p)->SecurityQualityOfService = NULL;           \
     }
 
-#define KEY_QUERY_VALUE 0x0001
+#define KEY_QUERY_VALUE        0x0001
+#define KEY_ENUMERATE_SUB_KEYS 0x0008
 #define KEY_READ        0x20019
 #define REG_NONE        0
 #define REG_SZ          1
