@@ -11,6 +11,7 @@
 #pragma alloc_text(PAGE, ReleaseBusLock)
 #endif
 
+_Use_decl_annotations_
 NTSTATUS AcquireBusLock(PKEVENT BusLock)
 {
     PAGED_CODE();
@@ -21,6 +22,7 @@ NTSTATUS AcquireBusLock(PKEVENT BusLock)
     return KeWaitForSingleObject(BusLock, Executive, KernelMode, FALSE, NULL);
 }
 
+_Use_decl_annotations_
 VOID ReleaseBusLock(PKEVENT BusLock)
 {
     PAGED_CODE();

@@ -14,8 +14,8 @@ EXTERN_C_START
  * caller's to release. The caller traces a failure in its own words.
  * Passive level only. */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS AcquireBusLock(PKEVENT BusLock);
+NTSTATUS AcquireBusLock(_Inout_ PKEVENT BusLock);
 /* Hands the lock to the next waiter; no wait follows. */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-VOID ReleaseBusLock(PKEVENT BusLock);
+VOID ReleaseBusLock(_Inout_ PKEVENT BusLock);
 EXTERN_C_END

@@ -16,6 +16,7 @@
 #define DELAY_STALL_STEP_US 50  /* one processor stall */
 #define HUNDRED_NS_PER_MS 10000
 
+_Use_decl_annotations_
 VOID DelayMilliseconds(LONG Milliseconds)
 {
     PAGED_CODE();

@@ -9,5 +9,5 @@
  * Passive level only. */
 EXTERN_C_START
 _IRQL_requires_max_(PASSIVE_LEVEL)
-VOID DelayMilliseconds(LONG Milliseconds);
+VOID DelayMilliseconds(_In_ LONG Milliseconds);
 EXTERN_C_END

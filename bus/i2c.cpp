@@ -15,7 +15,9 @@ static const GUID I2cTraceGuid = {0x2f7b1240, 0xbb82, 0x4ca7, {0xb3, 0x63, 0x1d,
 TRACE_MODULE(I2cTraceGuid);
 
 EXTERN_C_START
-static NTSTATUS GetI2cSlot(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, PI2C_CONNECTION* Connection);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS GetI2cSlot(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ ULONG Slot,
+                           _Outptr_ PI2C_CONNECTION* Connection);
 EXTERN_C_END
 
 // Creating, opening and closing a target need passive level, so none of this
@@ -36,6 +38,7 @@ EXTERN_C_END
 
 /* The slot's record; a missing context or a slot number past the table is
  * the caller's error. */
+_Use_decl_annotations_
 static NTSTATUS GetI2cSlot(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, PI2C_CONNECTION* Connection)
 {
     PAGED_CODE();
@@ -47,6 +50,7 @@ static NTSTATUS GetI2cSlot(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, PI
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 NTSTATUS InitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
 {
     PAGED_CODE();
@@ -79,6 +83,7 @@ NTSTATUS InitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 VOID DeinitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
 {
     PAGED_CODE();
@@ -95,6 +100,7 @@ VOID DeinitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
     connection->Opened = 0;
 }
 
+_Use_decl_annotations_
 NTSTATUS OpenI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, WDFDEVICE Device)
 {
     PAGED_CODE();
@@ -150,6 +156,7 @@ NTSTATUS OpenI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, WDFDEV
     return WdfIoTargetOpen(connection->Target, &openParams);
 }
 
+_Use_decl_annotations_
 NTSTATUS CloseI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
 {
     PAGED_CODE();
@@ -177,6 +184,7 @@ NTSTATUS CloseI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 NTSTATUS I2cTransfer(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, SPB_TRANSFER_DIRECTION Direction,
                      PVOID Buffer, ULONG Length, LONGLONG Timeout)
 {

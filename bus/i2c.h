@@ -34,20 +34,22 @@ static_assert(sizeof(I2C_CONNECTION) == 24, "I2C_CONNECTION layout");
  * rest of the context or on where these members sit in it. Resident: two
  * address computations, callable at any level. */
 EXTERN_C_START
-WDFDEVICE I2cParentDevice(struct _DEVICE_CONTEXT* DeviceContext);
-PI2C_CONNECTION I2cConnectionSlots(struct _DEVICE_CONTEXT* DeviceContext);
+_IRQL_requires_max_(HIGH_LEVEL)
+WDFDEVICE I2cParentDevice(_In_ struct _DEVICE_CONTEXT* DeviceContext);
+_IRQL_requires_max_(HIGH_LEVEL)
+PI2C_CONNECTION I2cConnectionSlots(_In_ struct _DEVICE_CONTEXT* DeviceContext);
 EXTERN_C_END
 
 /* Pageable: C linkage for the Windows build's section pragmas. */
 EXTERN_C_START
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS InitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
+NTSTATUS InitI2c(_Inout_ struct _DEVICE_CONTEXT* DeviceContext, _In_ ULONG Slot);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-VOID DeinitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
+VOID DeinitI2c(_Inout_ struct _DEVICE_CONTEXT* DeviceContext, _In_ ULONG Slot);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS OpenI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, WDFDEVICE Device);
+NTSTATUS OpenI2cTarget(_Inout_ struct _DEVICE_CONTEXT* DeviceContext, _In_ ULONG Slot, _In_ WDFDEVICE Device);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS CloseI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
+NTSTATUS CloseI2cTarget(_Inout_ struct _DEVICE_CONTEXT* DeviceContext, _In_ ULONG Slot);
 
 /* One IOCTL_SPB_EXECUTE_SEQUENCE request carrying one transfer (a write to
  * the peripheral or a read from it, in the caller's buffer) on the slot's
@@ -55,6 +57,6 @@ NTSTATUS CloseI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot);
  * The bus is released after it: a register read is two of these. A slot
  * without a target gives STATUS_INVALID_DEVICE_STATE. */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS I2cTransfer(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, SPB_TRANSFER_DIRECTION Direction,
-                     PVOID Buffer, ULONG Length, LONGLONG Timeout);
+NTSTATUS I2cTransfer(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ ULONG Slot, _In_ SPB_TRANSFER_DIRECTION Direction,
+                     _Inout_updates_bytes_(Length) PVOID Buffer, _In_ ULONG Length, _In_ LONGLONG Timeout);
 EXTERN_C_END

@@ -196,6 +196,24 @@ add_test(NAME windows_placement
                  -P ${CMAKE_CURRENT_SOURCE_DIR}/cmake/windows_check.cmake)
 set_tests_properties(windows_placement PROPERTIES LABELS windows_placement FIXTURES_REQUIRED wdk_objects
                      SKIP_RETURN_CODE 77 SKIP_REGULAR_EXPRESSION "${skipped}")
+# What the sources promise about each routine, read from the sources: the
+# level and parameter annotations the WDK's code analysis reads, the levels
+# of README's operation table, and PAGED_CODE() first in exactly the routines
+# placed in PAGE (cmake/lint_driver.py). The second test plants one fault of
+# each kind in a copy of the sources and expects the lint to name it.
+if(KORVANEL_PYTHON3)
+  set(lint_python ${KORVANEL_PYTHON3})
+else()
+  set(lint_python python3)
+endif()
+add_test(NAME lint_driver
+         COMMAND ${lint_python} ${CMAKE_CURRENT_SOURCE_DIR}/cmake/lint_driver.py
+                 --source-dir ${CMAKE_CURRENT_SOURCE_DIR})
+add_test(NAME lint_driver_planted_faults
+         COMMAND ${lint_python} ${CMAKE_CURRENT_SOURCE_DIR}/cmake/lint_driver.py
+                 --source-dir ${CMAKE_CURRENT_SOURCE_DIR} --planted-faults)
+set_tests_properties(lint_driver lint_driver_planted_faults PROPERTIES LABELS lint)
+
 # The camera driver's view of the interface, compiled as C.
 add_test(NAME windows_mingw.interface_as_c
          COMMAND ${CMAKE_COMMAND} ${check_args} -DMODE=interface_as_c -DWORK_DIR=${CMAKE_CURRENT_BINARY_DIR}

@@ -242,6 +242,7 @@ NTSTATUS SensorEvtQueryRemove(WDFDEVICE Device)
     return references > 0 ? STATUS_DEVICE_BUSY : STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 VOID SensorInterfaceReference(PVOID Context)
 {
     PDEVICE_CONTEXT deviceContext = (PDEVICE_CONTEXT)Context;
@@ -255,6 +256,7 @@ VOID SensorInterfaceReference(PVOID Context)
     TraceEvents(TRACE_INFO, "SensorInterfaceReference references %d", references);
 }
 
+_Use_decl_annotations_
 VOID SensorInterfaceDereference(PVOID Context)
 {
     PDEVICE_CONTEXT deviceContext = (PDEVICE_CONTEXT)Context;

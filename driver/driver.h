@@ -25,13 +25,13 @@ EVT_WDF_DEVICE_QUERY_REMOVE SensorEvtQueryRemove;
 
 /* InterfaceReference and InterfaceDereference of SENSOR_INTERFACE. */
 _IRQL_requires_max_(DISPATCH_LEVEL)
-VOID SensorInterfaceReference(PVOID Context);
+VOID SensorInterfaceReference(_Inout_ PVOID Context);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-VOID SensorInterfaceDereference(PVOID Context);
+VOID SensorInterfaceDereference(_Inout_ PVOID Context);
 
 /* Asks the bus driver for the hardware identifiers and gives the context the
  * identity of the variant the first one names. */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS IdentifySensorVariant(PDEVICE_CONTEXT DeviceContext);
+NTSTATUS IdentifySensorVariant(_Inout_ PDEVICE_CONTEXT DeviceContext);
 
 EXTERN_C_END

@@ -53,6 +53,7 @@ static const SENSOR_VARIANT SensorVariants[] = {
 // The sensor that no identifier names.
 static const CHAR DefaultSensorName[] = "HAPS";
 
+_Use_decl_annotations_
 NTSTATUS IdentifySensorVariant(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();

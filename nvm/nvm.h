@@ -22,10 +22,15 @@ struct _DEVICE_CONTEXT;
 
 EXTERN_C_START
 
-typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NVM_WRITE_ROUTINE(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, const UCHAR* Data,
-                                   LONG Length);
-typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NVM_READ_ROUTINE(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length);
-typedef NTSTATUS NVM_LOAD_ROUTINE(struct _DEVICE_CONTEXT* DeviceContext, PULONG Size, PUCHAR Buffer);
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NVM_WRITE_ROUTINE(
+    _Inout_ struct _DEVICE_CONTEXT* DeviceContext, _In_ USHORT Address, _In_reads_bytes_(Length) const UCHAR* Data,
+    _In_ LONG Length);
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NVM_READ_ROUTINE(
+    _Inout_ struct _DEVICE_CONTEXT* DeviceContext, _In_ USHORT Address, _Out_writes_bytes_(Length) PUCHAR Buffer,
+    _In_ LONG Length);
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS NVM_LOAD_ROUTINE(
+    _Inout_ struct _DEVICE_CONTEXT* DeviceContext, _Inout_ PULONG Size,
+    _Out_writes_bytes_to_(*Size, *Size) PUCHAR Buffer);
 
 /* One memory type. */
 typedef struct _NVM_DRIVER {
@@ -52,37 +57,50 @@ extern const NVM_DRIVER NvmDriverTable[NVM_TYPE_COUNT];
 /* ---- Cache and stubs ---- */
 NVM_LOAD_ROUTINE NvmLoad;
 _IRQL_requires_max_(PASSIVE_LEVEL)
-VOID NvmCacheWrite(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, const UCHAR* Data, LONG Length);
+VOID NvmCacheWrite(_Inout_ struct _DEVICE_CONTEXT* DeviceContext, _In_ USHORT Address,
+                   _In_reads_bytes_(Length) const UCHAR* Data, _In_ LONG Length);
 NVM_READ_ROUTINE NvmStubRead;
 NVM_WRITE_ROUTINE NvmStubWrite;
 
 /* ---- Page engines: one exchange on an open connection, under BusLock ---- */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS nvmRead0(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length);
+NTSTATUS nvmRead0(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ USHORT Address,
+                  _Out_writes_bytes_(Length) PUCHAR Buffer, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS M24c64RomRead(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length);
+NTSTATUS M24c64RomRead(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ USHORT Address,
+                       _Out_writes_bytes_(Length) PUCHAR Buffer, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS RomRead1(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Block, UCHAR Address, PUCHAR Buffer, LONG Length);
+NTSTATUS RomRead1(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ UCHAR Block, _In_ UCHAR Address,
+                  _Out_writes_bytes_(Length) PUCHAR Buffer, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS RomRead2(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Block, UCHAR Address, PUCHAR Buffer, LONG Length);
+NTSTATUS RomRead2(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ UCHAR Block, _In_ UCHAR Address,
+                  _Out_writes_bytes_(Length) PUCHAR Buffer, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS RomRead3(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Page, USHORT Offset, PUCHAR Buffer, LONG Length);
+NTSTATUS RomRead3(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ UCHAR Page, _In_ USHORT Offset,
+                  _Out_writes_bytes_(Length) PUCHAR Buffer, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS RomRead4(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Block, UCHAR Address, PUCHAR Buffer, LONG Length);
+NTSTATUS RomRead4(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ UCHAR Block, _In_ UCHAR Address,
+                  _Out_writes_bytes_(Length) PUCHAR Buffer, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS nvmWrite0(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, const UCHAR* Data, LONG Length);
+NTSTATUS nvmWrite0(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ USHORT Address,
+                   _In_reads_bytes_(Length) const UCHAR* Data, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS bulkWrite(struct _DEVICE_CONTEXT* DeviceContext, USHORT Address, const UCHAR* Data, LONG Length);
+NTSTATUS bulkWrite(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ USHORT Address,
+                   _In_reads_bytes_(Length) const UCHAR* Data, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS RomWrite1(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Block, UCHAR Address, const UCHAR* Data, LONG Length);
+NTSTATUS RomWrite1(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ UCHAR Block, _In_ UCHAR Address,
+                   _In_reads_bytes_(Length) const UCHAR* Data, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS RomWrite2(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Block, UCHAR Address, const UCHAR* Data, LONG Length);
+NTSTATUS RomWrite2(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ UCHAR Block, _In_ UCHAR Address,
+                   _In_reads_bytes_(Length) const UCHAR* Data, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS RomWrite3(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Page, USHORT Offset, const UCHAR* Data, LONG Length);
+NTSTATUS RomWrite3(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ UCHAR Page, _In_ USHORT Offset,
+                   _In_reads_bytes_(Length) const UCHAR* Data, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS RomWrite4(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Block, UCHAR Address, const UCHAR* Data, LONG Length);
+NTSTATUS RomWrite4(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ UCHAR Block, _In_ UCHAR Address,
+                   _In_reads_bytes_(Length) const UCHAR* Data, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS PageErase3(struct _DEVICE_CONTEXT* DeviceContext, UCHAR Page, UCHAR Macro);
+NTSTATUS PageErase3(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ UCHAR Page, _In_ UCHAR Macro);
 
 /* ---- Linear-address commands (types 5, 7, 8 and 10) ---- */
 NVM_READ_ROUTINE CmdRead;

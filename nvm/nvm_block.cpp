@@ -47,13 +47,21 @@ static_assert(sizeof(NVM_BLOCK_MEMBER) == 96, "NVM_BLOCK_MEMBER layout");
 #endif
 
 EXTERN_C_START
-static VOID NvmBlockPlan(const NVM_BLOCK_MEMBER* Member, USHORT Address, LONG Length, NVM_BLOCK_PIECE* Plan);
-static NTSTATUS NvmBlockWritePiece(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, UCHAR Block,
-                                   const NVM_BLOCK_PIECE* Piece, const UCHAR* Data);
-static NTSTATUS NvmBlockTransfer(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, USHORT Address,
-                                 PUCHAR Buffer, LONG Length, BOOLEAN Write);
-static NTSTATUS NvmBlockCommand(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, USHORT Address,
-                                PUCHAR Buffer, LONG Length, BOOLEAN Write);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static VOID NvmBlockPlan(_In_ const NVM_BLOCK_MEMBER* Member, _In_ USHORT Address, _In_ LONG Length,
+                         _Out_writes_(NVM_MAX_BLOCKS) NVM_BLOCK_PIECE* Plan);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS NvmBlockWritePiece(_In_ const NVM_BLOCK_MEMBER* Member, _In_ PDEVICE_CONTEXT DeviceContext,
+                                   _In_ UCHAR Block, _In_ const NVM_BLOCK_PIECE* Piece,
+                                   _In_reads_bytes_(Piece->Length) const UCHAR* Data);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS NvmBlockTransfer(_In_ const NVM_BLOCK_MEMBER* Member, _Inout_ PDEVICE_CONTEXT DeviceContext,
+                                 _In_ USHORT Address, _Inout_updates_bytes_(Length) PUCHAR Buffer, _In_ LONG Length,
+                                 _In_ BOOLEAN Write);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS NvmBlockCommand(_In_ const NVM_BLOCK_MEMBER* Member, _Inout_ PDEVICE_CONTEXT DeviceContext,
+                                _In_ USHORT Address, _Inout_updates_bytes_(Length) PUCHAR Buffer, _In_ LONG Length,
+                                _In_ BOOLEAN Write);
 EXTERN_C_END
 
 // They wait on BusLock, send synchronous bus requests and sleep: passive level.
@@ -119,6 +127,7 @@ static const NVM_BLOCK_MEMBER NvmDW9806B = {
 
 /* Cuts [Address, Address + Length) into per-block pieces. The caller has
  * checked that the range is not empty and lies within the memory. */
+_Use_decl_annotations_
 static VOID NvmBlockPlan(const NVM_BLOCK_MEMBER* Member, USHORT Address, LONG Length, NVM_BLOCK_PIECE* Plan)
 {
     PAGED_CODE();
@@ -151,6 +160,7 @@ static VOID NvmBlockPlan(const NVM_BLOCK_MEMBER* Member, USHORT Address, LONG Le
 
 /* One block's piece in chunks from its start offset on: the chunks are
  * not aligned to the part's write page. */
+_Use_decl_annotations_
 static NTSTATUS NvmBlockWritePiece(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, UCHAR Block,
                                    const NVM_BLOCK_PIECE* Piece, const UCHAR* Data)
 {
@@ -181,6 +191,7 @@ static NTSTATUS NvmBlockWritePiece(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTE
 
 /* Under BusLock: the range check, the plan, the erase and the pieces. Slot
  * 2 of a member that opens it once is left for the caller to close. */
+_Use_decl_annotations_
 static NTSTATUS NvmBlockTransfer(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, USHORT Address,
                                  PUCHAR Buffer, LONG Length, BOOLEAN Write)
 {
@@ -256,6 +267,7 @@ static NTSTATUS NvmBlockTransfer(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT
 }
 
 /* Writes pass their data as Buffer; nothing is stored through it then. */
+_Use_decl_annotations_
 static NTSTATUS NvmBlockCommand(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, USHORT Address,
                                 PUCHAR Buffer, LONG Length, BOOLEAN Write)
 {
@@ -292,11 +304,13 @@ static NTSTATUS NvmBlockCommand(const NVM_BLOCK_MEMBER* Member, PDEVICE_CONTEXT 
 /* The named read and write of each family: its member record and the
  * direction, nothing else. */
 #define NVM_BLOCK_ROUTINES(Name, Member)                                                              \
+    _Use_decl_annotations_                                                                            \
     NTSTATUS Cmd_##Name##Read(PDEVICE_CONTEXT DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length) \
     {                                                                                                 \
         PAGED_CODE();                                                                                 \
         return NvmBlockCommand(&Member, DeviceContext, Address, Buffer, Length, FALSE);               \
     }                                                                                                 \
+    _Use_decl_annotations_                                                                            \
     NTSTATUS Cmd_##Name##Write(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* Data, LONG Length) \
     {                                                                                                 \
         PAGED_CODE();                                                                                 \

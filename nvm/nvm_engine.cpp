@@ -14,8 +14,13 @@
 #include "../bus/delay.h"
 #include "../trace/trace.h"
 
+/* Bytes of the longest address an engine sends. */
+#define NVM_ADDRESS_BYTES 2
+
 EXTERN_C_START
-static ULONG NvmEncodeAddress(const NVM_ENGINE* Engine, UCHAR Block, USHORT Address, PUCHAR Bytes, PULONG Slot);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static ULONG NvmEncodeAddress(_In_ const NVM_ENGINE* Engine, _In_ UCHAR Block, _In_ USHORT Address,
+                              _Out_writes_bytes_to_(NVM_ADDRESS_BYTES, return) PUCHAR Bytes, _Out_ PULONG Slot);
 EXTERN_C_END
 
 // Synchronous bus requests and the waits after writes: passive level only.
@@ -42,9 +47,6 @@ EXTERN_C_END
  * 8 s; writes and erases get 50 ms. */
 #define NVM_READ_TIMEOUT  (-80000000LL)
 #define NVM_WRITE_TIMEOUT (-500000LL)
-
-/* Bytes of the longest address an engine sends. */
-#define NVM_ADDRESS_BYTES 2
 
 /* The paged memory's erase commands, and the waits its erases need. */
 #define NVM_ERASE_MACRO     0x81
@@ -112,6 +114,7 @@ const NVM_ENGINE NvmEngineRomWrite3 = {
 
 /* The address bytes the engine sends before the data, and its slot. Returns
  * the number of address bytes, 0 for a block the engine has no slot for. */
+_Use_decl_annotations_
 static ULONG NvmEncodeAddress(const NVM_ENGINE* Engine, UCHAR Block, USHORT Address, PUCHAR Bytes, PULONG Slot)
 {
     PAGED_CODE();
@@ -142,6 +145,7 @@ static ULONG NvmEncodeAddress(const NVM_ENGINE* Engine, UCHAR Block, USHORT Addr
     }
 }
 
+_Use_decl_annotations_
 NTSTATUS NvmEngineRead(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext, UCHAR Block, USHORT Address,
                        PUCHAR Buffer, LONG Length)
 {
@@ -187,6 +191,7 @@ NTSTATUS NvmEngineRead(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext, 
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS NvmEngineWrite(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext, UCHAR Block, USHORT Address,
                         const UCHAR* Data, LONG Length)
 {
@@ -244,78 +249,91 @@ NTSTATUS NvmEngineWrite(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext,
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS nvmRead0(PDEVICE_CONTEXT DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length)
 {
     PAGED_CODE();
     return NvmEngineRead(&NvmEngineRead0, DeviceContext, 0, Address, Buffer, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS M24c64RomRead(PDEVICE_CONTEXT DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length)
 {
     PAGED_CODE();
     return NvmEngineRead(&NvmEngineM24c64Read, DeviceContext, 0, Address, Buffer, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS RomRead1(PDEVICE_CONTEXT DeviceContext, UCHAR Block, UCHAR Address, PUCHAR Buffer, LONG Length)
 {
     PAGED_CODE();
     return NvmEngineRead(&NvmEngineRomRead1, DeviceContext, Block, Address, Buffer, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS RomRead2(PDEVICE_CONTEXT DeviceContext, UCHAR Block, UCHAR Address, PUCHAR Buffer, LONG Length)
 {
     PAGED_CODE();
     return NvmEngineRead(&NvmEngineRomRead2, DeviceContext, Block, Address, Buffer, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS RomRead3(PDEVICE_CONTEXT DeviceContext, UCHAR Page, USHORT Offset, PUCHAR Buffer, LONG Length)
 {
     PAGED_CODE();
     return NvmEngineRead(&NvmEngineRomRead3, DeviceContext, Page, Offset, Buffer, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS RomRead4(PDEVICE_CONTEXT DeviceContext, UCHAR Block, UCHAR Address, PUCHAR Buffer, LONG Length)
 {
     PAGED_CODE();
     return NvmEngineRead(&NvmEngineRomRead4, DeviceContext, Block, Address, Buffer, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS nvmWrite0(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* Data, LONG Length)
 {
     PAGED_CODE();
     return NvmEngineWrite(&NvmEngineWrite0, DeviceContext, 0, Address, Data, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS bulkWrite(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* Data, LONG Length)
 {
     PAGED_CODE();
     return NvmEngineWrite(&NvmEngineBulkWrite, DeviceContext, 0, Address, Data, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS RomWrite1(PDEVICE_CONTEXT DeviceContext, UCHAR Block, UCHAR Address, const UCHAR* Data, LONG Length)
 {
     PAGED_CODE();
     return NvmEngineWrite(&NvmEngineRomWrite1, DeviceContext, Block, Address, Data, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS RomWrite2(PDEVICE_CONTEXT DeviceContext, UCHAR Block, UCHAR Address, const UCHAR* Data, LONG Length)
 {
     PAGED_CODE();
     return NvmEngineWrite(&NvmEngineRomWrite2, DeviceContext, Block, Address, Data, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS RomWrite3(PDEVICE_CONTEXT DeviceContext, UCHAR Page, USHORT Offset, const UCHAR* Data, LONG Length)
 {
     PAGED_CODE();
     return NvmEngineWrite(&NvmEngineRomWrite3, DeviceContext, Page, Offset, Data, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS RomWrite4(PDEVICE_CONTEXT DeviceContext, UCHAR Block, UCHAR Address, const UCHAR* Data, LONG Length)
 {
     PAGED_CODE();
     return NvmEngineWrite(&NvmEngineRomWrite1, DeviceContext, Block, Address, Data, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS PageErase3(PDEVICE_CONTEXT DeviceContext, UCHAR Page, UCHAR Macro)
 {
     PAGED_CODE();

@@ -35,7 +35,8 @@ inline constexpr NVM_GEOMETRY NvmGeometry[NVM_TYPE_COUNT] = {
 #define NVM_TYPE_CAT24C16 12
 
 /* Blocks (or pages) of a part seen as blocks. */
-constexpr ULONG NvmBlockCount(ULONG Type)
+_IRQL_requires_max_(PASSIVE_LEVEL)
+constexpr ULONG NvmBlockCount(_In_ ULONG Type)
 {
     return NvmGeometry[Type].Size / NvmGeometry[Type].PageSize;
 }
@@ -90,20 +91,21 @@ extern const NVM_ENGINE NvmEngineRomWrite3;
 
 /* Block is the block (in-block engines) or the page (paged engines). */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS NvmEngineRead(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext, UCHAR Block, USHORT Address,
-                       PUCHAR Buffer, LONG Length);
+NTSTATUS NvmEngineRead(_In_ const NVM_ENGINE* Engine, _In_ PDEVICE_CONTEXT DeviceContext, _In_ UCHAR Block,
+                       _In_ USHORT Address, _Out_writes_bytes_(Length) PUCHAR Buffer, _In_ LONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS NvmEngineWrite(const NVM_ENGINE* Engine, PDEVICE_CONTEXT DeviceContext, UCHAR Block, USHORT Address,
-                        const UCHAR* Data, LONG Length);
+NTSTATUS NvmEngineWrite(_In_ const NVM_ENGINE* Engine, _In_ PDEVICE_CONTEXT DeviceContext, _In_ UCHAR Block,
+                        _In_ USHORT Address, _In_reads_bytes_(Length) const UCHAR* Data, _In_ LONG Length);
 
 /* A text trace of the memory code: NvmType, the text and two numbers, sent
  * only while NvmType names a row. A null text sends nothing. */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-VOID NvmTrace(PDEVICE_CONTEXT DeviceContext, BOOLEAN Error, const CHAR* Text, ULONG First, ULONG Second);
+VOID NvmTrace(_In_ PDEVICE_CONTEXT DeviceContext, _In_ BOOLEAN Error, _In_opt_z_ const CHAR* Text, _In_ ULONG First,
+              _In_ ULONG Second);
 /* The two exit texts of a command: address and first byte (NVM_TRACE_NO_NUMBER
  * when the length leaves no byte), then length and status. */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-VOID NvmTraceExit(PDEVICE_CONTEXT DeviceContext, const CHAR* const Texts[2], USHORT Address, const UCHAR* Data,
-                  LONG Length, NTSTATUS Status);
+VOID NvmTraceExit(_In_ PDEVICE_CONTEXT DeviceContext, _In_reads_(2) const CHAR* const Texts[2], _In_ USHORT Address,
+                  _In_reads_bytes_(Length) const UCHAR* Data, _In_ LONG Length, _In_ NTSTATUS Status);
 
 EXTERN_C_END

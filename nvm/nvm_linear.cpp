@@ -41,15 +41,20 @@ static_assert(sizeof(NVM_LINEAR_MEMBER) == 160, "NVM_LINEAR_MEMBER layout");
 #endif
 
 EXTERN_C_START
-static BOOLEAN NvmLinearInRange(LONG Size, USHORT Address, LONG Length);
-static NTSTATUS NvmLinearPrepare(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, USHORT Address,
-                                 LONG Length, const CHAR* RangeText);
-static NTSTATUS NvmLinearRead(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, USHORT Address,
-                              PUCHAR Buffer, LONG Length);
-static NTSTATUS NvmLinearWritePages(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, USHORT Address,
-                                    const UCHAR* Data, LONG Length);
-static NTSTATUS NvmLinearWrite(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, USHORT Address,
-                               const UCHAR* Data, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static BOOLEAN NvmLinearInRange(_In_ LONG Size, _In_ USHORT Address, _In_ LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS NvmLinearPrepare(_In_ const NVM_LINEAR_MEMBER* Member, _Inout_ PDEVICE_CONTEXT DeviceContext,
+                                 _In_ USHORT Address, _In_ LONG Length, _In_opt_z_ const CHAR* RangeText);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS NvmLinearRead(_In_ const NVM_LINEAR_MEMBER* Member, _Inout_ PDEVICE_CONTEXT DeviceContext,
+                              _In_ USHORT Address, _Out_writes_bytes_(Length) PUCHAR Buffer, _In_ LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS NvmLinearWritePages(_In_ const NVM_LINEAR_MEMBER* Member, _In_ PDEVICE_CONTEXT DeviceContext,
+                                    _In_ USHORT Address, _In_reads_bytes_(Length) const UCHAR* Data, _In_ LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS NvmLinearWrite(_In_ const NVM_LINEAR_MEMBER* Member, _Inout_ PDEVICE_CONTEXT DeviceContext,
+                               _In_ USHORT Address, _In_reads_bytes_(Length) const UCHAR* Data, _In_ LONG Length);
 EXTERN_C_END
 
 // They wait on BusLock and send synchronous bus requests: passive level.
@@ -104,6 +109,7 @@ static const NVM_LINEAR_MEMBER NvmLinearM24c64 = {
 
 /* The range rule of both members: at least one byte, none past the end
  * (the sum cannot overflow in 64 bits). */
+_Use_decl_annotations_
 static BOOLEAN NvmLinearInRange(LONG Size, USHORT Address, LONG Length)
 {
     PAGED_CODE();
@@ -113,6 +119,7 @@ static BOOLEAN NvmLinearInRange(LONG Size, USHORT Address, LONG Length)
 
 /* Under BusLock: the geometry and range checks, then slot 2 opened. A null
  * RangeText: the range was checked before the lock. */
+_Use_decl_annotations_
 static NTSTATUS NvmLinearPrepare(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, USHORT Address,
                                  LONG Length, const CHAR* RangeText)
 {
@@ -140,6 +147,7 @@ static NTSTATUS NvmLinearPrepare(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEX
     return status;
 }
 
+_Use_decl_annotations_
 static NTSTATUS NvmLinearRead(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, USHORT Address,
                               PUCHAR Buffer, LONG Length)
 {
@@ -184,6 +192,7 @@ static NTSTATUS NvmLinearRead(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT D
 /* The data cut at page boundaries: the rest of the first page, whole
  * chunks, then the tail. Every chunk lies inside one write page, because a
  * part rolls a page write over within its page. */
+_Use_decl_annotations_
 static NTSTATUS NvmLinearWritePages(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, USHORT Address,
                                     const UCHAR* Data, LONG Length)
 {
@@ -238,6 +247,7 @@ static NTSTATUS NvmLinearWritePages(const NVM_LINEAR_MEMBER* Member, PDEVICE_CON
     return status;
 }
 
+_Use_decl_annotations_
 static NTSTATUS NvmLinearWrite(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT DeviceContext, USHORT Address,
                                const UCHAR* Data, LONG Length)
 {
@@ -271,24 +281,28 @@ static NTSTATUS NvmLinearWrite(const NVM_LINEAR_MEMBER* Member, PDEVICE_CONTEXT 
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS CmdRead(PDEVICE_CONTEXT DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length)
 {
     PAGED_CODE();
     return NvmLinearRead(&NvmLinearGeneric, DeviceContext, Address, Buffer, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS CmdWrite(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* Data, LONG Length)
 {
     PAGED_CODE();
     return NvmLinearWrite(&NvmLinearGeneric, DeviceContext, Address, Data, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS Cmd_M24c64Read(PDEVICE_CONTEXT DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length)
 {
     PAGED_CODE();
     return NvmLinearRead(&NvmLinearM24c64, DeviceContext, Address, Buffer, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS Cmd_M24c64Write(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* Data, LONG Length)
 {
     PAGED_CODE();

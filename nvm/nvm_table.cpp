@@ -11,8 +11,11 @@ static const GUID NvmTableTraceGuid = {0x5c0e61a2, 0x4b7d, 0x4e39, {0x9a, 0x1f, 
 TRACE_MODULE(NvmTableTraceGuid);
 
 EXTERN_C_START
-static NTSTATUS NvmFillCache(PDEVICE_CONTEXT DeviceContext, ULONG Length);
-static NTSTATUS NvmStub(PDEVICE_CONTEXT DeviceContext, USHORT Address, const VOID* Buffer, LONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS NvmFillCache(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ ULONG Length);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS NvmStub(_In_ PDEVICE_CONTEXT DeviceContext, _In_ USHORT Address, _In_ const VOID* Buffer,
+                        _In_ LONG Length);
 EXTERN_C_END
 
 // The load, the cache copy and the traces run inside commands that wait on
@@ -72,6 +75,7 @@ static_assert(NvmRowsAgreeWithTheirParts(), "an NVM_DRIVER row disagrees with it
 
 /* Reads the selected memory into the cache. Types without a read (0 to 2,
  * and any number past the table) have nothing to load. */
+_Use_decl_annotations_
 static NTSTATUS NvmFillCache(PDEVICE_CONTEXT DeviceContext, ULONG Length)
 {
     PAGED_CODE();
@@ -96,6 +100,7 @@ static NTSTATUS NvmFillCache(PDEVICE_CONTEXT DeviceContext, ULONG Length)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS NvmLoad(PDEVICE_CONTEXT DeviceContext, PULONG Size, PUCHAR Buffer)
 {
     PAGED_CODE();
@@ -133,6 +138,7 @@ NTSTATUS NvmLoad(PDEVICE_CONTEXT DeviceContext, PULONG Size, PUCHAR Buffer)
     return status;
 }
 
+_Use_decl_annotations_
 VOID NvmCacheWrite(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* Data, LONG Length)
 {
     PAGED_CODE();
@@ -148,6 +154,7 @@ VOID NvmCacheWrite(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* D
 
 /* Types 3 and 4 have no memory behind them: the operations accept the call
  * and move nothing. */
+_Use_decl_annotations_
 static NTSTATUS NvmStub(PDEVICE_CONTEXT DeviceContext, USHORT Address, const VOID* Buffer, LONG Length)
 {
     PAGED_CODE();
@@ -157,18 +164,21 @@ static NTSTATUS NvmStub(PDEVICE_CONTEXT DeviceContext, USHORT Address, const VOI
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS NvmStubRead(PDEVICE_CONTEXT DeviceContext, USHORT Address, PUCHAR Buffer, LONG Length)
 {
     PAGED_CODE();
     return NvmStub(DeviceContext, Address, Buffer, Length);
 }
 
+_Use_decl_annotations_
 NTSTATUS NvmStubWrite(PDEVICE_CONTEXT DeviceContext, USHORT Address, const UCHAR* Data, LONG Length)
 {
     PAGED_CODE();
     return NvmStub(DeviceContext, Address, Data, Length);
 }
 
+_Use_decl_annotations_
 VOID NvmTrace(PDEVICE_CONTEXT DeviceContext, BOOLEAN Error, const CHAR* Text, ULONG First, ULONG Second)
 {
     PAGED_CODE();
@@ -183,6 +193,7 @@ VOID NvmTrace(PDEVICE_CONTEXT DeviceContext, BOOLEAN Error, const CHAR* Text, UL
     }
 }
 
+_Use_decl_annotations_
 VOID NvmTraceExit(PDEVICE_CONTEXT DeviceContext, const CHAR* const Texts[2], USHORT Address, const UCHAR* Data,
                   LONG Length, NTSTATUS Status)
 {

@@ -30,12 +30,14 @@ extern const PDAF_SIZE PdafSizeTable[PDAF_SIZE_ROWS];
 
 /* The capability mode in bits 3-5 of the word at byte 8; the other bits of
  * the record are the template's and are never touched. */
-inline ULONG GetCapsMode(const SENSOR_CAPS* Caps)
+_IRQL_requires_max_(DISPATCH_LEVEL)
+inline ULONG GetCapsMode(_In_ const SENSOR_CAPS* Caps)
 {
     return (Caps->ModeFlags & SENSOR_CAPS_MODE_MASK) >> SENSOR_CAPS_MODE_SHIFT;
 }
 
-inline VOID SetCapsMode(PSENSOR_CAPS Caps, ULONG Mode)
+_IRQL_requires_max_(DISPATCH_LEVEL)
+inline VOID SetCapsMode(_Inout_ PSENSOR_CAPS Caps, _In_ ULONG Mode)
 {
     Caps->ModeFlags = (Caps->ModeFlags & ~SENSOR_CAPS_MODE_MASK) | ((Mode << SENSOR_CAPS_MODE_SHIFT) & SENSOR_CAPS_MODE_MASK);
 }

@@ -69,7 +69,8 @@ WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(DEVICE_CONTEXT, GetDeviceContext)
 /* Gives every member its starting value during device add; pageable, so C
  * linkage for the Windows build's section pragma. */
 EXTERN_C_START
-VOID InitSensorContext(PDEVICE_CONTEXT DeviceContext);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+VOID InitSensorContext(_Inout_ PDEVICE_CONTEXT DeviceContext);
 EXTERN_C_END
 
 /* Identity of a sensor that no hardware identifier names. */

@@ -15,6 +15,7 @@ TRACE_MODULE(InterfaceTraceGuid);
 #pragma alloc_text(PAGE, InitSensorInterface)
 #endif
 
+_Use_decl_annotations_
 NTSTATUS InitSensorInterface(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();

@@ -62,7 +62,8 @@ static constexpr MODE_TABLE_EDIT VideoEdit = {6, 19, FALSE};    // 4096 x 3072 a
 static constexpr MODE_TABLE_EDIT PreviewEdit = {6, 19, TRUE};   // 4096 x 3072 moved after 4032 x 1136
 static constexpr MODE_TABLE_EDIT RawEdit = {NO_EDIT, 0, FALSE};
 
-static constexpr ULONG EditedRowCount(const MODE_TABLE_EDIT& Edit)
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static constexpr ULONG EditedRowCount(_In_ const MODE_TABLE_EDIT& Edit)
 {
     return (Edit.Source == NO_EDIT || Edit.Move) ? BaseModeCount : BaseModeCount + 1;
 }
@@ -73,7 +74,8 @@ struct MODE_TABLE_IMAGE {
     SENSOR_MODE Row[Rows + 1];
 };
 
-static constexpr SENSOR_MODE ModeRow(const BASE_MODE& Mode)
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static constexpr SENSOR_MODE ModeRow(_In_ const BASE_MODE& Mode)
 {
     SENSOR_MODE row{};
     row.Width = Mode.Width;
@@ -86,7 +88,8 @@ static constexpr SENSOR_MODE ModeRow(const BASE_MODE& Mode)
 }
 
 template <ULONG Rows>
-static constexpr MODE_TABLE_IMAGE<Rows> BuildModeTable(const MODE_TABLE_EDIT& Edit)
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static constexpr MODE_TABLE_IMAGE<Rows> BuildModeTable(_In_ const MODE_TABLE_EDIT& Edit)
 {
     static_assert(Rows < MODE_TABLE_ROW_LIMIT, "a shipped table must end before the row limit");
     MODE_TABLE_IMAGE<Rows> table{};
@@ -158,7 +161,8 @@ const PDAF_MODE PdafModes[PDAF_MODE_CAPACITY] = {
 
 /* Rows in use from row 0 up to the terminating row, at most
  * MODE_TABLE_ROW_LIMIT; 0 for a missing table. */
-static ULONG CountModeRows(const SENSOR_MODE* Table)
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static ULONG CountModeRows(_In_opt_ const SENSOR_MODE* Table)
 {
     ULONG count = 0;
     if (Table != NULL) {
@@ -169,6 +173,7 @@ static ULONG CountModeRows(const SENSOR_MODE* Table)
     return count;
 }
 
+_Use_decl_annotations_
 NTSTATUS BuildModeLists(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();
@@ -210,6 +215,7 @@ NTSTATUS BuildModeLists(PDEVICE_CONTEXT DeviceContext)
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 NTSTATUS BuildPdafList(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();

@@ -68,7 +68,7 @@ extern const PDAF_MODE PdafModes[PDAF_MODE_CAPACITY];
  * pageable code (C linkage for the Windows build's section pragmas). */
 EXTERN_C_START
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS BuildModeLists(PDEVICE_CONTEXT DeviceContext);
+NTSTATUS BuildModeLists(_In_ PDEVICE_CONTEXT DeviceContext);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS BuildPdafList(PDEVICE_CONTEXT DeviceContext);
+NTSTATUS BuildPdafList(_In_ PDEVICE_CONTEXT DeviceContext);
 EXTERN_C_END

@@ -21,6 +21,7 @@ TRACE_MODULE(RegistryTraceGuid);
 
 UNICODE_STRING DriverRegistryPath;
 
+_Use_decl_annotations_
 NTSTATUS SaveRegistryPath(PCUNICODE_STRING RegistryPath)
 {
     if (RegistryPath == NULL) {
@@ -55,6 +56,7 @@ NTSTATUS SaveRegistryPath(PCUNICODE_STRING RegistryPath)
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 VOID FreeRegistryPath(VOID)
 {
     PAGED_CODE();
@@ -71,6 +73,7 @@ VOID FreeRegistryPath(VOID)
 // query and counts as absent.
 #define REGISTRY_QUERY_BUFFER_SIZE 4096
 
+_Use_decl_annotations_
 NTSTATUS ReadRegistryValue(PCUNICODE_STRING KeyPath, PCSTR ValueName, ULONG ExpectedType, PVOID Buffer,
                            PULONG Length)
 {
@@ -162,7 +165,8 @@ static const struct {
 #define MIPI_DATA_FORMAT_PDAF_FLAGGED 13
 #define MIPI_DATA_FORMAT_PDAF_PLAIN   12
 
-static VOID StoreRegistryValue(PDEVICE_CONTEXT DeviceContext, REGISTRY_TARGET Target, ULONG Value)
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static VOID StoreRegistryValue(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ REGISTRY_TARGET Target, _In_ ULONG Value)
 {
     switch (Target) {
     case RegistryMipiLanes:
@@ -196,6 +200,7 @@ static VOID StoreRegistryValue(PDEVICE_CONTEXT DeviceContext, REGISTRY_TARGET Ta
     }
 }
 
+_Use_decl_annotations_
 VOID ReadRegistryConfiguration(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();

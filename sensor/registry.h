@@ -15,14 +15,14 @@ extern UNICODE_STRING DriverRegistryPath;
 EXTERN_C_START
 
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS SaveRegistryPath(PCUNICODE_STRING RegistryPath);
+NTSTATUS SaveRegistryPath(_In_ PCUNICODE_STRING RegistryPath);
 _IRQL_requires_max_(PASSIVE_LEVEL)
 VOID FreeRegistryPath(VOID);
 
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS ReadRegistryValue(PCUNICODE_STRING KeyPath, PCSTR ValueName, ULONG ExpectedType, PVOID Buffer,
-                           PULONG Length);
+NTSTATUS ReadRegistryValue(_In_ PCUNICODE_STRING KeyPath, _In_z_ PCSTR ValueName, _In_ ULONG ExpectedType,
+                           _Out_writes_bytes_to_(*Length, *Length) PVOID Buffer, _Inout_ PULONG Length);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-VOID ReadRegistryConfiguration(PDEVICE_CONTEXT DeviceContext);
+VOID ReadRegistryConfiguration(_Inout_ PDEVICE_CONTEXT DeviceContext);
 
 EXTERN_C_END

@@ -37,7 +37,8 @@ TRACE_MODULE(SensorTraceGuid);
 
 // Hands out the address of a driver-wide record the caller only reads.
 template <typename T>
-static NTSTATUS HandOutRecord(PDEVICE_CONTEXT DeviceContext, const T** Result, const T* Record)
+_IRQL_requires_max_(DISPATCH_LEVEL)
+static NTSTATUS HandOutRecord(_In_ PDEVICE_CONTEXT DeviceContext, _Outptr_ const T** Result, _In_ const T* Record)
 {
     if (DeviceContext == NULL || Result == NULL) {
         return STATUS_INVALID_PARAMETER;
@@ -48,6 +49,7 @@ static NTSTATUS HandOutRecord(PDEVICE_CONTEXT DeviceContext, const T** Result, c
 
 /* ---- Mode selection and mode information ---- */
 
+_Use_decl_annotations_
 NTSTATUS GetModeTables(PDEVICE_CONTEXT DeviceContext, const MODE_LIST** Still, const MODE_LIST** Video,
                        const MODE_LIST** Preview, const MODE_LIST** Raw)
 {
@@ -64,6 +66,7 @@ NTSTATUS GetModeTables(PDEVICE_CONTEXT DeviceContext, const MODE_LIST** Still, c
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS GetPdafTable(PDEVICE_CONTEXT DeviceContext, const MODE_LIST** List)
 {
     NTSTATUS status = HandOutRecord(DeviceContext, List, (const MODE_LIST*)&PdafList);
@@ -71,6 +74,7 @@ NTSTATUS GetPdafTable(PDEVICE_CONTEXT DeviceContext, const MODE_LIST** List)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS SelectMode(PDEVICE_CONTEXT DeviceContext, LONG TableIndex, LONG MinWidth, LONG MinHeight, LONG FrameRate)
 {
     TraceEvents(TRACE_INFO, "SelectMode %d x %d at %d", MinWidth, MinHeight, FrameRate);
@@ -130,6 +134,7 @@ NTSTATUS SelectMode(PDEVICE_CONTEXT DeviceContext, LONG TableIndex, LONG MinWidt
 
 #define MODE_INFO_SIGNATURE 0x09FCD140
 
+_Use_decl_annotations_
 NTSTATUS GetModeInfo(PDEVICE_CONTEXT DeviceContext, PULONG Size, PSENSOR_MODE_INFO Info)
 {
     if (DeviceContext == NULL || Size == NULL || Info == NULL) {
@@ -183,11 +188,13 @@ NTSTATUS GetModeInfo(PDEVICE_CONTEXT DeviceContext, PULONG Size, PSENSOR_MODE_IN
 
 /* Two consecutive words of a record as one 64-bit value, the first word in
  * the low half (both targets are little-endian). */
-static inline LONG64 CapsPair(ULONG First, ULONG Second)
+_IRQL_requires_max_(DISPATCH_LEVEL)
+static inline LONG64 CapsPair(_In_ ULONG First, _In_ ULONG Second)
 {
     return (LONG64)(((ULONG64)Second << 32) | First);
 }
 
+_Use_decl_annotations_
 NTSTATUS GetSensorCaps(PDEVICE_CONTEXT DeviceContext, PSENSOR_CAPS Caps)
 {
     if (DeviceContext == NULL || Caps == NULL) {
@@ -229,6 +236,7 @@ NTSTATUS GetSensorCaps(PDEVICE_CONTEXT DeviceContext, PSENSOR_CAPS Caps)
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 NTSTATUS GetSensorParameters(PDEVICE_CONTEXT DeviceContext, const SENSOR_PARAMETERS** Parameters)
 {
     NTSTATUS status = HandOutRecord(DeviceContext, Parameters, (const SENSOR_PARAMETERS*)&SensorParameters);
@@ -238,6 +246,7 @@ NTSTATUS GetSensorParameters(PDEVICE_CONTEXT DeviceContext, const SENSOR_PARAMET
 
 #define PARAMETER_WORD_LOW 30000
 
+_Use_decl_annotations_
 NTSTATUS GetParameterWord(PDEVICE_CONTEXT DeviceContext, PULONG Value)
 {
     if (DeviceContext == NULL || Value == NULL) {
@@ -250,6 +259,7 @@ NTSTATUS GetParameterWord(PDEVICE_CONTEXT DeviceContext, PULONG Value)
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 NTSTATUS GetPdafInfo(PDEVICE_CONTEXT DeviceContext, PPDAF_INFO* Info)
 {
     NTSTATUS status;
@@ -310,6 +320,7 @@ static const struct {
     {FIELD_OFFSET(SENSOR_MODULE_INFO, VendorName), sizeof(SENSOR_MODULE_INFO::VendorName), "ORVEX"},
 };
 
+_Use_decl_annotations_
 NTSTATUS GetModuleInfo(PDEVICE_CONTEXT DeviceContext, PSENSOR_MODULE_INFO Info)
 {
     if (DeviceContext == NULL || Info == NULL) {
@@ -332,6 +343,7 @@ NTSTATUS GetModuleInfo(PDEVICE_CONTEXT DeviceContext, PSENSOR_MODULE_INFO Info)
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 VOID GetMipiConfig(PDEVICE_CONTEXT DeviceContext, PULONG Port, PULONG Lanes, PULONG Format)
 {
     if (DeviceContext == NULL) {
@@ -348,6 +360,7 @@ VOID GetMipiConfig(PDEVICE_CONTEXT DeviceContext, PULONG Port, PULONG Lanes, PUL
     TraceEvents(TRACE_INFO, "GetMipiConfig port %u lanes %u format %u", *Port, *Lanes, *Format);
 }
 
+_Use_decl_annotations_
 NTSTATUS QueryProperty(PDEVICE_CONTEXT DeviceContext, LONG Id, PULONG Value)
 {
     NTSTATUS status;
@@ -365,6 +378,7 @@ NTSTATUS QueryProperty(PDEVICE_CONTEXT DeviceContext, LONG Id, PULONG Value)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS GetAuxFlag(PDEVICE_CONTEXT DeviceContext, PULONG Value)
 {
     if (DeviceContext == NULL || Value == NULL) {
@@ -381,6 +395,7 @@ NTSTATUS GetAuxFlag(PDEVICE_CONTEXT DeviceContext, PULONG Value)
 // The framework's reference tracking records the caller as this module.
 #define POWER_REFERENCE_MODULE ((PCHAR) "sensor")
 
+_Use_decl_annotations_
 NTSTATUS PowerUp(PDEVICE_CONTEXT DeviceContext)
 {
     if (DeviceContext == NULL) {
@@ -400,6 +415,7 @@ NTSTATUS PowerUp(PDEVICE_CONTEXT DeviceContext)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS PowerDown(PDEVICE_CONTEXT DeviceContext)
 {
     if (DeviceContext == NULL) {
@@ -415,6 +431,7 @@ NTSTATUS PowerDown(PDEVICE_CONTEXT DeviceContext)
 
 /* ---- Accepted requests: validated and traced, the sensor is not touched ---- */
 
+_Use_decl_annotations_
 NTSTATUS AcceptRecord(PDEVICE_CONTEXT DeviceContext, PULONG Record)
 {
     if (DeviceContext == NULL || Record == NULL) {
@@ -424,6 +441,7 @@ NTSTATUS AcceptRecord(PDEVICE_CONTEXT DeviceContext, PULONG Record)
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 NTSTATUS AcceptEntry(PDEVICE_CONTEXT DeviceContext, PSENSOR_ENTRY Entry)
 {
     NTSTATUS status = DeviceContext != NULL ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
@@ -437,6 +455,7 @@ NTSTATUS AcceptEntry(PDEVICE_CONTEXT DeviceContext, PSENSOR_ENTRY Entry)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS AcceptPointer(PDEVICE_CONTEXT DeviceContext, PVOID Pointer)
 {
     NTSTATUS status = (DeviceContext != NULL && Pointer != NULL) ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
@@ -445,6 +464,7 @@ NTSTATUS AcceptPointer(PDEVICE_CONTEXT DeviceContext, PVOID Pointer)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS AcceptValue(PDEVICE_CONTEXT DeviceContext, PULONG Value)
 {
     NTSTATUS status = (DeviceContext != NULL && Value != NULL) ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
@@ -453,6 +473,7 @@ NTSTATUS AcceptValue(PDEVICE_CONTEXT DeviceContext, PULONG Value)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS AcceptPair(PDEVICE_CONTEXT DeviceContext, ULONG First, ULONG Second)
 {
     NTSTATUS status = STATUS_INVALID_PARAMETER;
@@ -465,6 +486,7 @@ NTSTATUS AcceptPair(PDEVICE_CONTEXT DeviceContext, ULONG First, ULONG Second)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS AcceptNotice(PDEVICE_CONTEXT DeviceContext)
 {
     NTSTATUS status = STATUS_INVALID_PARAMETER;
@@ -477,6 +499,7 @@ NTSTATUS AcceptNotice(PDEVICE_CONTEXT DeviceContext)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS AcceptEntryList(PDEVICE_CONTEXT DeviceContext, PSENSOR_ENTRY Entries, USHORT Count)
 {
     if (Entries == NULL) {

@@ -11,56 +11,60 @@
  * identification status. */
 EXTERN_C_START
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS InitSensorInterface(PDEVICE_CONTEXT DeviceContext);
+NTSTATUS InitSensorInterface(_Inout_ PDEVICE_CONTEXT DeviceContext);
 EXTERN_C_END
 
 /* Mode selection and mode information */
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS GetModeTables(PDEVICE_CONTEXT DeviceContext, const MODE_LIST** Still, const MODE_LIST** Video,
-                       const MODE_LIST** Preview, const MODE_LIST** Raw);
+NTSTATUS GetModeTables(_In_ PDEVICE_CONTEXT DeviceContext, _Outptr_ const MODE_LIST** Still,
+                       _Outptr_ const MODE_LIST** Video, _Outptr_ const MODE_LIST** Preview,
+                       _Outptr_ const MODE_LIST** Raw);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS GetPdafTable(PDEVICE_CONTEXT DeviceContext, const MODE_LIST** List);
+NTSTATUS GetPdafTable(_In_ PDEVICE_CONTEXT DeviceContext, _Outptr_ const MODE_LIST** List);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS SelectMode(PDEVICE_CONTEXT DeviceContext, LONG TableIndex, LONG MinWidth, LONG MinHeight, LONG FrameRate);
+NTSTATUS SelectMode(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ LONG TableIndex, _In_ LONG MinWidth,
+                    _In_ LONG MinHeight, _In_ LONG FrameRate);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS GetModeInfo(PDEVICE_CONTEXT DeviceContext, PULONG Size, PSENSOR_MODE_INFO Info);
+NTSTATUS GetModeInfo(_In_ PDEVICE_CONTEXT DeviceContext, _Inout_ PULONG Size,
+                     _Out_writes_bytes_to_(*Size, *Size) PSENSOR_MODE_INFO Info);
 
 /* Sensor description */
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS GetSensorCaps(PDEVICE_CONTEXT DeviceContext, PSENSOR_CAPS Caps);
+NTSTATUS GetSensorCaps(_Inout_ PDEVICE_CONTEXT DeviceContext, _Inout_ PSENSOR_CAPS Caps);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS GetSensorParameters(PDEVICE_CONTEXT DeviceContext, const SENSOR_PARAMETERS** Parameters);
+NTSTATUS GetSensorParameters(_In_ PDEVICE_CONTEXT DeviceContext, _Outptr_ const SENSOR_PARAMETERS** Parameters);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS GetParameterWord(PDEVICE_CONTEXT DeviceContext, PULONG Value);
+NTSTATUS GetParameterWord(_In_ PDEVICE_CONTEXT DeviceContext, _Out_ PULONG Value);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS GetPdafInfo(PDEVICE_CONTEXT DeviceContext, PPDAF_INFO* Info);
+NTSTATUS GetPdafInfo(_In_ PDEVICE_CONTEXT DeviceContext, _In_ _At_(*Info, _Inout_) PPDAF_INFO* Info);
 
 /* Module information and link */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS GetModuleInfo(PDEVICE_CONTEXT DeviceContext, PSENSOR_MODULE_INFO Info);
+NTSTATUS GetModuleInfo(_In_ PDEVICE_CONTEXT DeviceContext, _Out_ PSENSOR_MODULE_INFO Info);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-VOID GetMipiConfig(PDEVICE_CONTEXT DeviceContext, PULONG Port, PULONG Lanes, PULONG Format);
+VOID GetMipiConfig(_In_ PDEVICE_CONTEXT DeviceContext, _Out_ PULONG Port, _Out_ PULONG Lanes, _Out_ PULONG Format);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS QueryProperty(PDEVICE_CONTEXT DeviceContext, LONG Id, PULONG Value);
+NTSTATUS QueryProperty(_In_ PDEVICE_CONTEXT DeviceContext, _In_ LONG Id, _Out_ PULONG Value);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS GetAuxFlag(PDEVICE_CONTEXT DeviceContext, PULONG Value);
+NTSTATUS GetAuxFlag(_In_ PDEVICE_CONTEXT DeviceContext, _Out_ PULONG Value);
 
 /* Power reference and accepted requests */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS PowerUp(PDEVICE_CONTEXT DeviceContext);
+NTSTATUS PowerUp(_In_ PDEVICE_CONTEXT DeviceContext);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS PowerDown(PDEVICE_CONTEXT DeviceContext);
+NTSTATUS PowerDown(_In_ PDEVICE_CONTEXT DeviceContext);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS AcceptRecord(PDEVICE_CONTEXT DeviceContext, PULONG Record);
+NTSTATUS AcceptRecord(_In_ PDEVICE_CONTEXT DeviceContext, _In_reads_(4) PULONG Record);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS AcceptEntry(PDEVICE_CONTEXT DeviceContext, PSENSOR_ENTRY Entry);
+NTSTATUS AcceptEntry(_In_ PDEVICE_CONTEXT DeviceContext, _In_opt_ PSENSOR_ENTRY Entry);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS AcceptPointer(PDEVICE_CONTEXT DeviceContext, PVOID Pointer);
+NTSTATUS AcceptPointer(_In_ PDEVICE_CONTEXT DeviceContext, _In_ PVOID Pointer);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS AcceptValue(PDEVICE_CONTEXT DeviceContext, PULONG Value);
+NTSTATUS AcceptValue(_In_ PDEVICE_CONTEXT DeviceContext, _In_ PULONG Value);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS AcceptPair(PDEVICE_CONTEXT DeviceContext, ULONG First, ULONG Second);
+NTSTATUS AcceptPair(_In_ PDEVICE_CONTEXT DeviceContext, _In_ ULONG First, _In_ ULONG Second);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS AcceptNotice(PDEVICE_CONTEXT DeviceContext);
+NTSTATUS AcceptNotice(_In_ PDEVICE_CONTEXT DeviceContext);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-NTSTATUS AcceptEntryList(PDEVICE_CONTEXT DeviceContext, PSENSOR_ENTRY Entries, USHORT Count);
+NTSTATUS AcceptEntryList(_In_ PDEVICE_CONTEXT DeviceContext, _In_reads_(Count) PSENSOR_ENTRY Entries,
+                         _In_ USHORT Count);

@@ -165,29 +165,49 @@ SENSOR_LAYOUT_ASSERT(sizeof(SENSOR_ENTRY) == 12, "SENSOR_ENTRY layout");
 struct _DEVICE_CONTEXT;
 typedef struct _DEVICE_CONTEXT* PSENSOR_CONTEXT;
 
-typedef NTSTATUS (*PFN_SENSOR_ACCEPT_RECORD)(PSENSOR_CONTEXT Context, PULONG Record);
-typedef NTSTATUS (*PFN_SENSOR_GET_SENSOR_CAPS)(PSENSOR_CONTEXT Context, PSENSOR_CAPS Caps);
-typedef VOID (*PFN_SENSOR_GET_MIPI_CONFIG)(PSENSOR_CONTEXT Context, PULONG Port, PULONG Lanes, PULONG Format);
-typedef NTSTATUS (*PFN_SENSOR_GET_SENSOR_PARAMETERS)(PSENSOR_CONTEXT Context, const SENSOR_PARAMETERS** Parameters);
-typedef NTSTATUS (*PFN_SENSOR_GET_MODE_TABLES)(PSENSOR_CONTEXT Context, const MODE_LIST** Still, const MODE_LIST** Video,
-                                              const MODE_LIST** Preview, const MODE_LIST** Raw);
-typedef NTSTATUS (*PFN_SENSOR_GET_PDAF_TABLE)(PSENSOR_CONTEXT Context, const MODE_LIST** List);
-typedef NTSTATUS (*PFN_SENSOR_SELECT_MODE)(PSENSOR_CONTEXT Context, LONG TableIndex, LONG MinWidth, LONG MinHeight,
-                                          LONG FrameRate);
-typedef NTSTATUS (*PFN_SENSOR_ACCEPT_ENTRY)(PSENSOR_CONTEXT Context, PSENSOR_ENTRY Entry);
-typedef NTSTATUS (*PFN_SENSOR_ACCEPT_POINTER)(PSENSOR_CONTEXT Context, PVOID Pointer);
-typedef NTSTATUS (*PFN_SENSOR_ACCEPT_VALUE)(PSENSOR_CONTEXT Context, PULONG Value);
-typedef NTSTATUS (*PFN_SENSOR_ACCEPT_PAIR)(PSENSOR_CONTEXT Context, ULONG First, ULONG Second);
-typedef NTSTATUS (*PFN_SENSOR_ACCEPT_NOTICE)(PSENSOR_CONTEXT Context);
-typedef NTSTATUS (*PFN_SENSOR_GET_MODE_INFO)(PSENSOR_CONTEXT Context, PULONG Size, PSENSOR_MODE_INFO Info);
-typedef NTSTATUS (*PFN_SENSOR_POWER_UP)(PSENSOR_CONTEXT Context);
-typedef NTSTATUS (*PFN_SENSOR_POWER_DOWN)(PSENSOR_CONTEXT Context);
-typedef NTSTATUS (*PFN_SENSOR_GET_AUX_FLAG)(PSENSOR_CONTEXT Context, PULONG Value);
-typedef NTSTATUS (*PFN_SENSOR_GET_PARAMETER_WORD)(PSENSOR_CONTEXT Context, PULONG Value);
-typedef NTSTATUS (*PFN_SENSOR_GET_MODULE_INFO)(PSENSOR_CONTEXT Context, PSENSOR_MODULE_INFO Info);
-typedef NTSTATUS (*PFN_SENSOR_QUERY_PROPERTY)(PSENSOR_CONTEXT Context, LONG Id, PULONG Value);
-typedef NTSTATUS (*PFN_SENSOR_GET_PDAF_INFO)(PSENSOR_CONTEXT Context, PPDAF_INFO* Info);
-typedef NTSTATUS (*PFN_SENSOR_ACCEPT_ENTRY_LIST)(PSENSOR_CONTEXT Context, PSENSOR_ENTRY Entries, USHORT Count);
+/* The operations, as the camera driver calls them: the highest level each
+ * may be called at and what it does with each argument. */
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_ACCEPT_RECORD)(
+    _In_ PSENSOR_CONTEXT Context, _In_reads_(4) PULONG Record);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_GET_SENSOR_CAPS)(
+    _Inout_ PSENSOR_CONTEXT Context, _Inout_ PSENSOR_CAPS Caps);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) VOID (*PFN_SENSOR_GET_MIPI_CONFIG)(
+    _In_ PSENSOR_CONTEXT Context, _Out_ PULONG Port, _Out_ PULONG Lanes, _Out_ PULONG Format);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_GET_SENSOR_PARAMETERS)(
+    _In_ PSENSOR_CONTEXT Context, _Outptr_ const SENSOR_PARAMETERS** Parameters);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_GET_MODE_TABLES)(
+    _In_ PSENSOR_CONTEXT Context, _Outptr_ const MODE_LIST** Still, _Outptr_ const MODE_LIST** Video,
+    _Outptr_ const MODE_LIST** Preview, _Outptr_ const MODE_LIST** Raw);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_GET_PDAF_TABLE)(
+    _In_ PSENSOR_CONTEXT Context, _Outptr_ const MODE_LIST** List);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_SELECT_MODE)(
+    _Inout_ PSENSOR_CONTEXT Context, _In_ LONG TableIndex, _In_ LONG MinWidth, _In_ LONG MinHeight,
+    _In_ LONG FrameRate);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_ACCEPT_ENTRY)(
+    _In_ PSENSOR_CONTEXT Context, _In_opt_ PSENSOR_ENTRY Entry);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_ACCEPT_POINTER)(
+    _In_ PSENSOR_CONTEXT Context, _In_ PVOID Pointer);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_ACCEPT_VALUE)(
+    _In_ PSENSOR_CONTEXT Context, _In_ PULONG Value);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_ACCEPT_PAIR)(
+    _In_ PSENSOR_CONTEXT Context, _In_ ULONG First, _In_ ULONG Second);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_ACCEPT_NOTICE)(_In_ PSENSOR_CONTEXT Context);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_GET_MODE_INFO)(
+    _In_ PSENSOR_CONTEXT Context, _Inout_ PULONG Size, _Out_writes_bytes_to_(*Size, *Size) PSENSOR_MODE_INFO Info);
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS (*PFN_SENSOR_POWER_UP)(_In_ PSENSOR_CONTEXT Context);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_POWER_DOWN)(_In_ PSENSOR_CONTEXT Context);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_GET_AUX_FLAG)(
+    _In_ PSENSOR_CONTEXT Context, _Out_ PULONG Value);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_GET_PARAMETER_WORD)(
+    _In_ PSENSOR_CONTEXT Context, _Out_ PULONG Value);
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS (*PFN_SENSOR_GET_MODULE_INFO)(
+    _In_ PSENSOR_CONTEXT Context, _Out_ PSENSOR_MODULE_INFO Info);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_QUERY_PROPERTY)(
+    _In_ PSENSOR_CONTEXT Context, _In_ LONG Id, _Out_ PULONG Value);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_GET_PDAF_INFO)(
+    _In_ PSENSOR_CONTEXT Context, _In_ _At_(*Info, _Inout_) PPDAF_INFO* Info);
+typedef _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS (*PFN_SENSOR_ACCEPT_ENTRY_LIST)(
+    _In_ PSENSOR_CONTEXT Context, _In_reads_(Count) PSENSOR_ENTRY Entries, _In_ USHORT Count);
 
 typedef struct _SENSOR_INTERFACE {
     INTERFACE InterfaceHeader;                        /* 0: Size, Version, Context, references */

@@ -26,7 +26,8 @@ const GUID TraceControlGuid = {0xa85e7b83, 0x68e8, 0x492d, {0xb5, 0x06, 0x41, 0x
 static const CHAR TraceComponentName[] = "KORVANEL";
 
 /* A consumer enabled or disabled us: the session handle carries the flags. */
-static VOID TraceSetSession(BOOLEAN Enable, TRACEHANDLE Logger)
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static VOID TraceSetSession(_In_ BOOLEAN Enable, _In_ TRACEHANDLE Logger)
 {
     if (Enable) {
         TRACE_ENABLE_CONTEXT enableContext;
@@ -39,7 +40,9 @@ static VOID TraceSetSession(BOOLEAN Enable, TRACEHANDLE Logger)
     }
 }
 
-static VOID NTAPI TraceClassicCallback(LPCGUID Guid, UCHAR ControlCode, PVOID EnableContext, PVOID CallbackContext)
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static VOID NTAPI TraceClassicCallback(_In_ LPCGUID Guid, _In_ UCHAR ControlCode, _In_opt_ PVOID EnableContext,
+                                       _In_opt_ PVOID CallbackContext)
 {
     UNREFERENCED_PARAMETER(Guid);
     UNREFERENCED_PARAMETER(CallbackContext);
@@ -54,8 +57,10 @@ static VOID NTAPI TraceClassicCallback(LPCGUID Guid, UCHAR ControlCode, PVOID En
     }
 }
 
-static NTSTATUS NTAPI TraceWmiCallback(UCHAR MinorFunction, PVOID DataPath, ULONG BufferLength, PVOID Buffer,
-                                       PVOID Context, PULONG Size)
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS NTAPI TraceWmiCallback(_In_ UCHAR MinorFunction, _In_opt_ PVOID DataPath, _In_ ULONG BufferLength,
+                                       _Inout_updates_bytes_(BufferLength) PVOID Buffer, _In_opt_ PVOID Context,
+                                       _Out_opt_ PULONG Size)
 {
     UNREFERENCED_PARAMETER(DataPath);
     UNREFERENCED_PARAMETER(Context);
@@ -91,6 +96,7 @@ static NTSTATUS NTAPI TraceWmiCallback(UCHAR MinorFunction, PVOID DataPath, ULON
     }
 }
 
+_Use_decl_annotations_
 VOID TraceInitialize(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath)
 {
     UNREFERENCED_PARAMETER(DriverObject);
@@ -128,6 +134,7 @@ VOID TraceInitialize(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath)
     }
 }
 
+_Use_decl_annotations_
 VOID TraceCleanup(PDRIVER_OBJECT DriverObject)
 {
     PAGED_CODE();
@@ -144,6 +151,7 @@ VOID TraceCleanup(PDRIVER_OBJECT DriverObject)
 
 /* Arguments go out as (pointer, length) pairs after the component name; a
  * number is sent from its slot in the argument list. */
+_Use_decl_annotations_
 VOID TraceWrite(LPCGUID MessageGuid, USHORT MessageNumber, TRACE_ARGUMENT* Arguments, ULONG Count)
 {
     const VOID* d[TRACE_MAX_ARGUMENTS];

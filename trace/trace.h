@@ -43,15 +43,17 @@ extern const GUID TraceControlGuid;
 
 /* The enabled flags and the session, as an event on any thread reads them
  * while a consumer enables or disables us. */
+_IRQL_requires_max_(HIGH_LEVEL)
 inline ULONG TraceFlags(VOID) { return ReadULongNoFence(&TraceControl.Flags); }
+_IRQL_requires_max_(HIGH_LEVEL)
 inline TRACEHANDLE TraceLogger(VOID) { return (TRACEHANDLE)ReadNoFence64(&TraceControl.Logger); }
 
 /* Registration at driver entry, removal at driver-object cleanup. */
 EXTERN_C_START
 _IRQL_requires_max_(PASSIVE_LEVEL)
-VOID TraceInitialize(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath);
+VOID TraceInitialize(_In_ PDRIVER_OBJECT DriverObject, _In_ PCUNICODE_STRING RegistryPath);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-VOID TraceCleanup(PDRIVER_OBJECT DriverObject);
+VOID TraceCleanup(_In_ PDRIVER_OBJECT DriverObject);
 EXTERN_C_END
 
 /* ---- Event arguments ---- */
@@ -65,7 +67,8 @@ typedef struct _TRACE_ARGUMENT {
 
 #define TRACE_MAX_ARGUMENTS 8
 
-inline SIZE_T TraceTextBytes(const CHAR* Text, SIZE_T Capacity)
+_IRQL_requires_max_(HIGH_LEVEL)
+inline SIZE_T TraceTextBytes(_In_reads_or_z_(Capacity) const CHAR* Text, _In_ SIZE_T Capacity)
 {
     SIZE_T n = 0;
     while (n < Capacity && Text[n] != 0) {
@@ -74,7 +77,8 @@ inline SIZE_T TraceTextBytes(const CHAR* Text, SIZE_T Capacity)
     return n < Capacity ? n + 1 : Capacity;
 }
 
-inline SIZE_T TraceWideTextBytes(const WCHAR* Text, SIZE_T Capacity)
+_IRQL_requires_max_(HIGH_LEVEL)
+inline SIZE_T TraceWideTextBytes(_In_reads_or_z_(Capacity) const WCHAR* Text, _In_ SIZE_T Capacity)
 {
     SIZE_T n = 0;
     while (n < Capacity && Text[n] != 0) {
@@ -85,7 +89,8 @@ inline SIZE_T TraceWideTextBytes(const WCHAR* Text, SIZE_T Capacity)
 
 /* Numbers of up to 32 bits go out as 32-bit words, wider ones as 64-bit. */
 template <typename T>
-inline TRACE_ARGUMENT TraceArg(const T& Value)
+_IRQL_requires_max_(HIGH_LEVEL)
+inline TRACE_ARGUMENT TraceArg(_In_ const T& Value)
 {
     static_assert(sizeof(T) <= 8, "trace arguments are numbers, pointers or texts");
     if constexpr (sizeof(T) <= 4) {
@@ -95,47 +100,58 @@ inline TRACE_ARGUMENT TraceArg(const T& Value)
     }
 }
 template <typename T>
-inline TRACE_ARGUMENT TraceArg(T* const& Pointer)
+_IRQL_requires_max_(HIGH_LEVEL)
+inline TRACE_ARGUMENT TraceArg(_In_ T* const& Pointer)
 {
     return {nullptr, sizeof(PVOID), (ULONG64)(ULONG_PTR)Pointer};
 }
-inline TRACE_ARGUMENT TraceArg(const CHAR* const& Text)
+_IRQL_requires_max_(HIGH_LEVEL)
+inline TRACE_ARGUMENT TraceArg(_In_ const CHAR* const& Text)
 {
     static const CHAR Null[] = "NULL";
     const CHAR* t = Text ? Text : Null;
     return {t, TraceTextBytes(t, 0x7FFFFFFF), 0};
 }
-inline TRACE_ARGUMENT TraceArg(CHAR* const& Text) { return TraceArg((const CHAR* const&)Text); }
+_IRQL_requires_max_(HIGH_LEVEL)
+inline TRACE_ARGUMENT TraceArg(_In_ CHAR* const& Text) { return TraceArg((const CHAR* const&)Text); }
 template <SIZE_T N>
-inline TRACE_ARGUMENT TraceArg(const CHAR (&Text)[N])
+_IRQL_requires_max_(HIGH_LEVEL)
+inline TRACE_ARGUMENT TraceArg(_In_ const CHAR (&Text)[N])
 {
     return {Text, TraceTextBytes(Text, N), 0};
 }
 template <SIZE_T N>
-inline TRACE_ARGUMENT TraceArg(CHAR (&Text)[N])
+_IRQL_requires_max_(HIGH_LEVEL)
+inline TRACE_ARGUMENT TraceArg(_In_ CHAR (&Text)[N])
 {
     return {Text, TraceTextBytes(Text, N), 0};
 }
-inline TRACE_ARGUMENT TraceArg(const WCHAR* const& Text)
+_IRQL_requires_max_(HIGH_LEVEL)
+inline TRACE_ARGUMENT TraceArg(_In_ const WCHAR* const& Text)
 {
     static const WCHAR Null[] = WIDE("NULL");
     const WCHAR* t = Text ? Text : Null;
     return {t, TraceWideTextBytes(t, 0x7FFFFFFF), 0};
 }
-inline TRACE_ARGUMENT TraceArg(WCHAR* const& Text) { return TraceArg((const WCHAR* const&)Text); }
+_IRQL_requires_max_(HIGH_LEVEL)
+inline TRACE_ARGUMENT TraceArg(_In_ WCHAR* const& Text) { return TraceArg((const WCHAR* const&)Text); }
 /* A counted string goes out as its characters and a terminator-free length. */
-inline TRACE_ARGUMENT TraceArg(const UNICODE_STRING& Text)
+_IRQL_requires_max_(HIGH_LEVEL)
+inline TRACE_ARGUMENT TraceArg(_In_ const UNICODE_STRING& Text)
 {
     return {Text.Buffer, Text.Buffer ? Text.Length : (SIZE_T)0, 0};
 }
-inline TRACE_ARGUMENT TraceArg(UNICODE_STRING& Text) { return TraceArg((const UNICODE_STRING&)Text); }
+_IRQL_requires_max_(HIGH_LEVEL)
+inline TRACE_ARGUMENT TraceArg(_In_ UNICODE_STRING& Text) { return TraceArg((const UNICODE_STRING&)Text); }
 
 /* Sends one enabled event; out of line so that call sites stay small. */
 _IRQL_requires_max_(HIGH_LEVEL)
-VOID TraceWrite(LPCGUID MessageGuid, USHORT MessageNumber, TRACE_ARGUMENT* Arguments, ULONG Count);
+VOID TraceWrite(_In_ LPCGUID MessageGuid, _In_ USHORT MessageNumber, _In_reads_opt_(Count) TRACE_ARGUMENT* Arguments,
+                _In_ ULONG Count);
 
 template <typename... A>
-inline VOID TraceSend(LPCGUID MessageGuid, USHORT MessageNumber, const A&... Arguments)
+_IRQL_requires_max_(HIGH_LEVEL)
+inline VOID TraceSend(_In_ LPCGUID MessageGuid, _In_ USHORT MessageNumber, _In_ const A&... Arguments)
 {
     static_assert(sizeof...(A) <= TRACE_MAX_ARGUMENTS, "too many trace arguments");
     TRACE_ARGUMENT list[sizeof...(A) + 1] = {TraceArg(Arguments)..., {nullptr, 0, 0}};

@@ -33,12 +33,16 @@ static_assert(FIELD_OFFSET(VCM_REG_DATA, Data) == 4, "VCM_REG_DATA layout");
  * position code; each chip says whether it reads it signed or unsigned. The
  * status operations write 1 (moving, or settled) or 0. SetConfig takes a
  * count followed by that many (Reg, Data) pairs. */
-typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS VCM_INIT(PDEVICE_CONTEXT DeviceContext);
-typedef NTSTATUS VCM_RESET_POS(PDEVICE_CONTEXT DeviceContext);
-typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS VCM_SET_POS(PDEVICE_CONTEXT DeviceContext, SHORT Position);
-typedef NTSTATUS VCM_GET_POS(PDEVICE_CONTEXT DeviceContext, PUSHORT Position);
-typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS VCM_GET_STATUS(PDEVICE_CONTEXT DeviceContext, PULONG Status);
-typedef NTSTATUS VCM_SET_CONFIG(PDEVICE_CONTEXT DeviceContext, const ULONG* Config);
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS VCM_INIT(_Inout_ PDEVICE_CONTEXT DeviceContext);
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS VCM_RESET_POS(_Inout_ PDEVICE_CONTEXT DeviceContext);
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS VCM_SET_POS(_Inout_ PDEVICE_CONTEXT DeviceContext,
+                                                                 _In_ SHORT Position);
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS VCM_GET_POS(_Inout_ PDEVICE_CONTEXT DeviceContext,
+                                                                 _Out_ PUSHORT Position);
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS VCM_GET_STATUS(_Inout_ PDEVICE_CONTEXT DeviceContext,
+                                                                    _Out_ PULONG Status);
+typedef _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS VCM_SET_CONFIG(_In_ PDEVICE_CONTEXT DeviceContext,
+                                                                    _In_reads_(1 + 2 * Config[0]) const ULONG* Config);
 
 typedef struct _VCM_DRIVER {
     ULONGLONG Id;              /* the actuator number, equal to the row index */
@@ -107,17 +111,17 @@ VCM_GET_STATUS VcmTimedGetHPStatus;
 /* ---- Register access on connection slot 1: one SPB transfer per request,
  * 8-second time-out, the bus released between address and data phase ---- */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmReadReg8(PDEVICE_CONTEXT DeviceContext, UCHAR Register, PUCHAR Value);
+NTSTATUS VcmReadReg8(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ UCHAR Register, _Inout_ PUCHAR Value);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmReadReg16(PDEVICE_CONTEXT DeviceContext, USHORT Register, PUCHAR Value);
+NTSTATUS VcmReadReg16(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ USHORT Register, _Inout_ PUCHAR Value);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmReadWord(PDEVICE_CONTEXT DeviceContext, PUSHORT Value);
+NTSTATUS VcmReadWord(_Inout_ PDEVICE_CONTEXT DeviceContext, _Inout_ PUSHORT Value);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmWriteReg8(PDEVICE_CONTEXT DeviceContext, UCHAR Register, UCHAR Value);
+NTSTATUS VcmWriteReg8(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ UCHAR Register, _In_ UCHAR Value);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmWriteReg16(PDEVICE_CONTEXT DeviceContext, USHORT Register, UCHAR Value);
+NTSTATUS VcmWriteReg16(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ USHORT Register, _In_ UCHAR Value);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmWriteWord(PDEVICE_CONTEXT DeviceContext, UCHAR Byte0, UCHAR Byte1);
+NTSTATUS VcmWriteWord(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ UCHAR Byte0, _In_ UCHAR Byte1);
 
 /* ---- The chip drivers ---- */
 VCM_INIT AD5823_Init;
@@ -156,7 +160,7 @@ VCM_SET_CONFIG DW9718_SetConfig;
 
 VCM_INIT DW9806B_Init;
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS DW9806B_WarmStart(PDEVICE_CONTEXT DeviceContext);
+NTSTATUS DW9806B_WarmStart(_Inout_ PDEVICE_CONTEXT DeviceContext);
 VCM_RESET_POS DW9806B_ResetPos;
 VCM_SET_POS DW9806B_SetPos;
 VCM_GET_POS DW9806B_GetPos;

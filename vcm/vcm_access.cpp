@@ -18,12 +18,16 @@ static const GUID VcmAccessTraceGuid = {0x6163fde2, 0x535b, 0x43e5, {0xaf, 0x04,
 TRACE_MODULE(VcmAccessTraceGuid);
 
 EXTERN_C_START
-static NTSTATUS VcmTransfer(PDEVICE_CONTEXT DeviceContext, SPB_TRANSFER_DIRECTION Direction, PUCHAR Buffer,
-                            ULONG Length, const CHAR* Marker);
-static NTSTATUS VcmWrite(PDEVICE_CONTEXT DeviceContext, PUCHAR Bytes, ULONG Length, const CHAR* Marker,
-                         ULONG Register, ULONG Value);
-static NTSTATUS VcmReadAddressed(PDEVICE_CONTEXT DeviceContext, PUCHAR Address, ULONG AddressLength,
-                                 ULONG Register, PUCHAR Value, const CHAR* Marker);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS VcmTransfer(_In_ PDEVICE_CONTEXT DeviceContext, _In_ SPB_TRANSFER_DIRECTION Direction,
+                            _Inout_updates_bytes_(Length) PUCHAR Buffer, _In_ ULONG Length, _In_z_ const CHAR* Marker);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS VcmWrite(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_reads_bytes_(Length) PUCHAR Bytes,
+                         _In_ ULONG Length, _In_z_ const CHAR* Marker, _In_ ULONG Register, _In_ ULONG Value);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS VcmReadAddressed(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_reads_bytes_(AddressLength) PUCHAR Address,
+                                 _In_ ULONG AddressLength, _In_ ULONG Register, _Inout_ PUCHAR Value,
+                                 _In_z_ const CHAR* Marker);
 EXTERN_C_END
 
 // Synchronous requests wait: passive level only.
@@ -47,6 +51,7 @@ EXTERN_C_END
 
 /* One SPB execute-sequence request with one transfer on the actuator's open
  * connection; a failed request is traced as an error. */
+_Use_decl_annotations_
 static NTSTATUS VcmTransfer(PDEVICE_CONTEXT DeviceContext, SPB_TRANSFER_DIRECTION Direction, PUCHAR Buffer,
                             ULONG Length, const CHAR* Marker)
 {
@@ -62,6 +67,7 @@ static NTSTATUS VcmTransfer(PDEVICE_CONTEXT DeviceContext, SPB_TRANSFER_DIRECTIO
 
 /* One write request, traced with its register and data once it went to the
  * bus, whatever the outcome. */
+_Use_decl_annotations_
 static NTSTATUS VcmWrite(PDEVICE_CONTEXT DeviceContext, PUCHAR Bytes, ULONG Length, const CHAR* Marker,
                          ULONG Register, ULONG Value)
 {
@@ -79,6 +85,7 @@ static NTSTATUS VcmWrite(PDEVICE_CONTEXT DeviceContext, PUCHAR Bytes, ULONG Leng
 /* Address phase, then a one-byte data phase into a local byte; the caller's
  * byte changes only when both succeeded. Traced at the end with what the
  * caller's byte then holds. */
+_Use_decl_annotations_
 static NTSTATUS VcmReadAddressed(PDEVICE_CONTEXT DeviceContext, PUCHAR Address, ULONG AddressLength,
                                  ULONG Register, PUCHAR Value, const CHAR* Marker)
 {
@@ -99,6 +106,7 @@ static NTSTATUS VcmReadAddressed(PDEVICE_CONTEXT DeviceContext, PUCHAR Address, 
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmReadReg8(PDEVICE_CONTEXT DeviceContext, UCHAR Register, PUCHAR Value)
 {
     PAGED_CODE();
@@ -113,6 +121,7 @@ NTSTATUS VcmReadReg8(PDEVICE_CONTEXT DeviceContext, UCHAR Register, PUCHAR Value
     return VcmReadAddressed(DeviceContext, address, sizeof(address), Register, Value, "VcmReadReg8");
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmReadReg16(PDEVICE_CONTEXT DeviceContext, USHORT Register, PUCHAR Value)
 {
     PAGED_CODE();
@@ -128,6 +137,7 @@ NTSTATUS VcmReadReg16(PDEVICE_CONTEXT DeviceContext, USHORT Register, PUCHAR Val
     return VcmReadAddressed(DeviceContext, address, sizeof(address), Register, Value, "VcmReadReg16");
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmReadWord(PDEVICE_CONTEXT DeviceContext, PUSHORT Value)
 {
     PAGED_CODE();
@@ -152,6 +162,7 @@ NTSTATUS VcmReadWord(PDEVICE_CONTEXT DeviceContext, PUSHORT Value)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmWriteReg8(PDEVICE_CONTEXT DeviceContext, UCHAR Register, UCHAR Value)
 {
     PAGED_CODE();
@@ -173,6 +184,7 @@ NTSTATUS VcmWriteReg8(PDEVICE_CONTEXT DeviceContext, UCHAR Register, UCHAR Value
     return VcmWrite(DeviceContext, bytes, sizeof(bytes), "VcmWriteReg8", Register, Value);
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmWriteReg16(PDEVICE_CONTEXT DeviceContext, USHORT Register, UCHAR Value)
 {
     PAGED_CODE();
@@ -187,6 +199,7 @@ NTSTATUS VcmWriteReg16(PDEVICE_CONTEXT DeviceContext, USHORT Register, UCHAR Val
     return VcmWrite(DeviceContext, bytes, sizeof(bytes), "VcmWriteReg16", Register, Value);
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmWriteWord(PDEVICE_CONTEXT DeviceContext, UCHAR Byte0, UCHAR Byte1)
 {
     PAGED_CODE();

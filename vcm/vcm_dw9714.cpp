@@ -36,6 +36,7 @@ static const VCM_CHIP Dw9714Chip = {
     .Ramp = {DW9714_SetPos, VcmRampDown, 1, DW9714_MAX_CODE, 1},
 };
 
+_Use_decl_annotations_
 NTSTATUS DW9714_Init(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();
@@ -55,6 +56,7 @@ NTSTATUS DW9714_Init(PDEVICE_CONTEXT DeviceContext)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9714_SetPos(PDEVICE_CONTEXT DeviceContext, SHORT Position)
 {
     PAGED_CODE();
@@ -74,6 +76,7 @@ NTSTATUS DW9714_SetPos(PDEVICE_CONTEXT DeviceContext, SHORT Position)
     VcmReturnMoved(DeviceContext, Dw9714Chip.Markers.SetPos, code, status);
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9714_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)
 {
     PAGED_CODE();
@@ -95,12 +98,14 @@ NTSTATUS DW9714_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)
     VcmReturnRead(DeviceContext, Dw9714Chip.Markers.GetPos, value, status);
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9714_ResetPos(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();
     return VcmResetPos(DeviceContext, &Dw9714Chip);
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9714_SetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config)
 {
     PAGED_CODE();

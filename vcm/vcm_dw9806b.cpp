@@ -31,10 +31,15 @@ typedef enum _DW9806B_MODULE {
 } DW9806B_MODULE;
 
 EXTERN_C_START
-static DW9806B_MODULE Dw9806bModule(PDEVICE_CONTEXT DeviceContext);
-static NTSTATUS Dw9806bWalkUp(PDEVICE_CONTEXT DeviceContext, PLONG Position, ULONG Bound, LONG Step, LONG PauseMs);
-static NTSTATUS Dw9806bStart2RearDown(PDEVICE_CONTEXT DeviceContext, LONG Position);
-static NTSTATUS Dw9806bCm500Down(PDEVICE_CONTEXT DeviceContext, LONG Position);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static DW9806B_MODULE Dw9806bModule(_In_ PDEVICE_CONTEXT DeviceContext);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS Dw9806bWalkUp(_Inout_ PDEVICE_CONTEXT DeviceContext, _Inout_ PLONG Position, _In_ ULONG Bound,
+                              _In_ LONG Step, _In_ LONG PauseMs);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS Dw9806bStart2RearDown(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ LONG Position);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS Dw9806bCm500Down(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ LONG Position);
 EXTERN_C_END
 
 #ifdef ALLOC_PRAGMA
@@ -76,6 +81,7 @@ static const VCM_REG_CHIP Dw9806bChip = {
 };
 
 /* The camera module, from the sensor name, ignoring ASCII case. */
+_Use_decl_annotations_
 static DW9806B_MODULE Dw9806bModule(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();
@@ -111,6 +117,7 @@ static DW9806B_MODULE Dw9806bModule(PDEVICE_CONTEXT DeviceContext)
  * is above 1 and not past Bound, pausing PauseMs after each step (0: none,
  * the bus paces it). *Position is where the walk stopped: one step past the
  * last position commanded, or the position whose SetPos failed. */
+_Use_decl_annotations_
 static NTSTATUS Dw9806bWalkUp(PDEVICE_CONTEXT DeviceContext, PLONG Position, ULONG Bound, LONG Step, LONG PauseMs)
 {
     PAGED_CODE();
@@ -129,6 +136,7 @@ static NTSTATUS Dw9806bWalkUp(PDEVICE_CONTEXT DeviceContext, PLONG Position, ULO
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9806B_Init(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();
@@ -162,6 +170,7 @@ NTSTATUS DW9806B_Init(PDEVICE_CONTEXT DeviceContext)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9806B_WarmStart(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();
@@ -199,6 +208,7 @@ NTSTATUS DW9806B_WarmStart(PDEVICE_CONTEXT DeviceContext)
 /* START2REAR: 8-code steps between the low and the high position, 2-code
  * steps from the low position down to 120, 32-code steps below; no pauses,
  * the bus paces it. */
+_Use_decl_annotations_
 static NTSTATUS Dw9806bStart2RearDown(PDEVICE_CONTEXT DeviceContext, LONG Position)
 {
     PAGED_CODE();
@@ -240,6 +250,7 @@ static NTSTATUS Dw9806bStart2RearDown(PDEVICE_CONTEXT DeviceContext, LONG Positi
 /* CM500RF05SW700: 32-code steps above the high position; above 90 codes over
  * the low position 32-code steps 1 ms apart, stopping there; within 45 codes
  * below to 90 above it 8-code steps 10 ms apart; 32-code steps below. */
+_Use_decl_annotations_
 static NTSTATUS Dw9806bCm500Down(PDEVICE_CONTEXT DeviceContext, LONG Position)
 {
     PAGED_CODE();
@@ -272,6 +283,7 @@ static NTSTATUS Dw9806bCm500Down(PDEVICE_CONTEXT DeviceContext, LONG Position)
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9806B_ResetPos(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();
@@ -307,30 +319,35 @@ NTSTATUS DW9806B_ResetPos(PDEVICE_CONTEXT DeviceContext)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9806B_SetPos(PDEVICE_CONTEXT DeviceContext, SHORT Position)
 {
     PAGED_CODE();
     return VcmRegSetPos(DeviceContext, &Dw9806bChip, Position);
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9806B_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)
 {
     PAGED_CODE();
     return VcmRegGetPos(DeviceContext, &Dw9806bChip, Position);
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9806B_GetStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
 {
     PAGED_CODE();
     return VcmRegGetStatus(DeviceContext, &Dw9806bChip, Status);
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9806B_GetHPStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
 {
     PAGED_CODE();
     return VcmReportSettled(DeviceContext, Status, Dw9806bChip.Chip.Markers.GetHPStatus);
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9806B_SetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config)
 {
     PAGED_CODE();

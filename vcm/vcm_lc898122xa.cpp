@@ -48,6 +48,7 @@ static const VCM_REG_CHIP Lc898122xaChip = {
 
 VCM_REG_CHIP_ROUTINES(LC898122XA, Lc898122xaChip)
 
+_Use_decl_annotations_
 NTSTATUS LC898122XA_GetStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
 {
     PAGED_CODE();

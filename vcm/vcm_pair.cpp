@@ -18,8 +18,12 @@ static const GUID VcmPairTraceGuid = {0x93d87215, 0x59dc, 0x4341, {0x92, 0x03, 0
 TRACE_MODULE(VcmPairTraceGuid);
 
 EXTERN_C_START
-static NTSTATUS VcmRegRead(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, USHORT Register, PUCHAR Value);
-static NTSTATUS VcmRegWrite(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, USHORT Register, UCHAR Value);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS VcmRegRead(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ const VCM_REG_CHIP* Chip, _In_ USHORT Register,
+                           _Inout_ PUCHAR Value);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS VcmRegWrite(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ const VCM_REG_CHIP* Chip, _In_ USHORT Register,
+                            _In_ UCHAR Value);
 EXTERN_C_END
 
 #ifdef ALLOC_PRAGMA
@@ -63,6 +67,7 @@ EXTERN_C_END
 
 /* ---- The scheme ---- */
 
+_Use_decl_annotations_
 static NTSTATUS VcmRegRead(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, USHORT Register, PUCHAR Value)
 {
     PAGED_CODE();
@@ -71,6 +76,7 @@ static NTSTATUS VcmRegRead(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Ch
                                               : VcmReadReg8(DeviceContext, (UCHAR)Register, Value);
 }
 
+_Use_decl_annotations_
 static NTSTATUS VcmRegWrite(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, USHORT Register, UCHAR Value)
 {
     PAGED_CODE();
@@ -79,6 +85,7 @@ static NTSTATUS VcmRegWrite(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* C
                                               : VcmWriteReg8(DeviceContext, (UCHAR)Register, Value);
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmRegProgram(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PUCHAR Id)
 {
     PAGED_CODE();
@@ -124,6 +131,7 @@ NTSTATUS VcmRegProgram(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, 
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmRegInit(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip)
 {
     PAGED_CODE();
@@ -143,6 +151,7 @@ NTSTATUS VcmRegInit(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip)
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmRegSetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, SHORT Position)
 {
     PAGED_CODE();
@@ -178,6 +187,7 @@ NTSTATUS VcmRegSetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, S
     VcmReturnMoved(DeviceContext, m->SetPos, recorded, status);
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmRegGetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PUSHORT Position)
 {
     PAGED_CODE();
@@ -211,6 +221,7 @@ NTSTATUS VcmRegGetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, P
     VcmReturnRead(DeviceContext, m->GetPos, position, status);
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmRegGetStatus(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PULONG Status)
 {
     PAGED_CODE();
@@ -332,24 +343,28 @@ VCM_REG_CHIP_ROUTINES(DW9719, Dw9719Chip)
 VCM_REG_CHIP_ROUTINES(DW9718, Dw9718Chip)
 VCM_REG_CHIP_ROUTINES(WV517S, Wv517sChip)
 
+_Use_decl_annotations_
 NTSTATUS AD5823_GetHPStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
 {
     PAGED_CODE();
     return VcmReportSettled(DeviceContext, Status, Ad5823Chip.Chip.Markers.GetHPStatus);
 }
 
+_Use_decl_annotations_
 NTSTATUS AD5816_GetHPStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
 {
     PAGED_CODE();
     return VcmReportSettled(DeviceContext, Status, Ad5816Chip.Chip.Markers.GetHPStatus);
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9719_GetHPStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
 {
     PAGED_CODE();
     return VcmReportSettled(DeviceContext, Status, Dw9719Chip.Chip.Markers.GetHPStatus);
 }
 
+_Use_decl_annotations_
 NTSTATUS DW9719_GetStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
 {
     PAGED_CODE();

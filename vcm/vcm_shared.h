@@ -21,7 +21,8 @@
 /* Every actuator event names the chip of the row the device's VcmType
  * selects, whichever routine emits it; with VcmType outside the table there
  * is no chip and no event. */
-inline const CHAR* VcmChipName(PDEVICE_CONTEXT DeviceContext)
+_IRQL_requires_max_(PASSIVE_LEVEL)
+inline const CHAR* VcmChipName(_In_opt_ PDEVICE_CONTEXT DeviceContext)
 {
     if (DeviceContext == NULL || (ULONG)DeviceContext->VcmType >= VCM_TYPE_COUNT) {
         return NULL;
@@ -145,7 +146,8 @@ typedef struct _VCM_REG_CHIP {
 } VCM_REG_CHIP;
 
 /* SetPos's code from its argument, within the chip's range. */
-inline LONG VcmClampPosition(SHORT Position, BOOLEAN Signed, LONG MinCode, LONG MaxCode)
+_IRQL_requires_max_(PASSIVE_LEVEL)
+inline LONG VcmClampPosition(_In_ SHORT Position, _In_ BOOLEAN Signed, _In_ LONG MinCode, _In_ LONG MaxCode)
 {
     LONG code = Signed ? (LONG)Position : (LONG)(USHORT)Position;
     if (code > MaxCode) {
@@ -160,26 +162,31 @@ inline LONG VcmClampPosition(SHORT Position, BOOLEAN Signed, LONG MinCode, LONG 
 /* The named Init, ResetPos, SetPos, GetPos and SetConfig of a two-register
  * chip: one body per operation, given the chip's record. */
 #define VCM_REG_CHIP_ROUTINES(Name, Record)                                                          \
+    _Use_decl_annotations_                                                                           \
     NTSTATUS Name##_Init(PDEVICE_CONTEXT DeviceContext)                                              \
     {                                                                                                \
         PAGED_CODE();                                                                                \
         return VcmRegInit(DeviceContext, &Record);                                                   \
     }                                                                                                \
+    _Use_decl_annotations_                                                                           \
     NTSTATUS Name##_ResetPos(PDEVICE_CONTEXT DeviceContext)                                          \
     {                                                                                                \
         PAGED_CODE();                                                                                \
         return VcmResetPos(DeviceContext, &Record.Chip);                                             \
     }                                                                                                \
+    _Use_decl_annotations_                                                                           \
     NTSTATUS Name##_SetPos(PDEVICE_CONTEXT DeviceContext, SHORT Position)                            \
     {                                                                                                \
         PAGED_CODE();                                                                                \
         return VcmRegSetPos(DeviceContext, &Record, Position);                                       \
     }                                                                                                \
+    _Use_decl_annotations_                                                                           \
     NTSTATUS Name##_GetPos(PDEVICE_CONTEXT DeviceContext, PUSHORT Position)                          \
     {                                                                                                \
         PAGED_CODE();                                                                                \
         return VcmRegGetPos(DeviceContext, &Record, Position);                                       \
     }                                                                                                \
+    _Use_decl_annotations_                                                                           \
     NTSTATUS Name##_SetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config)                    \
     {                                                                                                \
         PAGED_CODE();                                                                                \
@@ -193,12 +200,12 @@ EXTERN_C_START
 /* Waits for BusLock; a wait that does not return STATUS_SUCCESS is traced
  * with the routine's lock-failure text and returned, the lock not taken. */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker);
+NTSTATUS VcmLockBus(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_z_ const CHAR* LockFailedMarker);
 /* After a SetPos exchange, given the status of its transfers: the move is
  * recorded when the chip took it, then BusLock is released whatever
  * happened. */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-VOID VcmFinishMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition, NTSTATUS Status);
+VOID VcmFinishMove(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ USHORT NewPosition, _In_ NTSTATUS Status);
 EXTERN_C_END
 
 /* How every locked exchange ends: the move finished (SetPos) or BusLock
@@ -221,25 +228,26 @@ EXTERN_C_END
 EXTERN_C_START
 /* The settle rule with the chip's GetHPStatus trace. */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmReportSettled(PDEVICE_CONTEXT DeviceContext, PULONG Status, const CHAR* Marker);
+NTSTATUS VcmReportSettled(_In_ PDEVICE_CONTEXT DeviceContext, _Out_ PULONG Status, _In_z_ const CHAR* Marker);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmSetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config, const VCM_CHIP* Chip);
+NTSTATUS VcmSetConfig(_In_ PDEVICE_CONTEXT DeviceContext, _In_reads_(1 + 2 * Config[0]) const ULONG* Config,
+                      _In_ const VCM_CHIP* Chip);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmResetPos(PDEVICE_CONTEXT DeviceContext, const VCM_CHIP* Chip);
+NTSTATUS VcmResetPos(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ const VCM_CHIP* Chip);
 
 /* ---- The two-register scheme (vcm_pair.cpp) ---- */
 
 /* Identification read and settings writes, without Init's traces; the
  * identification byte goes to *Id. */
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmRegProgram(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PUCHAR Id);
+NTSTATUS VcmRegProgram(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ const VCM_REG_CHIP* Chip, _Inout_ PUCHAR Id);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmRegInit(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip);
+NTSTATUS VcmRegInit(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ const VCM_REG_CHIP* Chip);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmRegSetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, SHORT Position);
+NTSTATUS VcmRegSetPos(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ const VCM_REG_CHIP* Chip, _In_ SHORT Position);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmRegGetPos(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PUSHORT Position);
+NTSTATUS VcmRegGetPos(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ const VCM_REG_CHIP* Chip, _Out_ PUSHORT Position);
 _IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS VcmRegGetStatus(PDEVICE_CONTEXT DeviceContext, const VCM_REG_CHIP* Chip, PULONG Status);
+NTSTATUS VcmRegGetStatus(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ const VCM_REG_CHIP* Chip, _Out_ PULONG Status);
 
 EXTERN_C_END

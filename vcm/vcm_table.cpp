@@ -17,10 +17,13 @@ static const GUID VcmTableTraceGuid = {0x611d0622, 0x5a59, 0x4d3c, {0xb5, 0xc8, 
 TRACE_MODULE(VcmTableTraceGuid);
 
 EXTERN_C_START
-static BOOLEAN VcmMoving(PDEVICE_CONTEXT DeviceContext);
-static LONG VcmRampTarget(PDEVICE_CONTEXT DeviceContext, const VCM_RAMP* Ramp);
-static NTSTATUS VcmRampWalk(PDEVICE_CONTEXT DeviceContext, const VCM_RAMP* Ramp, LONG Direction, PLONG Position,
-                            PLONG Target);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static BOOLEAN VcmMoving(_In_ PDEVICE_CONTEXT DeviceContext);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static LONG VcmRampTarget(_In_ PDEVICE_CONTEXT DeviceContext, _In_ const VCM_RAMP* Ramp);
+_IRQL_requires_max_(PASSIVE_LEVEL)
+static NTSTATUS VcmRampWalk(_Inout_ PDEVICE_CONTEXT DeviceContext, _In_ const VCM_RAMP* Ramp, _In_ LONG Direction,
+                            _Inout_ PLONG Position, _Inout_ PLONG Target);
 EXTERN_C_END
 
 // Waits on an event and sleeps between ramp steps: passive level only.
@@ -103,6 +106,7 @@ const VCM_DRIVER VcmDrivers[VCM_TYPE_COUNT] = {
 #define VCM_SETTLE_MAX      400000
 
 /* Whether the last move's settle time has not yet passed. */
+_Use_decl_annotations_
 static BOOLEAN VcmMoving(PDEVICE_CONTEXT DeviceContext)
 {
     PAGED_CODE();
@@ -118,6 +122,7 @@ static BOOLEAN VcmMoving(PDEVICE_CONTEXT DeviceContext)
     return elapsed <= (LONG64)settle;
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmTimedGetStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
 {
     PAGED_CODE();
@@ -129,6 +134,7 @@ NTSTATUS VcmTimedGetStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmTimedGetHPStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
 {
     PAGED_CODE();
@@ -140,6 +146,7 @@ NTSTATUS VcmTimedGetHPStatus(PDEVICE_CONTEXT DeviceContext, PULONG Status)
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmReportSettled(PDEVICE_CONTEXT DeviceContext, PULONG Status, const CHAR* Marker)
 {
     PAGED_CODE();
@@ -153,6 +160,7 @@ NTSTATUS VcmReportSettled(PDEVICE_CONTEXT DeviceContext, PULONG Status, const CH
 
 /* ---- Lock protocol and bookkeeping ---- */
 
+_Use_decl_annotations_
 NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker)
 {
     PAGED_CODE();
@@ -167,6 +175,7 @@ NTSTATUS VcmLockBus(PDEVICE_CONTEXT DeviceContext, const CHAR* LockFailedMarker)
     return STATUS_SUCCESS;
 }
 
+_Use_decl_annotations_
 VOID VcmFinishMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition, NTSTATUS Status)
 {
     PAGED_CODE();
@@ -189,6 +198,7 @@ VOID VcmFinishMove(PDEVICE_CONTEXT DeviceContext, USHORT NewPosition, NTSTATUS S
 
 /* ---- SetConfig ---- */
 
+_Use_decl_annotations_
 NTSTATUS VcmSetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config, const VCM_CHIP* Chip)
 {
     PAGED_CODE();
@@ -235,6 +245,7 @@ NTSTATUS VcmSetConfig(PDEVICE_CONTEXT DeviceContext, const ULONG* Config, const 
 
 /* The ramp's rest position: the module's low position, read afresh at every
  * step, or the chip's constant. */
+_Use_decl_annotations_
 static LONG VcmRampTarget(PDEVICE_CONTEXT DeviceContext, const VCM_RAMP* Ramp)
 {
     PAGED_CODE();
@@ -246,6 +257,7 @@ static LONG VcmRampTarget(PDEVICE_CONTEXT DeviceContext, const VCM_RAMP* Ramp)
  * the far side of the target, re-commanding the current position first and
  * pausing after every step so that the lens does not hit its stop. A
  * position above the chip's range is not stepped from. */
+_Use_decl_annotations_
 static NTSTATUS VcmRampWalk(PDEVICE_CONTEXT DeviceContext, const VCM_RAMP* Ramp, LONG Direction, PLONG Position,
                             PLONG Target)
 {
@@ -271,6 +283,7 @@ static NTSTATUS VcmRampWalk(PDEVICE_CONTEXT DeviceContext, const VCM_RAMP* Ramp,
     return status;
 }
 
+_Use_decl_annotations_
 NTSTATUS VcmResetPos(PDEVICE_CONTEXT DeviceContext, const VCM_CHIP* Chip)
 {
     PAGED_CODE();

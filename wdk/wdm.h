@@ -36,6 +36,25 @@
 #define _Function_class_(Name)
 #define _Must_inspect_result_
 #define _Use_decl_annotations_
+/* What a routine does with each parameter, in sal.h's names and arities:
+ * reads it, writes it or both, and how many elements or bytes. */
+#define _In_
+#define _In_opt_
+#define _In_z_
+#define _In_opt_z_
+#define _In_reads_(Size)
+#define _In_reads_opt_(Size)
+#define _In_reads_bytes_(Size)
+#define _In_reads_or_z_(Size)
+#define _Out_
+#define _Out_opt_
+#define _Out_writes_(Size)
+#define _Out_writes_bytes_(Size)
+#define _Out_writes_bytes_to_(Size, Count)
+#define _Inout_
+#define _Inout_updates_bytes_(Size)
+#define _Outptr_
+#define _At_(Target, Annotations)
 
 /* Pageable code checks the level it runs at: above APC_LEVEL the bench
  * stops with the bugcheck Windows gives when such code is paged out. */
