@@ -20,14 +20,10 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <latch>
 #include <map>
 #include <optional>
-#include <regex>
-#include <set>
 #include <sstream>
 #include <thread>
 
@@ -632,141 +628,6 @@ TEST(VerifierTest, TheHighestLevelAtWhichEachOperationRuns)
         EXPECT_EQ(highest, it->second) << op.name << " stops above it with\n" << report;
     }
     std::cout << table.str();
-}
-
-// Each operation's declaration says the highest level it may be called at,
-// as the code analysis of a WDK build reads it; it must not promise more
-// than the run above shows is safe, nor less than the operation allows.
-TEST(VerifierTest, TheSourceAnnotationsPromiseWhatTheRunShows)
-{
-    std::map<std::string, std::string> annotated;
-    for (const char* header : {"sensor/sensor.h", "driver/driver.h"}) {
-        std::ifstream in(std::string(KORVANEL_SOURCE_DIR) + "/" + header);
-        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        std::regex declaration(R"(_IRQL_requires_max_\((\w+)\)\s*\n\w+\s+(\w+)\()");
-        for (auto it = std::sregex_iterator(text.begin(), text.end(), declaration); it != std::sregex_iterator(); ++it) {
-            annotated[(*it)[2]] = (*it)[1];
-        }
-    }
-    size_t checked = 0;
-    for (const auto& [operation, level] : documented_levels()) {
-        std::vector<std::string> routines = {operation};
-        if (operation == "InterfaceReference + InterfaceDereference") {
-            routines = {"SensorInterfaceReference", "SensorInterfaceDereference"};
-        } else if (operation.find(' ') != std::string::npos) {
-            continue;  // actuator and memory rows: their routine types carry the annotation
-        }
-        for (const auto& routine : routines) {
-            SCOPED_TRACE(routine);
-            auto it = annotated.find(routine);
-            ASSERT_NE(it, annotated.end()) << "no _IRQL_requires_max_ on the declaration";
-            EXPECT_EQ(it->second, level);
-            checked++;
-        }
-    }
-    EXPECT_EQ(checked, 23u);
-}
-
-// A driver source with the project headers it includes from its own folder.
-std::string read_source(const std::filesystem::path& path)
-{
-    std::ifstream in(path);
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::regex local_include(R"re(#include "(\w+\.h)")re");
-    std::string headers;
-    for (auto it = std::sregex_iterator(text.begin(), text.end(), local_include); it != std::sregex_iterator(); ++it) {
-        std::ifstream h(path.parent_path() / (*it)[1].str());
-        headers += std::string((std::istreambuf_iterator<char>(h)), std::istreambuf_iterator<char>());
-    }
-    return headers + "\n" + text;
-}
-
-// Routines a wrapper macro defines (Name##_Init, Cmd_##Name##Read): the name
-// as a pattern, the macro's parameters standing for any word, and the first
-// statement of the body.
-std::vector<std::pair<std::string, std::string>> macro_definitions(const std::string& text)
-{
-    std::vector<std::pair<std::string, std::string>> out;
-    std::regex macro(R"(#define \w+\(([^)]*)\)((?:[^\n]*\\\n)*[^\n]*))");
-    std::regex routine(R"(([\w#]*##[\w#]*)\([^;{}]*\)\s*\{\s*(\S[^;]*;))");
-    for (auto m = std::sregex_iterator(text.begin(), text.end(), macro); m != std::sregex_iterator(); ++m) {
-        std::set<std::string> parameters;
-        std::string list = (*m)[1];
-        std::regex word(R"(\w+)");
-        for (auto p = std::sregex_iterator(list.begin(), list.end(), word); p != std::sregex_iterator(); ++p) {
-            parameters.insert(p->str());
-        }
-        std::string body = std::regex_replace((*m)[2].str(), std::regex(R"(\\\n)"), "\n");
-        for (auto r = std::sregex_iterator(body.begin(), body.end(), routine); r != std::sregex_iterator(); ++r) {
-            std::string name = (*r)[1], pattern;
-            for (size_t from = 0; from <= name.size();) {
-                size_t hashes = std::min(name.find("##", from), name.size());
-                std::string part = name.substr(from, hashes - from);
-                pattern += parameters.count(part) ? "\\w+" : part;
-                from = hashes + 2;
-            }
-            out.emplace_back(pattern, (*r)[2]);
-        }
-    }
-    return out;
-}
-
-// Every routine a driver source places in PAGE begins with PAGED_CODE(), as
-// the framework's samples do, so that reaching it above APC_LEVEL stops the
-// bench; no resident routine does, as it would stop callers that may run
-// there.
-TEST(VerifierTest, EveryPageableRoutineAndOnlyThoseBeginsWithPagedCode)
-{
-    namespace fs = std::filesystem;
-    std::regex pragma(R"(#pragma alloc_text\((\w+),\s*(\w+)\))");
-    // A definition: a line that starts with a type and names the routine,
-    // then the parameters and the opening brace on a line of its own.
-    std::regex definition(R"(\n[A-Za-z_][\w \*]*?\b(\w+)\(([^;{}]*)\)\n\{\n\s*(\S[^\n]*))");
-    size_t pageable = 0, resident = 0;
-    for (const char* folder : {"driver", "sensor", "bus", "vcm", "nvm", "trace"}) {
-        for (const auto& entry : fs::directory_iterator(fs::path(KORVANEL_SOURCE_DIR) / folder)) {
-            if (entry.path().extension() != ".cpp") {
-                continue;
-            }
-            std::string text = read_source(entry.path());
-            std::map<std::string, std::string> section;
-            for (auto it = std::sregex_iterator(text.begin(), text.end(), pragma); it != std::sregex_iterator(); ++it) {
-                section[(*it)[2]] = (*it)[1];
-            }
-            // Plain definitions, then the ones a wrapper macro writes for
-            // each chip or memory family (Name##_Init, Cmd_##Name##Read).
-            std::map<std::string, std::string> first_statement;
-            for (auto it = std::sregex_iterator(text.begin(), text.end(), definition); it != std::sregex_iterator(); ++it) {
-                first_statement[(*it)[1]] = (*it)[3];
-            }
-            auto templates = macro_definitions(text);
-            std::set<std::string> defined;
-            for (auto& [name, where] : section) {
-                if (first_statement.count(name) == 0) {
-                    for (auto& [pattern, first] : templates) {
-                        if (std::regex_match(name, std::regex(pattern))) {
-                            first_statement[name] = first;
-                        }
-                    }
-                }
-            }
-            for (auto& [name, first] : first_statement) {
-                bool paged_code = first.rfind("PAGED_CODE();", 0) == 0;
-                bool in_page = section.count(name) != 0 && section[name] == "PAGE";
-                SCOPED_TRACE(entry.path().filename().string() + ": " + name);
-                EXPECT_EQ(paged_code, in_page) << (in_page ? "pageable, but does not begin with PAGED_CODE()"
-                                                           : "resident (or INIT), but begins with PAGED_CODE()");
-                (in_page ? pageable : resident)++;
-                defined.insert(name);
-            }
-            for (auto& [name, where] : section) {
-                EXPECT_TRUE(defined.count(name)) << entry.path().filename().string() << ": " << name << " is placed in "
-                                                 << where << " but its definition was not found";
-            }
-        }
-    }
-    std::cout << pageable << " pageable routines begin with PAGED_CODE(); " << resident << " others do not\n";
-    EXPECT_GT(pageable, 100u);
 }
 
 }  // namespace
