@@ -1,15 +1,19 @@
 #!/usr/bin/env bash
 # Builds and runs every test: a normal build and an AddressSanitizer +
 # UndefinedBehaviorSanitizer build of the whole suite (the Windows compile
-# checks once, in the normal build), a ThreadSanitizer build of the tests in
-# which threads share one device, and a bounded run of every fuzz target
-# (clang, libFuzzer). Any failure fails the script.
+# checks and the driver lint once, in the normal build), the suite once more
+# in the verifier's sweep (every call into the driver at the highest level it
+# allows), a ThreadSanitizer build of the tests in which threads share one
+# device, and a bounded run of every fuzz target (clang, libFuzzer), then of
+# each again in the sweep. Any failure fails the script.
 #
-# KORVANEL_FUZZ_SECONDS sets how long each fuzz target runs (default 20).
+# KORVANEL_FUZZ_SECONDS sets how long each fuzz target runs (default 20),
+# KORVANEL_FUZZ_SWEEP_SECONDS how long each runs in the sweep (default 10).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
 fuzz_seconds=${KORVANEL_FUZZ_SECONDS:-20}
+fuzz_sweep_seconds=${KORVANEL_FUZZ_SWEEP_SECONDS:-10}
 
 for variant in build build-asan; do
   flags=()
@@ -30,6 +34,9 @@ for variant in build build-asan; do
                                         grep -oE '[A-Za-z]+$' || echo 'not run')")
     echo "Windows checks: $(passed mingw) driver sources compiled by mingw-w64 g++ against its DDK headers," \
          "$(passed wdk) as a WDK build by clang-19 against the KMDF 1.15 headers; $placement"
+    echo "=== build, in the verifier's sweep ==="
+    KORVANEL_VERIFIER=sweep ctest --test-dir build --output-on-failure -j "$jobs" -LE '^(windows_.*|lint)$' |
+      tee build/ctest-sweep.log
   fi
 done
 
@@ -40,12 +47,19 @@ TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" build-tsan/korvanel_stres
 
 echo "=== build-fuzz ==="
 cmake -S . -B build-fuzz -DKORVANEL_FUZZ=ON -DKORVANEL_FUZZ_SECONDS="$fuzz_seconds" \
+      -DKORVANEL_FUZZ_SWEEP_SECONDS="$fuzz_sweep_seconds" \
       -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
 cmake --build build-fuzz -j "$jobs" --target fuzz_targets
-ctest --test-dir build-fuzz --output-on-failure -j "$jobs" -L fuzz | tee build-fuzz/ctest.log
+ctest --test-dir build-fuzz --output-on-failure -j "$jobs" -L '^fuzz$' | tee build-fuzz/ctest.log
+cp build-fuzz/Testing/Temporary/LastTest.log build-fuzz/fuzz-runs.log
+ctest --test-dir build-fuzz --output-on-failure -j "$jobs" -L '^sweep$' | tee build-fuzz/ctest-sweep.log
+cp build-fuzz/Testing/Temporary/LastTest.log build-fuzz/fuzz-sweep-runs.log
 # Each target's speed and extent, from the runs' own final statistics.
-awk '/^[0-9]+\/[0-9]+ Test: fuzz\./ { target = substr($3, 6) }
-     /^stat::number_of_executed_units:/ { runs[target] = $2 }
-     /^stat::average_exec_per_sec:/ { speed[target] = $2 }
-     END { for (t in runs) printf "%s: %d inputs, %d per second\n", t, runs[t], speed[t] }' \
-  build-fuzz/Testing/Temporary/LastTest.log | sort
+stats() {
+  awk -v mode="$2" '/^[0-9]+\/[0-9]+ Test: fuzz(_sweep)?\./ { target = $3; sub(/^fuzz(_sweep)?\./, "", target) }
+       /^stat::number_of_executed_units:/ { runs[target] = $2 }
+       /^stat::average_exec_per_sec:/ { speed[target] = $2 }
+       END { for (t in runs) printf "%s%s: %d inputs, %d per second\n", t, mode, runs[t], speed[t] }' "$1" | sort
+}
+stats build-fuzz/fuzz-runs.log ""
+stats build-fuzz/fuzz-sweep-runs.log " (sweep)"

@@ -160,6 +160,21 @@ TEST_F(DriverTest, ReferencesBlockStopAndRemoveOncePerTransition)
     EXPECT_EQ(dev.query_remove(), STATUS_SUCCESS);
 }
 
+// While the driver blocks stop and remove the framework refuses a query by
+// itself; a query that arrives after the first reference counted and before
+// the block is the driver's own to refuse.
+TEST_F(DriverTest, AQueryRemoveBeforeTheBlockMeetsTheDriversVeto)
+{
+    auto& dev = sys.add_device();
+    NTSTATUS between = STATUS_PENDING;
+    sys.faults().at_entry("WdfDeviceSetStaticStopRemove", [&] { between = dev.query_remove(); });
+    SENSOR_INTERFACE si = take_interface(dev);
+    EXPECT_EQ(between, STATUS_DEVICE_BUSY);
+    EXPECT_EQ(dev.query_remove(), STATUS_INVALID_DEVICE_STATE);
+    si.InterfaceHeader.InterfaceDereference(si.InterfaceHeader.Context);
+    EXPECT_EQ(dev.query_remove(), STATUS_SUCCESS);
+}
+
 // A failing framework call during device add, and what device add leaves.
 TEST_F(DriverTest, DeviceAddFailuresStopAtTheRightStep)
 {

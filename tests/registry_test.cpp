@@ -143,6 +143,18 @@ TEST_F(RegistryTest, TheReaderReturnsOnlyAValueOfTheRightTypeThatFits)
     }
     ULONG length = 4;
     EXPECT_FALSE(NT_SUCCESS(ReadRegistryValue(&DriverRegistryPath, "Absent", REG_DWORD, &length, &length)));
+
+    // Windows may name the key in another case ("\REGISTRY\MACHINE\..."):
+    // it is opened without regard to case.
+    std::u16string upper = host::Registry::kServiceKey;
+    for (auto& ch : upper) {
+        ch = ch >= u'a' && ch <= u'z' ? char16_t(ch - u'a' + u'A') : ch;
+    }
+    UNICODE_STRING path{USHORT(upper.size() * 2), USHORT(upper.size() * 2), upper.data()};
+    ULONG number = 0;
+    length = 4;
+    EXPECT_EQ(ReadRegistryValue(&path, "Number", REG_DWORD, &number, &length), STATUS_SUCCESS);
+    EXPECT_EQ(number, 0x11223344u);
 }
 
 }  // namespace

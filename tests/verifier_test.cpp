@@ -73,6 +73,13 @@ std::optional<Violation> violation_of(const std::function<void()>& f)
     return seen;
 }
 
+// The verifier in one mode for a scope (the suite may run in the sweep).
+struct ModeFor {
+    verifier::Mode saved = verifier::mode();
+    explicit ModeFor(verifier::Mode m) { verifier::set_mode(m); }
+    ~ModeFor() { verifier::set_mode(saved); }
+};
+
 // "0xC4/0x13": a stop as the tables below write it; "" for none.
 std::string stop_of(const std::optional<Violation>& v)
 {
@@ -317,6 +324,7 @@ TEST(VerifierTest, HandleMisuseStopsWithTheFrameworksSubcode)
 TEST(VerifierTest, ACallThatReturnsChangedIsStoppedInTheRoutineThatChangedIt)
 {
     host::System sys;
+    ModeFor on(verifier::Mode::On);
     static KSPIN_LOCK lock;
     KeInitializeSpinLock(&lock);
     SENSOR_INTERFACE record{};
@@ -437,6 +445,56 @@ TEST(VerifierTest, WaitsHonourTheirModeAndAlertable)
               "0xC4/0x123");
 }
 
+// ZwOpenKey: names compare without regard to case only when asked; a handle
+// without OBJ_KERNEL_HANDLE belongs to the calling thread's process, and its
+// use from kernel mode stops; a query needs KEY_QUERY_VALUE access.
+TEST(VerifierTest, RegistryKeysOpenAsTheirAttributesAndAccessSay)
+{
+    host::System sys;
+    sys.registry().set_dword("MipiLanes", 4);
+    static std::u16string exact = host::Registry::kServiceKey, upper = exact;
+    for (auto& c : upper) {
+        c = c >= u'a' && c <= u'z' ? char16_t(c - u'a' + u'A') : c;
+    }
+    struct Case {
+        const char* what;
+        const std::u16string* path;
+        ULONG attributes;
+        ACCESS_MASK access;
+        NTSTATUS open;
+        const char* query;  // the query's status, or its stop
+    } cases[] = {
+        {"as the driver opens it", &upper, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, KEY_READ, STATUS_SUCCESS,
+         "STATUS_SUCCESS"},
+        {"case-sensitive, the name as stored", &exact, OBJ_KERNEL_HANDLE, KEY_READ, STATUS_SUCCESS, "STATUS_SUCCESS"},
+        {"case-sensitive, another case", &upper, OBJ_KERNEL_HANDLE, KEY_READ, STATUS_OBJECT_NAME_NOT_FOUND, ""},
+        {"without KEY_QUERY_VALUE", &exact, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, KEY_ENUMERATE_SUB_KEYS,
+         STATUS_SUCCESS, "STATUS_ACCESS_DENIED"},
+        {"a user-mode handle", &exact, OBJ_CASE_INSENSITIVE, KEY_READ, STATUS_SUCCESS, "0xC4/0xF6"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        UNICODE_STRING path{USHORT(c.path->size() * 2), USHORT(c.path->size() * 2), const_cast<PWCH>(c.path->data())};
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &path, c.attributes, nullptr, nullptr);
+        HANDLE key = nullptr;
+        ASSERT_EQ(ZwOpenKey(&key, c.access, &attributes), c.open);
+        if (!NT_SUCCESS(c.open)) {
+            continue;
+        }
+        UNICODE_STRING name;
+        RtlInitUnicodeString(&name, u"MipiLanes");
+        alignas(8) UCHAR buffer[32];
+        ULONG length = 0;
+        NTSTATUS status = STATUS_PENDING;
+        auto stop = violation_of(
+            [&] { status = ZwQueryValueKey(key, &name, KeyValuePartialInformation, buffer, sizeof buffer, &length); });
+        EXPECT_EQ(stop ? stop_of(stop) : host::status_name(status), c.query);
+        ModeFor off(verifier::Mode::Off);  // the handle goes back however it was opened
+        EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
+    }
+}
+
 // In the sweep every operation runs at the highest level it declares, and
 // every callback at the highest its documentation allows.
 TEST(VerifierTest, TheSweepCallsEachOperationAtItsDeclaredLevel)
@@ -453,13 +511,15 @@ TEST(VerifierTest, TheSweepCallsEachOperationAtItsDeclaredLevel)
         return STATUS_SUCCESS;
     };
     SENSOR_INTERFACE si = platform::checked_interface(record);
-    verifier::set_mode(verifier::Mode::Sweep);
-    si.AcceptNotice(nullptr);
-    si.PowerUp(nullptr);
-    verifier::set_mode(verifier::Mode::On);
+    {
+        ModeFor sweep(verifier::Mode::Sweep);
+        si.AcceptNotice(nullptr);
+        si.PowerUp(nullptr);
+    }
     EXPECT_EQ(seen[0], DISPATCH_LEVEL);
     EXPECT_EQ(seen[1], PASSIVE_LEVEL);
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    ModeFor on(verifier::Mode::On);
     si.AcceptNotice(nullptr);
     EXPECT_EQ(seen[0], PASSIVE_LEVEL) << "outside the sweep the caller's level holds";
 }
