@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         options.module = kModules[in.pick(5)];
     }
     korvanel::platform::select_actuator(sys, ctx, options);
-    const VCM_DRIVER& chip = platform::actuator_table()[row];
+    const VCM_DRIVER& chip = korvanel::platform::actuator_table()[row];
     switch (in.pick(8)) {
     case 0:
         ctx->VcmType = LONG(VCM_TYPE_COUNT + in.pick(3));  // no chip: traces and transfers stop

@@ -221,7 +221,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     FUZZ_CHECK(dev.add_status() == STATUS_SUCCESS);
 
     SENSOR_INTERFACE si{};
-    FUZZ_CHECK(platform::query_sensor_interface(dev, &si) == STATUS_SUCCESS);
+    FUZZ_CHECK(korvanel::platform::query_sensor_interface(dev, &si) == STATUS_SUCCESS);
     auto* ctx = static_cast<PSENSOR_CONTEXT>(si.InterfaceHeader.Context);
     int power_references = 0;
     for (int step = 0; step < 64 && !in.empty(); step++) {

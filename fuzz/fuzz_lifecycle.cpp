@@ -73,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             auto* ctx = static_cast<PSENSOR_CONTEXT>(h.dev->context());
             switch (op) {
             case 1:
-                FUZZ_CHECK(platform::query_sensor_interface(*h.dev, &h.si) ==
+                FUZZ_CHECK(korvanel::platform::query_sensor_interface(*h.dev, &h.si) ==
                            STATUS_SUCCESS);
                 h.references++;
                 break;

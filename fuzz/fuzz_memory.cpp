@@ -76,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
 
     for (int step = 0; step < 12 && !in.empty(); step++) {
-        const NVM_DRIVER& row = platform::memory_table()[ctx->NvmType < NVM_TYPE_COUNT ? ctx->NvmType : 0];
+        const NVM_DRIVER& row = korvanel::platform::memory_table()[ctx->NvmType < NVM_TYPE_COUNT ? ctx->NvmType : 0];
         USHORT address = in.flag() ? USHORT(in.pick(unsigned(model->size()))) : in.number<uint16_t>();
         LONG length = Length(in);
         std::vector<UCHAR> buffer(size_t(std::max<LONG>(length, 0)), 0x5A);

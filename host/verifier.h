@@ -235,13 +235,12 @@ private:
     uint32_t entered_;
 };
 
-// The level an operation the camera driver calls directly runs at: the
-// caller's, or in the sweep the operation's declared highest when that is
-// above it.
-[[gnu::always_inline]] inline KIRQL operation_level(KIRQL highest)
+// The state an operation the camera driver calls directly runs in: the
+// caller's, or in the sweep at the operation's declared highest level when
+// that is above the caller's.
+[[gnu::always_inline]] inline uint32_t operation_state(uint32_t caller, KIRQL highest)
 {
-    KIRQL level = irql();
-    return sweeping() && level < highest ? highest : level;
+    return sweeping() && KIRQL(caller & 0xFF) < highest ? (caller & ~0xFFu) | highest : caller;
 }
 
 // What the framework's verifier stops with when a callback returns at

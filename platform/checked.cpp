@@ -36,17 +36,31 @@ struct Checked<Operation, Highest, R (*)(A...), Row> {
     using Routine = R (*)(A...);
     static inline std::atomic<Routine> driver{nullptr};
 
+    // The camera driver's hot path: two loads of the thread's state and a
+    // compare around the call. A stop inside resets the thread's state (the
+    // caller that raised the level puts its own back).
     static R call(A... arguments)
     {
-        verifier::CallScope scope(verifier::operation_level(Highest));
+        uint32_t caller = verifier::t_state;
+        uint32_t entered = verifier::operation_state(caller, Highest);
+        verifier::t_state = entered;
         Routine routine = driver.load(std::memory_order_relaxed);
         if constexpr (std::is_void_v<R>) {
             routine(arguments...);
-            scope.returned(Operation.text, host::stops::kIrqlUnexpectedValue);
+            returned(entered);
+            verifier::t_state = caller;
         } else {
             R result = routine(arguments...);
-            scope.returned(Operation.text, host::stops::kIrqlUnexpectedValue);
+            returned(entered);
+            verifier::t_state = caller;
             return result;
+        }
+    }
+
+    [[gnu::always_inline]] static void returned(uint32_t entered)
+    {
+        if (verifier::t_state != entered) [[unlikely]] {
+            verifier::returned_changed(Operation.text, entered, host::stops::kIrqlUnexpectedValue);
         }
     }
 
