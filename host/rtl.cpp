@@ -338,13 +338,9 @@ VOID RtlCopyUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STRING So
         for (PCUNICODE_STRING string : {PCUNICODE_STRING(DestinationString), SourceString}) {
             if (string != nullptr && string->Buffer != nullptr &&
                 pool.in_paged_pool(string->Buffer, string->MaximumLength)) {
-                korvanel::host::Violation v{korvanel::host::stops::kIrqlNotLessOrEqual, "RtlCopyUnicodeString",
-                                            korvanel::host::verifier::symbol(__builtin_return_address(0)),
-                                            "RtlCopyUnicodeString of a string in paged pool above APC_LEVEL"};
-                v.level_rule = true;
-                v.current = korvanel::host::verifier::irql();
-                v.allowed = APC_LEVEL;
-                korvanel::host::verifier::violate(std::move(v));
+                korvanel::host::verifier::violate_at_level(
+                    korvanel::host::stops::kIrqlNotLessOrEqual, "RtlCopyUnicodeString", __builtin_return_address(0),
+                    "RtlCopyUnicodeString of a string in paged pool above APC_LEVEL", APC_LEVEL);
             }
         }
     }

@@ -144,13 +144,18 @@ void violate(Violation v, bool report)
     throw Bugcheck(std::move(v));
 }
 
-void refuse(const IrqlRule& rule, const void* caller)
+void violate_at_level(const Stop& stop, std::string routine, const void* caller, std::string what, KIRQL allowed)
 {
-    Violation v{rule.stop, rule.routine, symbol(caller), std::string(rule.routine) + " called above its IRQL"};
+    Violation v{stop, std::move(routine), caller ? symbol(caller) : "", std::move(what)};
     v.level_rule = true;
     v.current = irql();
-    v.allowed = rule.max;
+    v.allowed = allowed;
     violate(std::move(v));
+}
+
+void refuse(const IrqlRule& rule, const void* caller)
+{
+    violate_at_level(rule.stop, rule.routine, caller, std::string(rule.routine) + " called above its IRQL", rule.max);
 }
 
 NTSTATUS check_faults(const char* routine) { return System::current().faults().check(routine); }
@@ -219,12 +224,8 @@ VOID KeRaiseIrql(KIRQL NewIrql, PKIRQL OldIrql)
     constexpr const IrqlRule& rule = irql_rule("KeRaiseIrql");
     KIRQL current = verifier::irql();
     if (NewIrql < current) {
-        Violation v{rule.stop, "KeRaiseIrql", verifier::symbol(__builtin_return_address(0)),
-                    "KeRaiseIrql to a level below the current one"};
-        v.level_rule = true;
-        v.current = current;
-        v.allowed = NewIrql;
-        verifier::violate(std::move(v));
+        verifier::violate_at_level(rule.stop, "KeRaiseIrql", __builtin_return_address(0),
+                                   "KeRaiseIrql to a level below the current one", NewIrql);
     }
     *OldIrql = current;
     verifier::set_irql(NewIrql);
@@ -235,12 +236,8 @@ VOID KeLowerIrql(KIRQL NewIrql)
     constexpr const IrqlRule& rule = irql_rule("KeLowerIrql");
     KIRQL current = verifier::irql();
     if (NewIrql > current) {
-        Violation v{rule.stop, "KeLowerIrql", verifier::symbol(__builtin_return_address(0)),
-                    "KeLowerIrql to a level above the current one"};
-        v.level_rule = true;
-        v.current = current;
-        v.allowed = NewIrql;
-        verifier::violate(std::move(v));
+        verifier::violate_at_level(rule.stop, "KeLowerIrql", __builtin_return_address(0),
+                                   "KeLowerIrql to a level above the current one", NewIrql);
     }
     verifier::set_irql(NewIrql);
 }
@@ -256,22 +253,14 @@ ULONG_PTR this_thread_tag()
     return reinterpret_cast<ULONG_PTR>(&tag);
 }
 
-void spin_lock_misuse(const Stop& stop, const char* routine, const void* caller, const char* what)
-{
-    Violation v{stop, routine, verifier::symbol(caller), what};
-    v.level_rule = true;
-    v.current = verifier::irql();
-    v.allowed = DISPATCH_LEVEL;
-    verifier::violate(std::move(v));
-}
 }  // namespace
 
 VOID KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql)
 {
     KORVANEL_ENTRY(irql_rule("KeAcquireSpinLock"));
     if (__atomic_load_n(SpinLock, __ATOMIC_ACQUIRE) == this_thread_tag()) {
-        spin_lock_misuse(stops::kSpinLockAlreadyOwned, "KeAcquireSpinLock", __builtin_return_address(0),
-                         "a spin lock acquired again by the thread that holds it");
+        verifier::violate_at_level(stops::kSpinLockAlreadyOwned, "KeAcquireSpinLock", __builtin_return_address(0),
+                                   "a spin lock acquired again by the thread that holds it", DISPATCH_LEVEL);
     }
     ULONG_PTR expected = 0;
     while (!__atomic_compare_exchange_n(SpinLock, &expected, this_thread_tag(), false, __ATOMIC_ACQUIRE,
@@ -287,12 +276,12 @@ VOID KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql)
 {
     KORVANEL_ENTRY(irql_rule("KeReleaseSpinLock"));
     if (__atomic_load_n(SpinLock, __ATOMIC_RELAXED) != this_thread_tag()) {
-        spin_lock_misuse(stops::kSpinLockNotOwned, "KeReleaseSpinLock", __builtin_return_address(0),
-                         "a spin lock released by a thread that does not hold it");
+        verifier::violate_at_level(stops::kSpinLockNotOwned, "KeReleaseSpinLock", __builtin_return_address(0),
+                                   "a spin lock released by a thread that does not hold it", DISPATCH_LEVEL);
     }
     if (verifier::irql() != DISPATCH_LEVEL) {
-        spin_lock_misuse(stops::kIrqlNotLessOrEqual, "KeReleaseSpinLock", __builtin_return_address(0),
-                         "a spin lock released at another level than DISPATCH_LEVEL");
+        verifier::violate_at_level(stops::kReleaseSpinLockNotAtDispatch, "KeReleaseSpinLock", __builtin_return_address(0),
+                                   "a spin lock released at another level than DISPATCH_LEVEL", DISPATCH_LEVEL);
     }
     __atomic_store_n(SpinLock, 0, __ATOMIC_RELEASE);
     verifier::spin_lock_released(SpinLock);
@@ -301,13 +290,8 @@ VOID KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql)
 
 void KorvanelHostPagedCode(const char* Routine, const void* ReturnAddress)
 {
-    KIRQL level = verifier::irql();
-    if (level > APC_LEVEL) {
-        Violation v{stops::kPagedCodeAboveApc, Routine, ReturnAddress ? verifier::symbol(ReturnAddress) : "",
-                    std::string("pageable routine ") + Routine + " reached above APC_LEVEL"};
-        v.level_rule = true;
-        v.current = level;
-        v.allowed = APC_LEVEL;
-        verifier::violate(std::move(v));
+    if (verifier::irql() > APC_LEVEL) {
+        verifier::violate_at_level(stops::kPagedCodeAboveApc, Routine, ReturnAddress,
+                                   std::string("pageable routine ") + Routine + " reached above APC_LEVEL", APC_LEVEL);
     }
 }

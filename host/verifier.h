@@ -176,6 +176,9 @@ std::string symbol(const void* address);
 
 // A broken rule: reported and thrown when the verifier is on.
 [[gnu::cold]] void refuse(const IrqlRule& rule, const void* caller);
+// A stop for the current level: `allowed` is what the rule broken allows.
+[[gnu::cold]] void violate_at_level(const Stop& stop, std::string routine, const void* caller, std::string what,
+                                    KIRQL allowed);
 // The call counted and, when a fault rule says so, its injected failure.
 NTSTATUS check_faults(const char* routine);
 

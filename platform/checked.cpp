@@ -161,22 +161,20 @@ NTSTATUS query_sensor_interface(host::Device& device, SENSOR_INTERFACE* out)
     return status;
 }
 
-const VCM_DRIVER* actuator_table()
+namespace {
+// A table's rows with their routines wrapped, made once; the driver's own
+// table while the verifier is off.
+template <typename Row, size_t Count, typename Wrap>
+const Row* checked_table(const Row (&driver)[Count], Wrap wrap)
 {
-    static VCM_DRIVER checked[VCM_TYPE_COUNT];
-    static const bool made =
-        (wrap_rows(checked, VcmDrivers, WrapActuator{}, std::make_index_sequence<VCM_TYPE_COUNT>{}), true);
+    static Row checked[Count];
+    static const bool made = (wrap_rows(checked, driver, wrap, std::make_index_sequence<Count>{}), true);
     (void)made;
-    return verifier::enabled() ? checked : VcmDrivers;
+    return verifier::enabled() ? checked : driver;
 }
+}  // namespace
 
-const NVM_DRIVER* memory_table()
-{
-    static NVM_DRIVER checked[NVM_TYPE_COUNT];
-    static const bool made =
-        (wrap_rows(checked, NvmDriverTable, WrapMemory{}, std::make_index_sequence<NVM_TYPE_COUNT>{}), true);
-    (void)made;
-    return verifier::enabled() ? checked : NvmDriverTable;
-}
+const VCM_DRIVER* actuator_table() { return checked_table(VcmDrivers, WrapActuator{}); }
+const NVM_DRIVER* memory_table() { return checked_table(NvmDriverTable, WrapMemory{}); }
 
 }  // namespace korvanel::platform
