@@ -524,17 +524,14 @@ std::string waiter_line(const EventThread& t)
 }
 
 // With the event mutex held: whether every thread that uses events now waits
-// for ever and no other thread exists that could end a wait.
-bool all_wait_for_ever()
+// for ever, and whether besides no other thread exists that could end a wait.
+bool every_user_waits()
 {
     auto& threads = event_threads();
-    for (auto& [tag, t] : threads) {
-        if (!t.waiting) {
-            return false;
-        }
-    }
-    return !threads.empty() && threads_in_process() <= threads.size();
+    return !threads.empty() &&
+           std::all_of(threads.begin(), threads.end(), [](const auto& entry) { return entry.second.waiting; });
 }
+bool all_wait_for_ever() { return every_user_waits() && threads_in_process() <= event_threads().size(); }
 
 void declare_deadlock()  // with the event mutex held
 {
@@ -693,10 +690,28 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
             me = {true, event, caller};
             auto& d = deadlock();
             uint64_t generation = d.generation;
-            if (all_wait_for_ever() && verifier::enabled()) {
-                declare_deadlock();
+            // Looked at again on every wake: a thread that ended may have
+            // been the last that could set the event. While every thread
+            // that uses events waits and only threads that do not are left
+            // (one that is ending, one that has not used an event yet), it is
+            // looked at again every few milliseconds, until those go or act.
+            auto ends = [&] {
+                if (satisfied() || d.generation != generation) {
+                    return true;
+                }
+                if (all_wait_for_ever() && verifier::enabled()) {
+                    declare_deadlock();
+                    return true;
+                }
+                return false;
+            };
+            while (!ends()) {
+                if (every_user_waits()) {
+                    event_changed().wait_for(lock, std::chrono::milliseconds(5));
+                } else {
+                    event_changed().wait(lock);
+                }
             }
-            event_changed().wait(lock, [&] { return satisfied() || d.generation != generation; });
             me.waiting = false;
             if (!satisfied()) {
                 // Stopped: one waiter reports, every one of them stops.

@@ -380,6 +380,7 @@ TEST(VerifierTest, AWaitNothingCanEndStopsNamingTheWaiters)
     ReleaseBusLock(&a);
 
     // Two threads, each holding the lock the other waits for.
+    EXPECT_EQ(AcquireBusLock(&b), STATUS_SUCCESS);
     std::latch first_taken(1);
     std::optional<Violation> other;
     std::thread t([&] {
@@ -392,7 +393,6 @@ TEST(VerifierTest, AWaitNothingCanEndStopsNamingTheWaiters)
         }
     });
     auto cross = violation_of([&] {
-        EXPECT_EQ(AcquireBusLock(&b), STATUS_SUCCESS);
         first_taken.wait();
         (void)AcquireBusLock(&a);
     });
@@ -400,6 +400,16 @@ TEST(VerifierTest, AWaitNothingCanEndStopsNamingTheWaiters)
     EXPECT_EQ(stop_of(cross), "0xC4/0x1001");
     ASSERT_TRUE(other.has_value()) << "the other waiter stops too";
     EXPECT_EQ(cross ? cross->details.size() : 0u, 2u) << (cross ? cross->text() : "");
+
+    // A thread that ends without setting the event leaves its waiter alone.
+    KeInitializeEvent(&a, NotificationEvent, FALSE);
+    std::thread quitter([] {
+        KEVENT own;
+        KeInitializeEvent(&own, NotificationEvent, FALSE);
+    });
+    auto alone = violation_of([] { (void)KeWaitForSingleObject(&a, Executive, KernelMode, FALSE, nullptr); });
+    quitter.join();
+    EXPECT_EQ(stop_of(alone), "0xC4/0x1001");
 
     // A wait another thread ends is no deadlock.
     KeInitializeEvent(&a, SynchronizationEvent, FALSE);
