@@ -36,12 +36,29 @@ struct Checked<Operation, Highest, R (*)(A...), Row> {
     using Routine = R (*)(A...);
     static inline std::atomic<Routine> driver{nullptr};
 
-    // The camera driver's hot path: two loads of the thread's state and a
-    // compare around the call. A stop inside resets the thread's state (the
-    // caller that raised the level puts its own back).
+    // The camera driver's hot path: a load of the thread's state before the
+    // call and one after, and a compare. A stop inside resets the thread's
+    // state (a caller that raised the level puts its own back).
     static R call(A... arguments)
     {
-        uint32_t caller = verifier::t_state;
+        uint32_t entered = verifier::t_state;
+        if (verifier::sweeping()) [[unlikely]] {
+            return swept(entered, arguments...);
+        }
+        Routine routine = driver.load(std::memory_order_relaxed);
+        if constexpr (std::is_void_v<R>) {
+            routine(arguments...);
+            returned(entered);
+        } else {
+            R result = routine(arguments...);
+            returned(entered);
+            return result;
+        }
+    }
+
+    // In the sweep: at the operation's highest level, back at the caller's after.
+    [[gnu::noinline]] static R swept(uint32_t caller, A... arguments)
+    {
         uint32_t entered = verifier::operation_state(caller, Highest);
         verifier::t_state = entered;
         Routine routine = driver.load(std::memory_order_relaxed);
@@ -59,7 +76,7 @@ struct Checked<Operation, Highest, R (*)(A...), Row> {
 
     [[gnu::always_inline]] static void returned(uint32_t entered)
     {
-        if (verifier::t_state != entered) [[unlikely]] {
+        if (verifier::t_state != entered) {
             verifier::returned_changed(Operation.text, entered, host::stops::kIrqlUnexpectedValue);
         }
     }
