@@ -62,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     defaults.restore();
 
     Input in(data, size);
-    System sys;
+    System& sys = korvanel::fuzz::bench();
     if (in.flag()) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }

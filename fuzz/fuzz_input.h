@@ -52,6 +52,16 @@ private:
     size_t at_ = 0;
 };
 
+// The bench every input runs on: one System for the whole run, reset before
+// each input to the state a new one starts in. A new System would set up a
+// fresh heap of tables and rings for every input; a reset clears them.
+inline host::System& bench()
+{
+    static host::System* const system = new host::System();  // lives as long as the run
+    system->reset();
+    return *system;
+}
+
 // A broken invariant is a finding: say which, and stop the run.
 #define FUZZ_CHECK(condition)                                                                   \
     do {                                                                                        \

@@ -213,7 +213,7 @@ void Call(Input& in, SENSOR_INTERFACE& si, PSENSOR_CONTEXT device, int& power_re
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Input in(data, size);
-    System sys;
+    System& sys = korvanel::fuzz::bench();
     DeviceConfig device;
     Configure(in, sys, device);
     FUZZ_CHECK(korvanel::platform::load_driver(sys) == STATUS_SUCCESS);

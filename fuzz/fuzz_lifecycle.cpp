@@ -50,7 +50,7 @@ void Check(Held& h, int64_t now)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Input in(data, size);
-    System sys;
+    System& sys = korvanel::fuzz::bench();
     if (in.pick(4) == 0) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }

@@ -42,7 +42,7 @@ LONG Length(Input& in)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Input in(data, size);
-    System sys;
+    System& sys = korvanel::fuzz::bench();
     if (in.flag()) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }

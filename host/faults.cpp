@@ -33,6 +33,24 @@ void Faults::fail(const std::string& routine, NTSTATUS status, unsigned skip, un
     rule_count_.store(rules_.size());
 }
 
+void Faults::reset()
+{
+    std::lock_guard lock(mutex_);
+    rules_.clear();
+    rule_count_.store(0);
+    errors_.clear();
+    overflow_calls_.clear();
+    verifier::g_entry_hooks.fetch_sub(entry_hooks_.size());
+    entry_hooks_.clear();
+    // The tables keep their threads and their routines' slots; a count of 0
+    // is what a slot nobody claimed would add up to.
+    for (auto& table : thread_counters_) {
+        for (Counter& c : table->counters) {
+            c.calls.store(0, std::memory_order_relaxed);
+        }
+    }
+}
+
 void Faults::clear()
 {
     std::lock_guard lock(mutex_);

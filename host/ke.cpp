@@ -289,6 +289,28 @@ void Clock::clear_delays()
     clear(*shared_lane_);
 }
 
+void Clock::reset()
+{
+    std::lock_guard lock(mutex_);
+    auto clear = [](Lane& lane) {
+        lane.now.store(INT64_MIN);
+        lane.written.store(0);
+        lane.sleeps.store(0);
+    };
+    size_t lanes = lane_count_.load(std::memory_order_acquire);
+    for (size_t i = 0; i < lanes; i++) {
+        clear(*lanes_[i]);
+    }
+    clear(*shared_lane_);
+    mode_.store(Mode::Virtual);
+    base_.store(kStartTime);
+    real_base_ = 0;
+    timers_.clear();
+    due_order_.clear();
+    next_timer_ = 1;
+    update_next_due();
+}
+
 size_t Clock::stall_count() const
 {
     std::lock_guard lock(mutex_);

@@ -39,6 +39,9 @@ public:
 
     // Objects alive, for the unload report.
     static size_t live_count();
+    // A new bench: objects a driver left alive are let go (not deleted: their
+    // callbacks are the gone driver's), handles count from the start again.
+    static void reset_all();
 
 protected:
     // Called during destroy before the cleanup callbacks (a target closes here).

@@ -85,6 +85,19 @@ void Pool::free_checked(void* p, uint32_t tag, const char* routine, const void* 
     verifier::violate(std::move(v));
 }
 
+void Pool::reset()
+{
+    std::lock_guard lock(mutex_);
+    for (auto& [p, a] : live_) {
+        ::free(p);
+    }
+    live_.clear();
+    freed_.clear();
+    freed_order_.clear();
+    frees_ = 0;
+    made_ = 0;
+}
+
 uint32_t Pool::type_of(void* p) const
 {
     std::lock_guard lock(mutex_);

@@ -168,6 +168,16 @@ void Registry::clear()
     keys_.clear();
 }
 
+void Registry::reset()
+{
+    std::lock_guard lock(mutex_);
+    keys_.clear();
+    handles_.clear();
+    opens_.clear();
+    next_handle_ = 0x100;
+    service_key_present_ = true;
+}
+
 void Registry::set_service_key_present(bool present)
 {
     std::lock_guard lock(mutex_);

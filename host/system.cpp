@@ -186,9 +186,40 @@ System::System() : bus_(std::make_unique<Bus>())
         abort();
     }
     g_current = this;
+    Object::reset_all();
+    verifier::reset_thread();
     wdm_driver_.Type = 4;
     wdm_driver_.Size = sizeof(DRIVER_OBJECT);
     wdm_driver_.HostDriver = this;
+}
+
+void System::reset()
+{
+    if (driver_ != nullptr || !devices_.empty()) {
+        try {
+            (void)unload_driver();
+        } catch (const Bugcheck&) {
+            // Reported already; the reset goes on.
+        }
+    }
+    Object::reset_all();
+    verifier::reset_thread();
+    registry_.reset();
+    pool_.reset();
+    clock_.reset();
+    traces_.reset();
+    faults_.reset();
+    bus_ = std::make_unique<Bus>();
+    os_major_ = 10;
+    classic_tracing_ = true;
+    wdm_driver_ = {};
+    wdm_driver_.Type = 4;
+    wdm_driver_.Size = sizeof(DRIVER_OBJECT);
+    wdm_driver_.HostDriver = this;
+    registry_path_.clear();
+    registry_path_us_ = {};
+    entry_status_ = STATUS_UNSUCCESSFUL;
+    loaded_ = false;
 }
 
 System::~System()

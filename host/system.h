@@ -82,6 +82,9 @@ public:
     // The kept records of every thread, in time order.
     std::vector<Delay> delays() const;
     void clear_delays();
+    // Back to a new clock's state (time, timers, records), keeping what it
+    // has allocated: the bench's reset.
+    void reset();
     size_t stall_count() const;  // since the last clear_delays, kept or not
     size_t sleep_count() const;
 
@@ -113,7 +116,8 @@ private:
     const uint64_t generation_;  // tells this clock's thread records from an earlier clock's
     std::atomic<Mode> mode_{Mode::Virtual};
     // The time advance() and the timers set; the threads' hands run ahead of it.
-    std::atomic<int64_t> base_{132000000000000000LL};  // a fixed date, so runs repeat exactly
+    static constexpr int64_t kStartTime = 132000000000000000LL;  // a fixed date, so runs repeat exactly
+    std::atomic<int64_t> base_{kStartTime};
     std::unique_ptr<Lane> lanes_[kMaxLanes];
     std::atomic<size_t> lane_count_{0};
     const std::unique_ptr<Lane> shared_lane_;  // for threads beyond kMaxLanes, under mutex_
@@ -147,6 +151,7 @@ public:
     void set(const std::string& name, uint32_t type, std::vector<uint8_t> data);
     void remove(const std::string& name);
     void clear();
+    void reset();  // a new hive's state: no values, no handles, the service key present
     // The service key exists unless removed; values then fail to open.
     void set_service_key_present(bool present);
 
@@ -218,6 +223,7 @@ public:
     static constexpr uint8_t kFill = 0xCD;
 
     void* allocate(uint32_t pool_type, size_t size, uint32_t tag, const void* allocated_by = nullptr);
+    void reset();  // a new pool's state; what is still allocated is released
     enum class Freed { Ok, AlreadyFreed, NeverAllocated, WrongTag };
     // Frees a live allocation; tag 0 frees any. Anything else leaves the pool
     // as it was and says why.
@@ -259,6 +265,7 @@ public:
     ~Faults();
     void fail(const std::string& routine, NTSTATUS status, unsigned skip = 0, unsigned times = 1);
     void clear();
+    void reset();  // no rules, hooks or errors, every count back to 0
     NTSTATUS check(const char* routine);  // STATUS_SUCCESS, or the injected status
     // A wait's check: a rule with STATUS_ALERTED (an alert) ends only an
     // alertable wait and one with STATUS_USER_APC only an alertable user-mode
@@ -346,6 +353,7 @@ public:
     std::vector<Event> events() const;  // the kept events, oldest first
     uint64_t dropped() const;           // events recorded but no longer kept
     void clear();
+    void reset();  // no session, no registration, no events; the ring's memory is kept
 
     // Decoding with the call sites' format texts.
     const TraceFormatInfo* format(const Event& e) const;
@@ -523,6 +531,14 @@ public:
     // Removes the devices still present, unloads the driver and lists what was
     // left behind.
     UnloadReport unload_driver();
+
+    // Unloads the driver if it is loaded (its report is not looked at) and
+    // puts every service back in the state a new System starts in: clock,
+    // pool, handles and objects, registry, bus and parts, trace, fault rules
+    // and call counts, the calling thread's level. What was allocated stays,
+    // so a reset costs microseconds where a new System costs a fresh heap:
+    // the fuzz targets reset one System between inputs.
+    void reset();
 
     // Internal: the framework's driver object.
     Object* driver_object() const { return driver_; }

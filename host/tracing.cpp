@@ -136,7 +136,7 @@ void Traces::record(const GUID& guid, uint16_t number, uint32_t message_flags, i
         return;
     }
     // Once full, the oldest slot is reused, with what it allocated.
-    if (recorded_ < kEventsKept && recorded_ % kChunk == 0) {
+    if (recorded_ < kEventsKept && recorded_ / kChunk == chunks_.size()) {
         chunks_.push_back(std::make_unique_for_overwrite<Stored[]>(kChunk));
     }
     Stored& e = slot(recorded_++);
@@ -201,6 +201,20 @@ void Traces::clear()
     std::lock_guard lock(mutex_);
     chunks_.clear();
     recorded_ = 0;
+}
+
+void Traces::reset()
+{
+    std::lock_guard lock(mutex_);
+    recorded_ = 0;  // the chunks are written over as the ring fills again
+    session_handle_.store(0);
+    registration_ = Registration::None;
+    callback_ = nullptr;
+    callback_context_ = nullptr;
+    flags_ = 0;
+    level_ = 0;
+    session_ = false;
+    delivered_ = false;
 }
 
 const TraceFormatInfo* Traces::format(const Event& e) const

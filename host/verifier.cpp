@@ -134,6 +134,12 @@ void violate(Violation v, bool report)
     // The stop ends the work on this thread: its spin locks are let go and
     // it is back at PASSIVE_LEVEL, as a fresh machine's thread would be. The
     // scopes it unwinds through put back the levels their callers had.
+    reset_thread();
+    throw Bugcheck(std::move(v));
+}
+
+void reset_thread()
+{
     for (auto& lock : t_held) {
         if (lock != nullptr) {
             __atomic_store_n(lock, 0, __ATOMIC_RELEASE);
@@ -141,7 +147,6 @@ void violate(Violation v, bool report)
         }
     }
     t_state = PASSIVE_LEVEL;
-    throw Bugcheck(std::move(v));
 }
 
 void violate_at_level(const Stop& stop, std::string routine, const void* caller, std::string what, KIRQL allowed)

@@ -206,6 +206,10 @@ extern constinit std::atomic<size_t> g_entry_hooks;
     return rule.fails ? check_faults(rule.routine) : STATUS_SUCCESS;
 }
 
+// This thread back at PASSIVE_LEVEL with no spin lock held, as a new
+// machine's thread: a new bench begins so.
+void reset_thread();
+
 // Spin locks held by this thread, so that a stop can let them go.
 void spin_lock_taken(PKSPIN_LOCK lock);
 void spin_lock_released(PKSPIN_LOCK lock);

@@ -169,6 +169,14 @@ void Object::destroy(Object* object)
     work.finish();
 }
 
+void Object::reset_all()
+{
+    std::lock_guard lock(live_mutex());
+    live_objects().clear();
+    g_next_serial.store(1);
+    g_deletions.fetch_add(1);  // no thread's remembered handle holds
+}
+
 size_t Object::live_count()
 {
     std::lock_guard lock(live_mutex());
