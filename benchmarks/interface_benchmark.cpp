@@ -32,6 +32,7 @@
 #include <chrono>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 namespace {
@@ -448,6 +449,38 @@ void BM_UnloadPerDevice(benchmark::State& state)
     state.counters["us_per_device"] = unload_ns / 1000.0 / double(state.iterations()) / devices;
 }
 BENCHMARK(BM_UnloadPerDevice)->ArgName("devices")->Arg(64)->Arg(4096)->Iterations(3);
+
+// ---- A fresh bench ------------------------------------------------------------------
+
+// A bench for the next piece of work, as the fuzz targets take one for every
+// input: a new System, or the same one reset; then the driver loaded and a
+// device added. Counters: us per bench, and the reset alone.
+void BM_FreshBench(benchmark::State& state)
+{
+    bool reset = state.range(0) != 0;
+    std::optional<System> kept;
+    if (reset) {
+        kept.emplace();
+    }
+    double reset_ns = 0;
+    for (auto _ : state) {
+        std::optional<System> made;
+        System* sys;
+        if (reset) {
+            auto start = Clock::now();
+            kept->reset();
+            reset_ns += std::chrono::duration<double, std::nano>(Clock::now() - start).count();
+            sys = &*kept;
+        } else {
+            sys = &made.emplace();
+        }
+        korvanel::platform::load_driver(*sys);
+        sys->add_device();
+        benchmark::DoNotOptimize(sys->unload_driver());
+    }
+    state.counters["reset_us"] = reset_ns / 1000.0 / double(state.iterations());
+}
+BENCHMARK(BM_FreshBench)->ArgName("reset")->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 
 // ---- The virtual clock --------------------------------------------------------------
 

@@ -150,7 +150,12 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
 
     BusTransfer t{0, request.connection, 0, 0, request.direction, request.length, {}, request.timeout, STATUS_SUCCESS,
                   clock.now(), 0};
-    if (request.direction == Direction::Write) {
+    bool recorded;
+    {
+        std::lock_guard lock(mutex_);
+        recorded = kept_ > 0 || observer_;
+    }
+    if (request.direction == Direction::Write && recorded) {
         t.bytes.assign(request.buffer, request.buffer + request.length);
     }
     std::optional<BusFault> fault;
@@ -174,7 +179,7 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
 
     // Only the address byte goes out when nobody acknowledges it.
     int64_t address_only = wire_time(speed, 0);
-    std::vector<uint8_t> received(request.direction == Direction::Read ? request.length : 0);
+    received_.assign(request.direction == Direction::Read ? request.length : 0, 0);
     NTSTATUS status;
     int64_t duration;
     if (fault && fault->kind == BusFault::Kind::Timeout) {
@@ -190,7 +195,7 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
         sim::Transfer when{t.time, t.time + wire_time(speed, request.length)};
         status = request.direction == Direction::Write
                      ? part->write(when, std::span<const uint8_t>(request.buffer, request.length))
-                     : part->read(when, std::span<uint8_t>(received));
+                     : part->read(when, std::span<uint8_t>(received_));
         int64_t hold = part->hold_time();
         duration = NT_SUCCESS(status) ? wire_time(speed, request.length) : address_only;
         duration = hold == sim::kHoldForever ? sim::kHoldForever : duration + hold;
@@ -216,8 +221,10 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
     }
 
     if (request.direction == Direction::Read && NT_SUCCESS(status)) {
-        std::copy(received.begin(), received.end(), request.buffer);
-        t.bytes = std::move(received);
+        std::copy(received_.begin(), received_.end(), request.buffer);
+        if (recorded) {
+            t.bytes = received_;
+        }
     }
     t.status = status;
     t.duration = duration;
@@ -226,10 +233,12 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
     }
     {
         std::lock_guard lock(mutex_);
-        if (transcript_.size() == kTransfersKept) {
-            transcript_.pop_front();
+        if (kept_ > 0) {
+            while (transcript_.size() >= kept_) {
+                transcript_.pop_front();
+            }
+            transcript_.push_back(std::move(t));
         }
-        transcript_.push_back(std::move(t));
     }
     clock.advance(duration);
     busy_until_ = clock.now();
@@ -241,6 +250,15 @@ NTSTATUS Bus::transfer(const Request& request, ULONG_PTR* transferred)
 }
 
 // ---- Records ---------------------------------------------------------------------
+
+void Bus::keep_transfers(size_t count)
+{
+    std::lock_guard lock(mutex_);
+    kept_ = count;
+    while (transcript_.size() > kept_) {
+        transcript_.pop_front();
+    }
+}
 
 std::vector<BusTransfer> Bus::transcript() const
 {

@@ -134,6 +134,9 @@ public:
     static constexpr size_t kTransfersKept = size_t(1) << 16;
     static constexpr size_t kTargetsKept = 1024;
     std::vector<BusTransfer> transcript() const;  // the kept transfers, oldest first
+    // How many transfers the transcript keeps (kTransfersKept unless set); 0
+    // keeps none and copies no bytes, for a run that never reads it (fuzzing).
+    void keep_transfers(size_t count);
     void clear_transcript();            // the index count goes on
     uint64_t transfer_count() const;    // transfers so far = the next one's index
     std::string last_rejection() const; // why the latest refused request was refused
@@ -185,6 +188,8 @@ private:
     std::map<uint64_t, BusFault> indexed_faults_;
     std::vector<Rule> rules_;
     std::deque<BusTransfer> transcript_;
+    size_t kept_ = kTransfersKept;
+    std::vector<uint8_t> received_;  // a read's bytes before the driver sees them, under wire_
     uint64_t next_index_ = 0;
     std::string last_rejection_;
     std::deque<TargetRecord> targets_;

@@ -3,8 +3,10 @@
 #include "eeprom.h"
 
 #include <algorithm>
+#include <array>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 
 namespace korvanel::sim {
 
@@ -44,7 +46,13 @@ private:
     size_t block_;
 };
 
-Eeprom::Eeprom(Geometry geometry) : geometry_(geometry), cells_(geometry.size, 0xFF) {}
+Eeprom::Eeprom(Geometry geometry) : geometry_(geometry), cells_(geometry.size, 0xFF)
+{
+    if (geometry.write_page == 0 || geometry.write_page > kMaxWritePage ||
+        (geometry.write_page & (geometry.write_page - 1)) != 0) {
+        throw std::invalid_argument("an EEPROM's write page is a power of two of at most 256 bytes");
+    }
+}
 
 std::vector<std::shared_ptr<Peripheral>> Eeprom::connections()
 {
@@ -137,7 +145,7 @@ NTSTATUS Eeprom::take_write(const Transfer& when, size_t block, std::span<const 
     size_t page = geometry_.write_page;
     size_t base = pointer_ & ~(page - 1);
     size_t offset = pointer_ - base;
-    std::vector<std::optional<uint8_t>> buffer(page);
+    std::array<std::optional<uint8_t>, kMaxWritePage> buffer{};
     for (uint8_t value : data) {
         buffer[offset] = value;
         offset = (offset + 1) % page;

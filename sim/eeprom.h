@@ -58,6 +58,7 @@ public:
     static constexpr size_t kBlockSize = 256;
     static constexpr int64_t kWriteCycle = 5 * 10000;  // 5 ms, 100 ns units
 
+    static constexpr size_t kMaxWritePage = 256;
     explicit Eeprom(Geometry geometry);
 
     const Geometry& geometry() const { return geometry_; }
