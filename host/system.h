@@ -212,6 +212,12 @@ public:
         size_t size;
         const void* allocated_by = nullptr;  // a return address in the allocating routine
     };
+    Pool() = default;
+    Pool(const Pool&) = delete;
+    Pool& operator=(const Pool&) = delete;
+    // What a driver left allocated was reported at its unload; the bench
+    // releases it with itself.
+    ~Pool() { reset(); }
     size_t outstanding() const;
     std::vector<Allocation> live() const;
     size_t allocations_made() const;
