@@ -1,0 +1,115 @@
+#!/usr/bin/env python3
+"""Every text the driver puts in its trace has a row in the trace contract.
+
+Whoever reads the driver's trace matches its texts, so each one is pinned by
+a case in tests/trace_contract*_test.cpp that reaches it and checks its level
+and numbers. This reads the driver folders and fails, naming file and line,
+for a trace text that no string in those tests contains. The trace texts are:
+
+  - the format text of every TraceEvents call;
+  - every string in the actuator and memory sources (vcm/, nvm/): their
+    routines' marker texts and chip names are data that the events carry.
+
+A text that is only a layout of arguments (" %u %!STATUS!") names nothing and
+needs no row; include paths and static_assert messages are not trace texts.
+
+Usage: lint_trace_texts.py [--source-dir DIR]
+"""
+import argparse
+import pathlib
+import re
+import sys
+
+TRACED_FOLDERS = ["driver", "sensor", "bus", "vcm", "nvm", "trace"]
+DATA_FOLDERS = {"vcm", "nvm"}
+CONTRACT_GLOB = "tests/trace_contract*_test.cpp"
+
+LITERAL = re.compile(r'(?<![A-Za-z0-9_])(?:u8|u|L)?"((?:[^"\\\n]|\\.)*)"')
+SPECIFIER = re.compile(r"%(!\w+!|[-#0-9.*]*(?:I64|ll|l|h|w)?[a-zA-Z])")
+TRACE_CALL = re.compile(r"\bTraceEvents\s*\(\s*\w+\s*,\s*")
+
+
+def without_comments(text):
+    """The source with comments blanked, lines and strings kept in place."""
+    out, i, n = [], 0, len(text)
+    while i < n:
+        c = text[i]
+        if text.startswith("//", i):
+            j = text.find("\n", i)
+            i = n if j < 0 else j
+        elif text.startswith("/*", i):
+            j = text.find("*/", i + 2)
+            j = n if j < 0 else j + 2
+            out.append(re.sub(r"[^\n]", " ", text[i:j]))
+            i = j
+        elif c in "\"'":
+            j = i + 1
+            while j < n and text[j] != c and text[j] != "\n":
+                j += 2 if text[j] == "\\" else 1
+            out.append(text[i:j + 1])
+            i = j + 1
+        else:
+            out.append(c)
+            i += 1
+    return "".join(out)
+
+
+def names_something(literal):
+    return re.search(r"[A-Za-z]", SPECIFIER.sub("", literal).replace("0x", "")) is not None
+
+
+def trace_texts(root):
+    """(file, line, text) of every trace text of the driver."""
+    for folder in TRACED_FOLDERS:
+        for path in sorted((root / folder).glob("*.[ch]*")):
+            source = without_comments(path.read_text())
+            line_of = lambda at: source.count("\n", 0, at) + 1
+            rel = path.relative_to(root)
+            if folder in DATA_FOLDERS:
+                for m in LITERAL.finditer(source):
+                    start = source.rfind("\n", 0, m.start()) + 1
+                    head = source[start:m.start()]
+                    if head.lstrip().startswith("#") or re.search(r"static_assert\s*\(", source[start:m.end()]):
+                        continue
+                    yield rel, line_of(m.start()), m.group(1)
+            else:
+                for call in TRACE_CALL.finditer(source):
+                    m = LITERAL.match(source, call.end())
+                    if m:
+                        yield rel, line_of(m.start()), m.group(1)
+
+
+def contract_strings(root):
+    strings = []
+    for path in sorted(root.glob(CONTRACT_GLOB)):
+        strings += [m.group(1) for m in LITERAL.finditer(without_comments(path.read_text()))]
+    return strings
+
+
+def lint(root):
+    pinned = contract_strings(root)
+    problems, texts = [], 0
+    seen = set()
+    for rel, line, text in trace_texts(root):
+        if not names_something(text) or text in seen:
+            continue
+        seen.add(text)
+        texts += 1
+        if not any(text in s for s in pinned):
+            problems.append(f"{rel}:{line}: trace text \"{text}\" has no row in {CONTRACT_GLOB}")
+    return problems, texts
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--source-dir", type=pathlib.Path, default=pathlib.Path(__file__).resolve().parent.parent)
+    args = parser.parse_args()
+    problems, texts = lint(args.source_dir)
+    for p in problems:
+        print(p)
+    print(f"trace texts: {texts}, {texts - len(problems)} pinned by the contract, {len(problems)} not")
+    return 1 if problems else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
