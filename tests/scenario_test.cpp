@@ -9,7 +9,6 @@
 #include "tools/scenario_reader.h"
 #include "tools/scenario_report.h"
 
-#include <chrono>
 #include <fstream>
 #include <sstream>
 
@@ -467,8 +466,9 @@ TEST_F(ScenarioTest, VerboseRunsAndTheRunsTrace)
 }
 
 // Ten thousand steps: mode selections, mode information, lens moves and clock
-// advances, each with an expectation.
-TEST_F(ScenarioTest, TenThousandStepsRunWellUnderASecond)
+// advances, each with an expectation, all met and timed on the bench's clock
+// (the wall time of a long scenario is measured by the benchmarks, not here).
+TEST_F(ScenarioTest, TenThousandStepsAllRunAndMeetTheirExpectations)
 {
     std::string text = "{\"device\": {\"actuator\": {\"chip\": \"DW9719\"}}, \"steps\": [\n";
     for (int i = 0; i < 2500; i++) {
@@ -481,19 +481,10 @@ TEST_F(ScenarioTest, TenThousandStepsRunWellUnderASecond)
                 "}},\n{\"advance_ms\": 1}";
     }
     text += "]}";
-    auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(run(text), 0) << err << out.substr(out.size() > 2000 ? out.size() - 2000 : 0);
-    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     // Each step's time on the bench: instant bus, 1 ms a fourth step.
     EXPECT_NE(out.find("Passed: 10000 steps, 7500 expectations met, 2500.0000 ms on the bench's clock"),
               std::string::npos);
-    RecordProperty("wall_seconds", std::to_string(seconds));
-    std::cout << "10000 scenario steps (2.5 s on the bench's clock) in " << seconds << " s\n";
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    EXPECT_LT(seconds, 10.0);  // instrumented builds are several times slower
-#else
-    EXPECT_LT(seconds, 1.0);
-#endif
 }
 
 }  // namespace
