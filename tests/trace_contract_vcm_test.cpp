@@ -95,7 +95,7 @@ protected:
                 {n, n + "_SetConfig -", "", TRACE_INFO, none, "SetConfig without an array: invalid parameter",
                  [=, this] { EXPECT_EQ(r->SetConfig(ctx, nullptr), STATUS_INVALID_PARAMETER); }},
                 {n, "reg - data", " 0x%x 0x%x", TRACE_INFO, {last, uint32_t(0x40 + v - 1)},
-                 "SetConfig, a wrong Reg past the verified ones: taken", config(count, v, true)},
+                 "SetConfig, any Reg past the verified ones wrong: taken", config(count, v, true)},
                 {n, "incorrect reg - data", " 0x%x 0x%x", TRACE_INFO, {0x1234, uint32_t(0x40 + v - 1)},
                  "SetConfig, the last verified Reg wrong: refused", config(count, v - 1, false)},
                 {n, "incorrect count", " %u", TRACE_INFO, {uint32_t(count + 1)}, "SetConfig with a pair more: refused",
