@@ -59,11 +59,9 @@ TEST_F(VcmAccessTest, PausesMissingConnectionsAndOutOfRangeTypes)
     EXPECT_EQ(VcmWriteReg8(ctx, 0xFF, 20), STATUS_SUCCESS);
     EXPECT_EQ(timeline(), Wire{"delay 21 ms"});
     EXPECT_EQ(sys.clock().sleep_count(), 1u) << "20 ms sleeps";
-    EXPECT_EQ(numbers(marked("VcmWriteReg8").at(1)), std::vector<uint32_t>{20});
 
     // Without the connection: its status, no request, the outputs as they were.
     EXPECT_EQ(all(), std::vector<NTSTATUS>(6, STATUS_NOT_SUPPORTED));
-    EXPECT_EQ(marked("VcmReadReg8").size(), 1u) << "a read still ends with its event";
     EXPECT_EQ(marked("VcmWriteWord").size(), 0u) << "a write that never went out is not traced as one";
 
     // VcmType past the table: success without effect, not even the connection.

@@ -110,8 +110,9 @@ protected:
     }
 
     // Transfers in order, each preceded by the pauses since the one before
-    // as one "delay N ms" (processor stalls and sleeps alike).
-    Wire timeline()
+    // as one "delay N ms" (processor stalls and sleeps alike); `show` gives
+    // a transfer's line, "" to leave it out.
+    Wire timeline(const std::function<std::string(const host::BusTransfer&)>& show = wire_text)
     {
         auto delays = sys.clock().delays();
         Wire out;
@@ -127,9 +128,54 @@ protected:
         };
         for (auto& t : sys.bus().transcript()) {
             pauses_before(t.time);
-            out.push_back(wire_text(t));
+            if (auto line = show(t); !line.empty()) {
+                out.push_back(line);
+            }
         }
         pauses_before(INT64_MAX);
+        return out;
+    }
+
+    // The timeline with each move shown as "code N", N as the part latched
+    // it, in place of the transfers to its code registers (a merging chip's
+    // read of the high register included).
+    Wire moves()
+    {
+        auto points = part->trajectory();
+        const auto& chip = part->chip();
+        bool words = chip.interface == sim::ActuatorChip::Interface::CommandWord, addressed = false;
+        size_t next = 0, width = chip.interface == sim::ActuatorChip::Interface::Reg16 ? 2 : 1;
+        return timeline([&](const host::BusTransfer& t) {
+            bool read = t.direction == host::Direction::Read;
+            unsigned reg = t.bytes.size() < width ? ~0u : width == 2 ? t.bytes[0] << 8 | t.bytes[1] : t.bytes[0];
+            bool code_reg = !read && (words || reg == chip.high_reg || reg == chip.low_reg);
+            bool latching = words || (reg == chip.low_reg && t.bytes.size() > width);
+            bool drop = code_reg || (read && addressed);
+            addressed = code_reg && t.bytes.size() == width;
+            for (; next < points.size() && points[next].time < t.time + t.duration; next++) {
+            }
+            if (code_reg && latching && next < points.size() && points[next].time == t.time + t.duration) {
+                return "code " + std::to_string(points[next++].code);
+            }
+            return drop ? std::string() : wire_text(t);
+        });
+    }
+    // Each code, with the pause that goes with it before or after.
+    static Wire steps(const std::vector<int>& codes, const std::string& before = "", const std::string& after = "")
+    {
+        Wire out;
+        for (int code : codes) {
+            out = out + (before.empty() ? Wire{} : Wire{before}) + Wire{"code " + std::to_string(code)} +
+                  (after.empty() ? Wire{} : Wire{after});
+        }
+        return out;
+    }
+    static std::vector<int> range(int from, int to, int step)
+    {
+        std::vector<int> out;
+        for (int p = from; step > 0 ? p <= to : p >= to; p += step) {
+            out.push_back(p);
+        }
         return out;
     }
 
