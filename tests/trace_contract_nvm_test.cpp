@@ -14,24 +14,24 @@
 namespace korvanel::test {
 namespace {
 
-// Size and write page (block, page) of each memory type as the module's
-// memory is described. Only types 5, 7, 8 and 10 hand theirs to their
-// commands through the context; the block and paged parts' commands take
-// theirs at build time and types 0 to 4 have none, so nothing at run time
-// notices a changed cell. Next to the table, its rows (with their Type and
+// What each memory type is: the size of its part and its write page (or
+// block, or page). Only types 5, 7, 8 and 10 hand theirs to their commands
+// through the context; the block and paged parts' commands take theirs at
+// build time and types 0 to 4 have none, so nothing at run time notices a
+// changed cell. Next to the table, its rows (with their Type and
 // LoadAddress, which no command reads either) are held to NvmGeometry.
-constexpr NVM_GEOMETRY kDescribed[NVM_TYPE_COUNT] = {
+constexpr NVM_GEOMETRY kTypes[NVM_TYPE_COUNT] = {
     {0, 0},      {0, 0},         {0, 0},         {0, 0},         {0, 0},          {0x4000, 0x40}, {0x800, 0x100},
     {0x80, 0x8}, {0x1000, 0x20}, {0x400, 0x100}, {0x2000, 0x20}, {0x2000, 0x400}, {0x800, 0x100},
 };
 static_assert([] {
     for (ULONG t = 0; t < NVM_TYPE_COUNT; t++) {
-        if (NvmGeometry[t].Size != kDescribed[t].Size || NvmGeometry[t].PageSize != kDescribed[t].PageSize) {
+        if (NvmGeometry[t].Size != kTypes[t].Size || NvmGeometry[t].PageSize != kTypes[t].PageSize) {
             return false;
         }
     }
     return true;
-}(), "a memory type's size or write page is not as described");
+}(), "a memory type's size or write page changed");
 
 constexpr uint32_t kNo = NVM_TRACE_NO_NUMBER;
 constexpr uint32_t kParam = uint32_t(STATUS_INVALID_PARAMETER);
