@@ -132,7 +132,7 @@ TEST_F(NvmTraceContract, EveryMemoryTextAtItsLevelWithItsNumbersAndWhatReachesIt
         {10, "40 at 30, first chunk NACKed", W(30, 40), {{"bulkWrite Failed to write !!", 'E', {kNack, kNo}}}, N(0)},
         {10, "40 at 30, page NACKed", W(30, 40), {{"Cmd_M24c64Write Error 1!!", 'E', {kParam, kNo}}}, N(1)},
         {10, "40 at 30, tail NACKed", W(30, 40), {{"Cmd_M24c64Write Error 2!!", 'E', {kParam, kNo}}}, N(2)},
-        {10, "a whole page", W(0, 32), {{"Cmd_M24c64Write Done!!", 'I'}}},
+        {10, "two whole pages", W(0, 64), {{"Cmd_M24c64Write Done!!", 'I'}}},
         {10, "bulkWrite past the page", [&] { bulkWrite(ctx, 0, d.data(), 33); },
          {{"bulkWrite data length invalid error!!", 'E', {33, kNo}}}},
         // The 256-byte-block parts (types 6, 9 and 12): 20 bytes at 250 are
