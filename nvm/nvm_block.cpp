@@ -13,9 +13,10 @@
 
 /* The most blocks of any member: the plan has room for them all. */
 #define NVM_MAX_BLOCKS 8
-static_assert(NvmBlockCount(NVM_TYPE_BRCA016) <= NVM_MAX_BLOCKS && NvmBlockCount(NVM_TYPE_CAT24C) <= NVM_MAX_BLOCKS &&
-                  NvmBlockCount(NVM_TYPE_CAT24C16) <= NVM_MAX_BLOCKS && NvmBlockCount(NVM_TYPE_DW9806B) <= NVM_MAX_BLOCKS,
-              "a member with more blocks than a plan holds");
+static_assert(NvmBlockCount(NVM_TYPE_BRCA016) <= NVM_MAX_BLOCKS, "a member with more blocks than a plan holds");
+static_assert(NvmBlockCount(NVM_TYPE_CAT24C) <= NVM_MAX_BLOCKS, "a member with more blocks than a plan holds");
+static_assert(NvmBlockCount(NVM_TYPE_CAT24C16) <= NVM_MAX_BLOCKS, "a member with more blocks than a plan holds");
+static_assert(NvmBlockCount(NVM_TYPE_DW9806B) <= NVM_MAX_BLOCKS, "a member with more blocks than a plan holds");
 
 /* One block's share of a transfer. */
 typedef struct _NVM_BLOCK_PIECE {

@@ -44,10 +44,10 @@ constexpr ULONG NvmBlockCount(_In_ ULONG Type)
 /* The largest write page of any part: the engines' transfer buffer holds it
  * after the address, and CmdWrite accepts no larger NvmPageSize. */
 #define NVM_MAX_WRITE_PAGE 64
-static_assert(NvmGeometry[5].PageSize == NVM_MAX_WRITE_PAGE && NvmGeometry[7].PageSize <= NVM_MAX_WRITE_PAGE &&
-                  NvmGeometry[8].PageSize <= NVM_MAX_WRITE_PAGE &&
-                  NvmGeometry[NVM_TYPE_M24C64].PageSize <= NVM_MAX_WRITE_PAGE,
-              "a write page larger than the transfer buffer");
+static_assert(NvmGeometry[5].PageSize == NVM_MAX_WRITE_PAGE, "a write page larger than the transfer buffer");
+static_assert(NvmGeometry[7].PageSize <= NVM_MAX_WRITE_PAGE, "a write page larger than the transfer buffer");
+static_assert(NvmGeometry[8].PageSize <= NVM_MAX_WRITE_PAGE, "a write page larger than the transfer buffer");
+static_assert(NvmGeometry[NVM_TYPE_M24C64].PageSize <= NVM_MAX_WRITE_PAGE, "a write page larger than the transfer buffer");
 
 /* How an engine puts the memory address on the wire. */
 typedef enum _NVM_ADDRESSING {

@@ -18,22 +18,6 @@
 namespace korvanel::test {
 
 constexpr uint64_t kNvmConnection = 0x50;  // slot 2; block b of a block part on 0x50 + b
-constexpr uint32_t kNoNumber = NVM_TRACE_NO_NUMBER;
-
-// One memory text trace: the text, its two numbers and its level: 'E' for
-// a failure, 'I' for progress and exit texts.
-struct NvmText {
-    std::string text;
-    uint32_t first;
-    uint32_t second;
-    char level = 'I';
-    bool operator==(const NvmText&) const = default;
-};
-
-inline std::ostream& operator<<(std::ostream& os, const NvmText& t)
-{
-    return os << "{\"" << t.text << "\", " << t.first << ", " << t.second << ", '" << t.level << "'}";
-}
 
 inline std::vector<uint8_t> pattern(size_t n, uint8_t seed = 0x10)
 {
@@ -46,7 +30,6 @@ inline std::vector<uint8_t> pattern(size_t n, uint8_t seed = 0x10)
 
 class NvmTest : public DriverTest {
 protected:
-    static constexpr const char* kTextFormat = "NvmType %u: %s 0x%x 0x%x";
     PDEVICE_CONTEXT ctx = nullptr;
     std::shared_ptr<sim::Eeprom> part;
     const NVM_DRIVER* row = nullptr;
@@ -77,16 +60,6 @@ protected:
         sys.traces().clear();
     }
 
-    // The memory's text traces, in order.
-    std::vector<NvmText> texts()
-    {
-        std::vector<NvmText> out;
-        for (auto& e : sys.traces().find(kTextFormat)) {
-            out.push_back({host::Traces::text(e, 2), host::Traces::u32(e, 3), host::Traces::u32(e, 4),
-                           sys.traces().format(e)->flag == TRACE_ERROR ? 'E' : 'I'});
-        }
-        return out;
-    }
     // Transfers ("w50 00 3C 11 18" with the connection's low byte, "r50 4"
     // with the length read; a failure's status appended) and the waits
     // between them ("sleep 20", "spin 5", in ms), in clock order.
