@@ -54,6 +54,22 @@ def without_comments(text):
     return "".join(out)
 
 
+def static_assert_spans(source):
+    """(start, end) of every static_assert(...) in the source, its parentheses matched."""
+    spans = []
+    for m in re.finditer(r"\bstatic_assert\s*\(", source):
+        depth, i = 1, m.end()
+        while i < len(source) and depth:
+            c = source[i]
+            if c == '"':
+                i = LITERAL.match(source, i).end() if LITERAL.match(source, i) else i + 1
+                continue
+            depth += {"(": 1, ")": -1}.get(c, 0)
+            i += 1
+        spans.append((m.start(), i))
+    return spans
+
+
 def names_something(literal):
     return re.search(r"[A-Za-z]", SPECIFIER.sub("", literal).replace("0x", "")) is not None
 
@@ -66,10 +82,11 @@ def trace_texts(root):
             line_of = lambda at: source.count("\n", 0, at) + 1
             rel = path.relative_to(root)
             if folder in DATA_FOLDERS:
+                asserts = static_assert_spans(source)
                 for m in LITERAL.finditer(source):
                     start = source.rfind("\n", 0, m.start()) + 1
-                    head = source[start:m.start()]
-                    if head.lstrip().startswith("#") or re.search(r"static_assert\s*\(", source[start:m.end()]):
+                    in_assert = any(a <= m.start() < b for a, b in asserts)
+                    if source[start:m.start()].lstrip().startswith("#") or in_assert:
                         continue
                     yield rel, line_of(m.start()), m.group(1)
             else:

@@ -212,7 +212,12 @@ add_test(NAME lint_driver
 add_test(NAME lint_driver_planted_faults
          COMMAND ${lint_python} ${CMAKE_CURRENT_SOURCE_DIR}/cmake/lint_driver.py
                  --source-dir ${CMAKE_CURRENT_SOURCE_DIR} --planted-faults)
-set_tests_properties(lint_driver lint_driver_planted_faults PROPERTIES LABELS lint)
+# Every text the driver traces is pinned by a trace contract case
+# (cmake/lint_trace_texts.py).
+add_test(NAME lint_trace_texts
+         COMMAND ${lint_python} ${CMAKE_CURRENT_SOURCE_DIR}/cmake/lint_trace_texts.py
+                 --source-dir ${CMAKE_CURRENT_SOURCE_DIR})
+set_tests_properties(lint_driver lint_driver_planted_faults lint_trace_texts PROPERTIES LABELS lint)
 
 # The camera driver's view of the interface, compiled as C.
 add_test(NAME windows_mingw.interface_as_c
