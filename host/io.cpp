@@ -96,7 +96,8 @@ NTSTATUS IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     // The bus driver answers only the hardware-identifier query; anything
     // else completes with the status the sender preset.
     if (device == nullptr || stack->MajorFunction != IRP_MJ_PNP || stack->MinorFunction != IRP_MN_QUERY_ID ||
-        stack->Parameters.QueryId.IdType != BusQueryHardwareIDs) {
+        stack->Parameters.QueryId.IdType != BusQueryHardwareIDs ||
+        device->config.id_query == DeviceConfig::IdQuery::Unanswered) {
         NTSTATUS status = Irp->IoStatus.Status;
         complete(request, status, 0);
         return status;

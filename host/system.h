@@ -385,6 +385,9 @@ public:
                 size_t count);
     void set_registration(Registration r, void* callback, void* context);
     void apply_session();  // calls the driver's enable callback with the session
+    // A consumer's request that a classic provider log its state
+    // (EVENT_CONTROL_CODE_CAPTURE_STATE): neither an enable nor a disable.
+    void capture_state();
 
 private:
     struct Stored {
@@ -421,7 +424,10 @@ private:
 struct DeviceConfig {
     // The PDO's answer to the hardware-identifier query.
     std::vector<std::u16string> hardware_ids = {u"root\\KORVANEL"};
-    enum class IdQuery { Synchronous, Pending, Fail } id_query = IdQuery::Synchronous;
+    // Unanswered: a bus driver that does not handle the query completes it
+    // with the status the sender preset, as a PDO does with a PnP request
+    // it does not know.
+    enum class IdQuery { Synchronous, Pending, Fail, Unanswered } id_query = IdQuery::Synchronous;
     // Fail: the status returned; Pending: the status the completion carries.
     NTSTATUS id_status = STATUS_SUCCESS;
     bool id_request_build_fails = false;

@@ -96,6 +96,19 @@ void Traces::set_registration(Registration r, void* callback, void* context)
     }
 }
 
+void Traces::capture_state()
+{
+    std::lock_guard lock(mutex_);
+    if (registration_ != Registration::Classic || callback_ == nullptr || !session_) {
+        return;
+    }
+    TRACEHANDLE handle = session_handle(flags_, level_);
+    auto callback = reinterpret_cast<ClassicCallback>(callback_);
+    verifier::call_driver(callback_level("the trace enable callback"), [&] {
+        callback(&g_provider_guid, EVENT_CONTROL_CODE_CAPTURE_STATE, &handle, callback_context_);
+    });
+}
+
 // Tells the registered provider about the session, as the system does when a
 // consumer enables or disables it.
 void Traces::apply_session()

@@ -2,7 +2,9 @@
 // thread sleeps once, never both; on the virtual clock.
 #include <gtest/gtest.h>
 
+#include "bus/bus_lock.h"
 #include "bus/delay.h"
+#include "driver/driver.h"
 #include "host/system.h"
 
 #include <climits>
@@ -49,6 +51,34 @@ TEST(DelayTest, SpinsBelowSixMillisecondsAndSleepsFromThereOn)
             }
         }
     }
+}
+
+// The driver waits in kernel mode and not alertable: an alert or a user APC
+// delivered to the thread ends none of its waits early (the delay's sleep,
+// the bus lock, the wait for a pending identifier query).
+TEST(DelayTest, NoWaitOfTheDriverIsEndedByAnAlertOrAUserApc)
+{
+    host::System sys;
+    for (const char* wait : {"KeDelayExecutionThread", "KeWaitForSingleObject"}) {
+        sys.faults().fail(wait, STATUS_ALERTED, 0, 100);
+        sys.faults().fail(wait, STATUS_USER_APC, 0, 100);
+    }
+    int64_t start = sys.clock().now();
+    DelayMilliseconds(10);
+    EXPECT_EQ(sys.clock().now() - start, 100000);
+
+    KEVENT lock;
+    KeInitializeEvent(&lock, SynchronizationEvent, TRUE);
+    EXPECT_EQ(AcquireBusLock(&lock), STATUS_SUCCESS);
+
+    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
+    host::DeviceConfig config;
+    config.hardware_ids = {u"root\\KORVANEL\\rgbir"};
+    config.id_query = host::DeviceConfig::IdQuery::Pending;
+    auto& dev = sys.add_device(config);
+    ASSERT_EQ(dev.add_status(), STATUS_SUCCESS);
+    EXPECT_STREQ(static_cast<PDEVICE_CONTEXT>(dev.context())->SensorName, "RGBIR");
+    EXPECT_EQ(sys.faults().calls("KeWaitForSingleObject"), 2u);
 }
 
 }  // namespace

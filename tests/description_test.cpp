@@ -4,6 +4,8 @@
 
 #include "sensor/description.h"
 
+#include <functional>
+
 namespace korvanel::test {
 namespace {
 
@@ -58,6 +60,39 @@ TEST_F(DescriptionTest, ParametersAreTheDriversOwnRecord)
     ULONG word = 0;
     ASSERT_EQ(si.GetParameterWord(ctx, &word), STATUS_SUCCESS);
     EXPECT_EQ(word, 0x00037530u);
+    // With 4 at byte 80 the word's high half says 4.
+    const ULONG saved = SensorParameters.HdrWord;
+    SensorParameters.HdrWord = 4;
+    ASSERT_EQ(si.GetParameterWord(ctx, &word), STATUS_SUCCESS);
+    SensorParameters.HdrWord = saved;
+    EXPECT_EQ(word, 0x00047530u);
+}
+
+// A query given nowhere to put its answer is refused, and nothing is written.
+TEST_F(DescriptionTest, EveryQueryRefusesAMissingResult)
+{
+    open();
+    ULONG size = sizeof(SENSOR_MODE_INFO);
+    SENSOR_MODE_INFO info{};
+    const struct {
+        const char* what;
+        std::function<NTSTATUS()> call;
+    } cases[] = {
+        {"GetSensorCaps", [&] { return si.GetSensorCaps(ctx, nullptr); }},
+        {"GetSensorParameters", [&] { return si.GetSensorParameters(ctx, nullptr); }},
+        {"GetPdafTable", [&] { return si.GetPdafTable(ctx, nullptr); }},
+        {"GetModeInfo without a size", [&] { return si.GetModeInfo(ctx, nullptr, &info); }},
+        {"GetModeInfo without a record", [&] { return si.GetModeInfo(ctx, &size, nullptr); }},
+        {"QueryProperty", [&] { return si.QueryProperty(ctx, 34, nullptr); }},
+        {"GetAuxFlag", [&] { return si.GetAuxFlag(ctx, nullptr); }},
+        {"GetParameterWord", [&] { return si.GetParameterWord(ctx, nullptr); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(c.call(), STATUS_INVALID_PARAMETER);
+    }
+    EXPECT_EQ(size, sizeof(SENSOR_MODE_INFO));
+    EXPECT_EQ(bytes_of(info), bytes_of(SENSOR_MODE_INFO{}));
 }
 
 TEST_F(DescriptionTest, PdafInformationForEachImageSize)

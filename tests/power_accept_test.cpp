@@ -76,6 +76,7 @@ TEST_F(PowerAcceptTest, AcceptedRequestsAreTracedAndChangeNothing)
         {[&] { return si.AcceptRecord(ctx, nullptr); }, STATUS_INVALID_PARAMETER, {}},
         {[&] { return si.AcceptEntry(ctx, &entries[1]); }, STATUS_SUCCESS, {{21, 22, 23, ok}}},
         {[&] { return si.AcceptEntry(ctx, nullptr); }, STATUS_SUCCESS, {{ok}}},
+        {[&] { return si.AcceptPointer(ctx, &value); }, STATUS_SUCCESS, {{ok}}},
         {[&] { return si.AcceptPointer(ctx, nullptr); }, STATUS_INVALID_PARAMETER, {{bad}}},
         {[&] { return si.AcceptValue(ctx, &value); }, STATUS_SUCCESS, {{77, ok}}},
         {[&] { return si.AcceptValue(ctx, nullptr); }, STATUS_INVALID_PARAMETER, {{0, bad}}},

@@ -143,6 +143,14 @@ TEST_F(RegistryTest, TheReaderReturnsOnlyAValueOfTheRightTypeThatFits)
     }
     ULONG length = 4;
     EXPECT_FALSE(NT_SUCCESS(ReadRegistryValue(&DriverRegistryPath, "Absent", REG_DWORD, &length, &length)));
+    // Every open was for reading only, as a kernel handle, the name compared
+    // without regard to case.
+    auto opens = sys.registry().recent_opens();
+    ASSERT_FALSE(opens.empty());
+    for (const auto& o : opens) {
+        EXPECT_EQ(o.attributes, ULONG(OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE));
+        EXPECT_EQ(o.access, ACCESS_MASK(KEY_READ));
+    }
 
     // Windows may name the key in another case ("\REGISTRY\MACHINE\..."):
     // it is opened without regard to case.

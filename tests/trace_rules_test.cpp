@@ -69,6 +69,9 @@ TEST(TraceTest, RegistrationFollowsTheSystemVersionAndTheRoutinesFound)
             EXPECT_EQ(e.args[0], std::vector<uint8_t>({'K', 'O', 'R', 'V', 'A', 'N', 'E', 'L', 0}));
             EXPECT_NE(sys.traces().format(e), nullptr) << "an event without a message text";
         }
+        // A request to capture state is neither an enable nor a disable.
+        sys.traces().capture_state();
+        EXPECT_EQ(TraceControl.Flags, uint32_t(TRACE_INFO | TRACE_ERROR));
         // The consumer's disable reaches the driver by either path.
         sys.traces().disable();
         sys.traces().clear();

@@ -85,6 +85,8 @@ TEST_F(VariantTest, AFailedQueryLeavesTheDefaultIdentityAndReturnsItsStatus)
              d.id_status = STATUS_DEVICE_NOT_CONNECTED;
          },
          STATUS_DEVICE_NOT_CONNECTED},
+        {"unanswered: the request's preset status",
+         [](DeviceConfig& d) { d.id_query = DeviceConfig::IdQuery::Unanswered; }, STATUS_NOT_SUPPORTED},
         {"no request", [](DeviceConfig& d) { d.id_request_build_fails = true; }, STATUS_INSUFFICIENT_RESOURCES},
         {"no list", [](DeviceConfig& d) { d.id_list_missing = true; }, STATUS_SUCCESS},
         {"odd, long list", [](DeviceConfig& d) { d.raw_id_list = std::vector<uint8_t>(70001, 'r'); }, STATUS_SUCCESS},
