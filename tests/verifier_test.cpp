@@ -20,6 +20,7 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <functional>
 #include <latch>
 #include <map>
@@ -623,43 +624,34 @@ std::vector<Operation> operations()
     };
 }
 
-const std::map<std::string, std::string>& documented_levels()
+// README's table of where each operation may be called: operation name
+// ("actuator Init", "memory Load" for the parts' routines) to level.
+std::map<std::string, std::string> documented_levels()
 {
-    // What the README's table says; a change here is a change of contract.
-    static const std::map<std::string, std::string> expected = {
-        {"AcceptRecord", "DISPATCH_LEVEL"},
-        {"GetSensorCaps", "DISPATCH_LEVEL"},
-        {"GetMipiConfig", "DISPATCH_LEVEL"},
-        {"GetSensorParameters", "DISPATCH_LEVEL"},
-        {"GetModeTables", "DISPATCH_LEVEL"},
-        {"GetPdafTable", "DISPATCH_LEVEL"},
-        {"SelectMode", "DISPATCH_LEVEL"},
-        {"AcceptEntry", "DISPATCH_LEVEL"},
-        {"AcceptPointer", "DISPATCH_LEVEL"},
-        {"AcceptValue", "DISPATCH_LEVEL"},
-        {"AcceptPair", "DISPATCH_LEVEL"},
-        {"AcceptNotice", "DISPATCH_LEVEL"},
-        {"GetModeInfo", "DISPATCH_LEVEL"},
-        {"PowerUp", "PASSIVE_LEVEL"},
-        {"PowerDown", "DISPATCH_LEVEL"},
-        {"GetAuxFlag", "DISPATCH_LEVEL"},
-        {"GetParameterWord", "DISPATCH_LEVEL"},
-        {"GetModuleInfo", "PASSIVE_LEVEL"},
-        {"QueryProperty", "DISPATCH_LEVEL"},
-        {"GetPdafInfo", "DISPATCH_LEVEL"},
-        {"AcceptEntryList", "DISPATCH_LEVEL"},
-        {"InterfaceReference + InterfaceDereference", "DISPATCH_LEVEL"},
-        {"actuator Init", "PASSIVE_LEVEL"},
-        {"actuator SetPos", "PASSIVE_LEVEL"},
-        {"actuator GetPos", "PASSIVE_LEVEL"},
-        {"actuator GetStatus", "PASSIVE_LEVEL"},
-        {"actuator GetHPStatus", "APC_LEVEL"},
-        {"actuator ResetPos", "PASSIVE_LEVEL"},
-        {"memory Load", "PASSIVE_LEVEL"},
-        {"memory Read", "PASSIVE_LEVEL"},
-        {"memory Write", "PASSIVE_LEVEL"},
-    };
-    return expected;
+    std::ifstream readme(KORVANEL_SOURCE_DIR "/README.md");
+    std::map<std::string, std::string> levels;
+    std::string line;
+    while (std::getline(readme, line) && line.rfind("| Operation | Highest level", 0) != 0) {
+    }
+    std::getline(readme, line);  // the separator row
+    while (std::getline(readme, line) && line.rfind("| ", 0) == 0) {
+        std::vector<std::string> cells;
+        for (std::stringstream row(line.substr(2)); std::getline(row, cells.emplace_back(), '|');) {
+        }
+        std::stringstream groups(cells[0]);
+        for (std::string group; std::getline(groups, group, ';');) {
+            std::stringstream names(group);
+            std::string prefix;
+            for (std::string name; names >> name;) {
+                if (name == "actuator" || name == "memory") {
+                    prefix = name + " ";
+                } else {
+                    levels[prefix + name.substr(0, name.find(','))] = cells[1].substr(1, cells[1].size() - 2);
+                }
+            }
+        }
+    }
+    return levels;
 }
 
 // The highest of PASSIVE, APC and DISPATCH at which `op` runs without a
@@ -687,15 +679,19 @@ std::string highest_level(const Operation& op, std::string& report)
 
 TEST(VerifierTest, TheHighestLevelAtWhichEachOperationRuns)
 {
-    const auto& expected = documented_levels();
+    const auto expected = documented_levels();
     std::ostringstream table;
     for (const auto& op : operations()) {
         std::string report;
         std::string highest = highest_level(op, report);
         table << "| " << op.name << " | " << highest << " |\n";
-        auto it = expected.find(op.name);
-        ASSERT_NE(it, expected.end()) << op.name;
-        EXPECT_EQ(highest, it->second) << op.name << " stops above it with\n" << report;
+        std::stringstream names(op.name);  // "InterfaceReference + InterfaceDereference": both rows
+        for (std::string name; std::getline(names, name, '+');) {
+            name = name.substr(name.find_first_not_of(' '), name.find_last_not_of(' ') + 1);
+            auto it = expected.find(name);
+            ASSERT_NE(it, expected.end()) << name << " has no row in README's table";
+            EXPECT_EQ(highest, it->second) << name << " stops above it with\n" << report;
+        }
     }
     std::cout << table.str();
 }
