@@ -47,14 +47,9 @@ TEST_F(PowerAcceptTest, EachPowerUpHoldsTheDeviceInD0UntilItsPowerDown)
 TEST_F(PowerAcceptTest, AFailedPowerUpReturnsTheFrameworkStatus)
 {
     open();
-    sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     sys.faults().fail("WdfDeviceStopIdle", STATUS_INVALID_DEVICE_STATE);
     EXPECT_EQ(si.PowerUp(ctx), STATUS_INVALID_DEVICE_STATE);
     EXPECT_EQ(dev->power_references(), 0);
-    auto errors = sys.traces().find("PowerUp: WdfDeviceStopIdle failed %!STATUS!, interface references %d");
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_EQ((NTSTATUS)host::Traces::u32(errors[0], 1), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(host::Traces::u32(errors[0], 2), 1u);  // the camera driver's reference
 }
 
 // Each request: its status, and per trace event the 32-bit arguments after

@@ -84,10 +84,11 @@ TEST(TraceTest, RegistrationFollowsTheSystemVersionAndTheRoutinesFound)
     }
 }
 
-TEST(TraceTest, OnlyEnabledFlagsGoOutAndOnlyWhileASessionIsOn)
+// The driver loaded with no session on.
+using TraceSessionTest = DriverTest;
+
+TEST_F(TraceSessionTest, OnlyEnabledFlagsGoOutAndOnlyWhileASessionIsOn)
 {
-    System sys;
-    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     sys.faults().fail("WdfDeviceAssignS0IdleSettings", STATUS_INVALID_DEVICE_REQUEST);
     sys.add_device();
     EXPECT_TRUE(sys.traces().events().empty()) << "events went out with no consumer";
@@ -112,15 +113,12 @@ TEST(TraceTest, OnlyEnabledFlagsGoOutAndOnlyWhileASessionIsOn)
         EXPECT_EQ(saw_info, c.info);
         EXPECT_EQ(saw_error, c.error);
     }
-
-    sys.traces().disable();
-    sys.traces().clear();
-    sys.add_device();
-    EXPECT_TRUE(sys.traces().events().empty()) << "events went out after the consumer disabled them";
-    EXPECT_TRUE(sys.unload_driver().clean());
 }
 
-TEST(TraceTest, MessagesAreNumberedFromTenInEachModule)
+// Each module numbers its call sites from 10 under its own GUID; a missing
+// text goes out as "NULL", a text field stops at its terminator, small
+// numbers widen to 32 bits, 64-bit numbers and pointers keep 8 bytes.
+TEST(TraceTest, MessagesAreNumberedPerModuleAndArgumentsKeepTheirWidths)
 {
     System sys;
     sys.traces().enable(TRACE_INFO | TRACE_ERROR);
@@ -137,41 +135,23 @@ TEST(TraceTest, MessagesAreNumberedFromTenInEachModule)
     EXPECT_TRUE(IsEqualGUID(entry_exit[0].guid, add_entry[0].guid));
     EXPECT_EQ(entry_exit[0].message_flags, 0x2Bu);  // sequence, GUID, system information, time stamp
 
-    // Another module numbers its own messages from 10 again, under its own GUID.
     sys.traces().clear();
-    CHAR field[8] = "abc";
-    EmitTexts("x", field, WIDE("w"));
-    EmitNumbers(1, 2, 3, nullptr);
+    CHAR field[8] = {'a', 'b', 0, 'z', 'z', 'z', 'z', 'z'};
+    EmitTexts(nullptr, field, nullptr);
+    EmitNumbers(0xFE, 0xBEEF, -2, &field);
     auto events = sys.traces().events();
     ASSERT_EQ(events.size(), 2u);
     EXPECT_EQ(events[0].number, 10);
     EXPECT_EQ(events[1].number, 11);
     EXPECT_TRUE(IsEqualGUID(events[0].guid, TestTraceGuid));
     EXPECT_FALSE(IsEqualGUID(events[0].guid, entry_exit[0].guid));
-    EXPECT_TRUE(sys.unload_driver().clean());
-}
 
-TEST(TraceTest, ArgumentsCarryTheirTerminatorsAndWidths)
-{
-    System sys;
-    sys.traces().enable(TRACE_INFO | TRACE_ERROR);
-    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
-    sys.traces().clear();
-
-    CHAR field[8] = {'a', 'b', 0, 'z', 'z', 'z', 'z', 'z'};
-    EmitTexts(nullptr, field, nullptr);
-    EmitNumbers(0xFE, 0xBEEF, -2, &field);
-    auto events = sys.traces().events();
-    ASSERT_EQ(events.size(), 2u);
-
-    // A missing text goes out as "NULL"; a text field stops at its terminator.
     auto& texts = events[0].args;
     ASSERT_EQ(texts.size(), 4u);
     EXPECT_EQ(texts[1], std::vector<uint8_t>({'N', 'U', 'L', 'L', 0}));
     EXPECT_EQ(texts[2], std::vector<uint8_t>({'a', 'b', 0}));
     EXPECT_EQ(texts[3], std::vector<uint8_t>({'N', 0, 'U', 0, 'L', 0, 'L', 0, 0, 0}));
 
-    // Small numbers widen to 32 bits; 64-bit numbers and pointers keep 8 bytes.
     auto& numbers = events[1];
     ASSERT_EQ(numbers.args.size(), 5u);
     EXPECT_EQ(numbers.args[1].size(), 4u);
@@ -182,25 +162,11 @@ TEST(TraceTest, ArgumentsCarryTheirTerminatorsAndWidths)
     EXPECT_EQ(int64_t(Traces::u64(numbers, 3)), -2);
     EXPECT_EQ(numbers.args[4].size(), 8u);
     EXPECT_EQ(Traces::u64(numbers, 4), uint64_t(uintptr_t(&field)));
-    EXPECT_EQ(sys.traces().decode(numbers).substr(0, 23), "trace_rules_test: numbe");
     EXPECT_TRUE(sys.unload_driver().clean());
 }
 
-TEST(TraceTest, NothingGoesOutWhenTheDriverObjectIsNotCreated)
+TEST_F(TraceSessionTest, OnlyTheEnabledSessionsLoggerTakesEvents)
 {
-    System sys;
-    sys.traces().enable(TRACE_INFO | TRACE_ERROR);
-    sys.faults().fail("WdfDriverCreate", STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(sys.load_driver(DriverEntry), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(sys.traces().registration(), Traces::Registration::None);
-    EXPECT_EQ(TraceControl.Flags, 0u);
-    EXPECT_TRUE(sys.traces().events().empty());
-}
-
-TEST(TraceTest, OnlyTheEnabledSessionsLoggerTakesEvents)
-{
-    System sys;
-    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     sys.traces().enable(TRACE_INFO, 4);
     TRACEHANDLE earlier = TraceLogger();
     sys.traces().enable(TRACE_INFO | TRACE_ERROR, 4);
@@ -229,17 +195,10 @@ TEST(TraceTest, OnlyTheEnabledSessionsLoggerTakesEvents)
         EXPECT_EQ(WmiTraceMessage(c.logger, 0, &guid, 99, "KORVANEL", SIZE_T(9), nullptr, SIZE_T(0)), c.status);
         EXPECT_EQ(sys.traces().events().size(), c.status == STATUS_SUCCESS ? 1u : 0u);
     }
-    // An event the driver has no text for decodes as its raw arguments.
-    ASSERT_EQ(WmiTraceMessage(TraceControl.Logger, 0, &guid, 99, "KORVANEL", SIZE_T(9), "\x01\xFF", SIZE_T(2),
-                              nullptr, SIZE_T(0)),
-              STATUS_SUCCESS);
-    EXPECT_EQ(sys.traces().lines().back(), "{0E2A7C6B-3F15-4B8D-A1E9-7C40D5B2F863} #99: 01ff");
-
     TRACEHANDLE last = TraceControl.Logger;
     sys.traces().disable();
     EXPECT_EQ(TraceControl.Flags, 0u);
     EXPECT_EQ(WmiTraceMessage(last, 0, &guid, 99, "KORVANEL", SIZE_T(9), nullptr, SIZE_T(0)), STATUS_INVALID_HANDLE);
-    EXPECT_TRUE(sys.unload_driver().clean());
 }
 
 void EmitCount(ULONG i)
@@ -248,12 +207,9 @@ void EmitCount(ULONG i)
 }
 
 // A long traced run keeps its latest events and says how many it let go.
-TEST(TraceTest, TheRecordKeepsTheLatestEvents)
+TEST_F(TraceSessionTest, TheRecordKeepsTheLatestEvents)
 {
-    System sys;
     sys.traces().enable(TRACE_INFO);
-    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
-    sys.traces().clear();
     const ULONG total = ULONG(Traces::kEventsKept) + 10;
     for (ULONG i = 0; i < total; i++) {
         EmitCount(i);
@@ -264,15 +220,11 @@ TEST(TraceTest, TheRecordKeepsTheLatestEvents)
     EXPECT_EQ(Traces::u32(events.front(), 1), 10u);
     EXPECT_EQ(Traces::u32(events.back(), 1), total - 1);
     EXPECT_EQ(Traces::text(events.back(), 0), "KORVANEL");
-    EXPECT_TRUE(sys.unload_driver().clean());
 }
 
-TEST(TraceTest, DecodedLinesFormatEachSpecifier)
+TEST_F(TraceSessionTest, DecodedLinesFormatEachSpecifier)
 {
-    System sys;
     sys.traces().enable(TRACE_INFO | TRACE_ERROR);
-    ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
-    sys.traces().clear();
 
     // The counted string has no terminator; the decoder stops at its length.
     WCHAR characters[] = WIDE("countedXX");
@@ -285,7 +237,6 @@ TEST(TraceTest, DecodedLinesFormatEachSpecifier)
                                         "trace_rules_test: STATUS_DEVICE_BUSY 0xC0001234 100%",
                                         "trace_rules_test: []",
                                     }));
-    EXPECT_TRUE(sys.unload_driver().clean());
 }
 
 }  // namespace
