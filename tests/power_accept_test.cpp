@@ -15,11 +15,16 @@ using PowerAcceptTest = CameraTest;
 TEST_F(PowerAcceptTest, EachPowerUpHoldsTheDeviceInD0UntilItsPowerDown)
 {
     open();
-    sys.clock().advance_ms(15000);
-    ASSERT_EQ(dev->power_state(), PowerDeviceD3);
+    EXPECT_EQ(dev->d0_entries(), 1u);
+    sys.clock().advance_ms(14999);
+    EXPECT_EQ(dev->power_state(), PowerDeviceD0);
+    sys.clock().advance_ms(1);
+    ASSERT_EQ(dev->power_state(), PowerDeviceD3) << "idles after 15 s";
+    EXPECT_EQ(dev->d0_exits(), 1u);
 
     EXPECT_EQ(si.PowerUp(ctx), STATUS_SUCCESS);
     EXPECT_EQ(dev->power_state(), PowerDeviceD0) << "returned before D0";
+    EXPECT_EQ(dev->d0_entries(), 2u);
     EXPECT_EQ(si.PowerUp(ctx), STATUS_SUCCESS);
     EXPECT_EQ(si.PowerDown(ctx), STATUS_SUCCESS);
     sys.clock().advance_ms(15000);
