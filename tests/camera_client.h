@@ -1,9 +1,12 @@
 // camera_client.h - the sensor interface as the camera driver uses it: a
 // device is added, its SENSOR_INTERFACE taken by a query-interface request and
-// every operation called through the copy with its Context.
+// every operation called through the copy with its Context. Device add
+// rewrites the driver-wide PDAF fields from the registry; they are put back.
 #pragma once
 
 #include "bench.h"
+
+#include "sensor/description.h"
 
 #include <cstring>
 #include <vector>
@@ -15,6 +18,8 @@ protected:
     SENSOR_INTERFACE si{};
     PSENSOR_CONTEXT ctx = nullptr;
     host::Device* dev = nullptr;
+    const PDAF_INFO savedPdaf = PdafInfoTemplate;
+    const ULONG savedPdafType = SensorParameters.PdafType;
 
     // Adds the device (after the test set the registry) and takes the interface.
     void open(host::DeviceConfig config = {})
@@ -46,6 +51,8 @@ protected:
     void TearDown() override
     {
         close();
+        PdafInfoTemplate = savedPdaf;
+        SensorParameters.PdafType = savedPdafType;
         DriverTest::TearDown();
     }
 };

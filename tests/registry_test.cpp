@@ -2,7 +2,6 @@
 // value does to the link settings and the PDAF records the camera driver reads.
 #include "camera_client.h"
 
-#include "sensor/description.h"
 #include "sensor/registry.h"
 
 namespace korvanel::test {
@@ -10,18 +9,7 @@ namespace {
 
 std::vector<uint8_t> dword(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
 
-// Device add rewrites driver-wide PDAF fields; they are put back.
-class RegistryTest : public CameraTest {
-protected:
-    const PDAF_INFO savedPdaf = PdafInfoTemplate;
-    const ULONG savedPdafType = SensorParameters.PdafType;
-    void TearDown() override
-    {
-        PdafInfoTemplate = savedPdaf;
-        SensorParameters.PdafType = savedPdafType;
-        CameraTest::TearDown();
-    }
-};
+using RegistryTest = CameraTest;
 
 TEST_F(RegistryTest, EachValueTakesEffectWhereTheCameraDriverReadsIt)
 {

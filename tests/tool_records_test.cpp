@@ -83,13 +83,6 @@ TEST(RecordLayoutTest, FieldsAreSetByName)
 
 class CallTest : public CameraTest {
 protected:
-    const PDAF_INFO savedPdaf = PdafInfoTemplate;
-    void TearDown() override
-    {
-        PdafInfoTemplate = savedPdaf;
-        CameraTest::TearDown();
-    }
-
     ordered_json call(const std::string& name, const ordered_json& args = ordered_json::object(), bool raw = false)
     {
         tool::ArgumentError error;
