@@ -62,8 +62,6 @@ TEST_F(ScenarioTest, MalformedFilesNameTheLineAndTheField)
         {"{\"device\": {}, \"steps\": [{\"call\": \"PowerUp\",\n \"expect\": {\n \"status\": \"STATUS_SUCESS\"}}]}",
          "test.jsonc:3: step 1: field \"expect.status\": takes a status name"},
         {"{\"device\": {}, \"steps\": [{\"vcm\": \"init\"}]}", "field \"vcm\": device 'device' has no \"actuator\""},
-        {"{\"device\": {\"memory\": {\"type\": 7}}, \"steps\": [{\"nvm\": \"read:0:2147483648\"}]}",
-         "'2147483648' is not a length from -2147483648 to 2147483647"},
         {"{\"device\": {\"actuator\": {\"chip\": \"AD5823\", \"connection\": \"0x51\"},\n"
          "  \"memory\": {\"type\": 6, \"connection\": \"0x50\"}}, \"steps\": []}",
          "test.jsonc:2: field \"device.memory.connection\": connection 0x51 already has a part"},
@@ -71,11 +69,8 @@ TEST_F(ScenarioTest, MalformedFilesNameTheLineAndTheField)
          "field \"device.registry.MipiLanes.word\": a registry value is"},
         {"{\"device\": {}, \"steps\": [{\"call\": \"PowerUp\", \"expect\": {\"bus\": [\"W 01\", \"X 01\"]}}]}",
          "step 1: field \"expect.bus[1]\": a transfer reads"},
-        {"{\"device\": {\"actuator\": {\"chip\": \"DW9999\"}}, \"steps\": []}",
-         "field \"device.actuator.chip\": unknown actuator chip \"DW9999\""},
         {"{\"device\": {}, \"steps\": [{\"fault\": \"fail\", \"transfer\": 1}]}",
          "step 1: field \"fault\": 'fail' needs the \"status\""},
-        {"{\"device\": {}, \"steps\": [{\"advance_ms\": -1}]}", "field \"advance_ms\": takes milliseconds"},
         // Quotes, braces and slashes inside texts, and a key with a slash in it.
         {"{\"description\": \"a \\\"quoted\\\" // {text}\",\n \"device\": {\"registry\": {\n"
          "  \"Mipi/Lanes\": {\"word\": 1}}}, \"steps\": []}",
@@ -241,38 +236,9 @@ TEST_F(ScenarioTest, FailedExpectationsSayWhichStepAndWhy)
     EXPECT_EQ(doc["unload"], "clean");
 }
 
-// Expected values match returned ones by value, however they are spelt;
-// lists match element by element.
-TEST_F(ScenarioTest, ValuesCompareByValue)
-{
-    const char* passing = R"({
-      "device": {"memory": {"type": 7}},
-      "steps": [
-        {"call": "GetModeInfo", "expect": {"values": {"Signature": "0x09FCD140", "Width": "640"}}},
-        {"call": "QueryProperty", "Id": 33, "expect": {"status": "0xC00000BB"}},
-        {"call": "GetPdafTable", "expect": {"values": {"List": {"Count": 4, "Entries": [
-            {"Width": 128, "Height": 24}, {"Width": 4032}, {}, {"FrameRate": 30}]}}}},
-        {"nvm": "write:0:0102", "expect": {"values": {"data": "0102"}}},
-        {"nvm": "read:0:2", "expect": {"values": {"data": "01  02"}}}
-      ]
-    })";
-    EXPECT_EQ(run(passing), 0) << out;
-
-    const char* failing = R"({
-      "device": {},
-      "steps": [
-        {"call": "GetPdafTable", "expect": {"values": {"List": {"Entries": [{"Width": 128}]}}}},
-        {"call": "GetModuleInfo", "expect": {"values": {"SensorName": "haps", "VariantCode": "0x1"}}}
-      ]
-    })";
-    EXPECT_EQ(run(failing), 1);
-    EXPECT_NE(out.find("values.List.Entries: expected [{\"Width\":128}], got [{"), std::string::npos) << out;
-    EXPECT_NE(out.find("values.SensorName: expected \"haps\", got \"HAPS\""), std::string::npos) << out;
-    EXPECT_NE(out.find("values.VariantCode: expected \"0x1\", got 0"), std::string::npos) << out;
-}
-
 // Registry values of every form reach the service key with their type and
 // bytes; the driver takes a REG_DWORD of up to four bytes, low byte for lanes.
+// (A text value is in the run above, null in the one below.)
 TEST_F(ScenarioTest, RegistryValuesOfAnyType)
 {
     struct Case {
@@ -285,10 +251,8 @@ TEST_F(ScenarioTest, RegistryValuesOfAnyType)
         {"{\"type\": 4, \"data\": \"05\"}", 5},
         {"{\"type\": 4, \"data\": \"05 00 00 00 00 00 00 00\"}", 2},
         {"{\"type\": 3, \"data\": \"04 00 00 00\"}", 2},
-        {"{\"sz\": \"4\"}", 2},
         {"{\"qword\": 4}", 2},
         {"{\"multi_sz\": [\"4\", \"4\"]}", 2},
-        {"null", 2},
     };
     for (auto& c : cases) {
         std::string text = "{\"device\": {\"registry\": {\"MipiLanes\": " + std::string(c.value) +
@@ -354,12 +318,6 @@ TEST_F(ScenarioTest, FilesBesideTheScenarioAndFilesItWrites)
         dots++;
     }
     EXPECT_EQ(dots, 3u) << "one dot per position the chip latched";
-
-    // Without the scenario's folder the contents file is not found.
-    EXPECT_EQ(tool::run_scenario_text(text, "files.jsonc", "/nonexistent", {}, o, e), 2);
-    EXPECT_NE(e.str().find("field \"device.memory.contents\": cannot read /nonexistent/contents.bin"),
-              std::string::npos)
-        << e.str();
     for (auto* f : {"/contents.bin", "/data.bin", "/saved.bin", "/lens.svg"}) {
         unlink((dir + f).c_str());
     }
