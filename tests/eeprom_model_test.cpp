@@ -75,11 +75,7 @@ TEST_P(EepromContract, APageWriteWrapsWithinItsPhysicalPage)
     ASSERT_EQ(write(base + 1, data), STATUS_SUCCESS);
     // Byte page-1 lands on the page's first cell, the last two overwrite
     // cells 1 and 2; the next page (the array's start) is untouched.
-    auto stored = part->bytes(base, page);
-    EXPECT_EQ(stored[0], page);
-    EXPECT_EQ(stored[1], page + 1);
-    EXPECT_EQ(stored[2], page + 2);
-    EXPECT_EQ(stored[3], 3);
+    EXPECT_EQ(part->bytes(base, 4), (std::vector<uint8_t>{uint8_t(page), uint8_t(page + 1), uint8_t(page + 2), 3}));
     EXPECT_EQ(part->bytes(0, 1), std::vector<uint8_t>{0xFF});
 }
 
