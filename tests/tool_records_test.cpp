@@ -119,7 +119,6 @@ TEST_F(CallTest, ArgumentsAndResultsByName)
         {"AcceptEntryList", {{"Entries", {{{"Word1", 1}}, {{"Word1", 2}}}}, {"Count", 2}},
          {{"status", "STATUS_SUCCESS"}}},
         {"AcceptEntryList", {{"null", {"Entries"}}, {"Count", 3}}, {{"status", "STATUS_INVALID_PARAMETER"}}},
-        {"AcceptValue", {{"null", {"Value"}}}, {{"status", "STATUS_INVALID_PARAMETER"}}},
         {"GetParameterWord", {}, {{"Value", 0x37530}}},
         {"GetMipiConfig", {{"in", {{"Lanes", 9}}}, {"null", {"Port"}}}, {{"Lanes", 9}}},
     };
