@@ -9,7 +9,7 @@
 #include "platform/checked.h"
 #include "host/bus.h"
 #include "host/system.h"
-#include "host/vcd.h"
+#include "wire/vcd.h"
 #include "nvm/nvm.h"
 #include "platform/device.h"
 #include "platform/memory.h"
@@ -26,7 +26,8 @@ using korvanel::host::Bus;
 using korvanel::host::BusSpeed;
 using korvanel::host::BusTransfer;
 using korvanel::host::System;
-using korvanel::host::VcdWriter;
+using korvanel::wire::VcdWriter;
+using korvanel::tool::OutputFile;
 
 // The process's peak resident memory, kB.
 long peak_kb()
@@ -57,8 +58,10 @@ void BM_VcdTransfers(benchmark::State& state)
     double seconds = 0;
     for (auto _ : state) {
         auto begin = std::chrono::steady_clock::now();
+        OutputFile file;
         VcdWriter vcd;
-        vcd.open(path, BusSpeed::Fast);
+        file.open(path, {true, "", {}});
+        vcd.start(file, BusSpeed::Fast);
         int busy = vcd.add_signal("nvm_busy", 1, 0);
         for (size_t i = 0; i < count; i++) {
             t.index = i;
@@ -71,6 +74,7 @@ void BM_VcdTransfers(benchmark::State& state)
             }
         }
         vcd.finish(t.time + t.duration);
+        file.commit();
         bytes = vcd.bytes_written();
         seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     }
@@ -91,13 +95,15 @@ void BM_MemoryWriteWaveform(benchmark::State& state)
         data[i] = uint8_t(i * 7);
     }
     std::string path = "/tmp/korvanel_vcd_benchmark_8k.vcd";
-    uint64_t file = 0;
+    uint64_t written = 0;
     for (auto _ : state) {
         System sys;
         sys.bus().set_speed(BusSpeed::Fast);
+        OutputFile file;
         VcdWriter vcd;
         if (waveform) {
-            vcd.open(path, BusSpeed::Fast, sys.clock().now());
+            file.open(path, {true, "", {}});
+            vcd.start(file, BusSpeed::Fast, sys.clock().now());
             sys.bus().observe([&vcd](const BusTransfer& t) { vcd.transfer(t); });
         }
         korvanel::platform::load_driver(sys);
@@ -112,10 +118,11 @@ void BM_MemoryWriteWaveform(benchmark::State& state)
         sys.unload_driver();
         if (waveform) {
             vcd.finish(sys.clock().now());
-            file = vcd.bytes_written();
+            file.commit();
+            written = vcd.bytes_written();
         }
     }
-    state.counters["file_kB"] = double(file) / 1024;
+    state.counters["file_kB"] = double(written) / 1024;
     std::remove(path.c_str());
 }
 BENCHMARK(BM_MemoryWriteWaveform)->ArgName("waveform")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);

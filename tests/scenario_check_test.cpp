@@ -208,8 +208,8 @@ TEST(ScenarioCheck, BusCaptureTransfersAndGaps)
     auto capture = [](uint8_t second, std::optional<double> tolerance) {
         Expect x;
         x.bus_capture = "move.vcd";
-        host::WireTransfer w{false, 0x0C, host::Direction::Write, true, {0x03}, {true}, true};
-        tool::Capture c;
+        wire::WireTransfer w{false, 0x0C, host::Direction::Write, true, {0x03}, {true}, true};
+        wire::Capture c;
         c.transfers = {w, w};
         c.transfers[1].bytes[0] = second;
         c.samples = {{0, 100}, {1100, 1200}};  // a 10 us gap at 100 MHz

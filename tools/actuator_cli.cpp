@@ -267,7 +267,7 @@ ordered_json run_actuator(host::System& sys, PDEVICE_CONTEXT context, const std:
 
 bool run_actuator_options(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOptions& options,
                           const std::vector<ActuatorOp>& ops, ordered_json& result, std::string& error,
-                          Waveform* waveform)
+                          wire::Waveform* waveform)
 {
     auto model = platform::select_actuator(sys, context, options.selection);
     if (waveform != nullptr) {

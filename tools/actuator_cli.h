@@ -12,7 +12,7 @@
 #pragma once
 
 #include "platform/actuator.h"
-#include "waveform.h"
+#include "wire/waveform.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -71,7 +71,7 @@ nlohmann::ordered_json lens_trajectory(const sim::ActuatorModel* model, int64_t 
 // where, in "chart"). False with a message when the chart cannot be written.
 bool run_actuator_options(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOptions& options,
                           const std::vector<ActuatorOp>& ops, nlohmann::ordered_json& result, std::string& error,
-                          Waveform* waveform = nullptr);
+                          wire::Waveform* waveform = nullptr);
 
 void print_actuator(const nlohmann::ordered_json& result);
 

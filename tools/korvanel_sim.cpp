@@ -17,7 +17,7 @@
 #include "actuator_cli.h"
 #include "bus_report.h"
 #include "calls.h"
-#include "capture.h"
+#include "wire/capture.h"
 #include "files.h"
 #include "known_names.h"
 #include "memory_cli.h"
@@ -25,7 +25,7 @@
 #include "records.h"
 #include "scenario.h"
 #include "trace_view.h"
-#include "waveform.h"
+#include "wire/waveform.h"
 #include "host/bus.h"
 #include "host/system.h"
 #include "host/verifier.h"
@@ -353,7 +353,7 @@ static int run(int argc, char** argv)
     korvanel::tool::ActuatorOptions actuator;
     korvanel::tool::add_actuator_options(app, actuator);
     std::string vcd;
-    app.add_option("--vcd", vcd, korvanel::tool::waveform_option_help());
+    app.add_option("--vcd", vcd, korvanel::wire::waveform_option_help());
     std::string bus_capture, capture_channels;
     app.add_option("--bus-capture", bus_capture,
                    "compare the run's bus with a logic-analyzer capture: sigrok-cli -A i2c annotation text, a VCD "
@@ -368,7 +368,7 @@ static int run(int argc, char** argv)
         ->required();
     run->add_flag("-v,--verbose", scenario.verbose, "print each step's values, bus transfers and trace events");
     run->add_flag("--json", scenario.json, "print the run as JSON");
-    run->add_option("--vcd", scenario.vcd, korvanel::tool::waveform_option_help());
+    run->add_option("--vcd", scenario.vcd, korvanel::wire::waveform_option_help());
     run->add_option("--output-dir", scenario.output_dir,
                     "write the scenario's charts, saved memories and waveform here (default: beside the scenario)");
     run->add_flag("--force", scenario.force, "charts, saved memories and waveforms may replace existing files");
@@ -427,12 +427,13 @@ static int run(int argc, char** argv)
                                       : *memory_error,
                            false);
     }
-    if (!actuator.svg.empty() && actuator.svg == memory.save) {
+    using korvanel::tool::same_file;
+    if (!actuator.svg.empty() && !memory.save.empty() && same_file(actuator.svg, memory.save)) {
         return usage_error("--svg and --nvm-save both name " + actuator.svg, false);
     }
-    if (!vcd.empty() && (vcd == actuator.svg || vcd == memory.save)) {
-        return usage_error("--vcd and " + std::string(vcd == actuator.svg ? "--svg" : "--nvm-save") + " both name " + vcd,
-                           false);
+    bool vcd_is_svg = !actuator.svg.empty() && same_file(vcd, actuator.svg);
+    if (!vcd.empty() && (vcd_is_svg || (!memory.save.empty() && same_file(vcd, memory.save)))) {
+        return usage_error("--vcd and " + std::string(vcd_is_svg ? "--svg" : "--nvm-save") + " both name " + vcd, false);
     }
     if (!vcd.empty()) {
         if (speed == korvanel::host::BusSpeed::Instant) {
@@ -444,9 +445,9 @@ static int run(int argc, char** argv)
     }
 
     // A capture that cannot be read stops the run before it starts.
-    std::optional<korvanel::tool::Capture> capture;
+    std::optional<korvanel::wire::Capture> capture;
     if (!bus_capture.empty()) {
-        korvanel::tool::CaptureChannels channels;
+        korvanel::wire::CaptureChannels channels;
         auto names = korvanel::tool::split(capture_channels, ',');
         if (!capture_channels.empty() && (names.size() != 2 || names[0].empty() || names[1].empty())) {
             return usage_error("--capture-channels takes SCL,SDA, not '" + capture_channels + "'", false);
@@ -455,9 +456,16 @@ static int run(int argc, char** argv)
             channels = {names[0], names[1]};
         }
         std::string error;
-        capture = korvanel::tool::read_capture(bus_capture, channels, error);
+        capture = korvanel::wire::read_capture(bus_capture, channels, error);
         if (!capture) {
             return usage_error("--bus-capture " + error, false);
+        }
+    }
+    // Every output once more, now that every input has been read: none is one of them.
+    for (auto [option, file] : {std::pair{"--svg", &actuator.svg}, {"--nvm-save", &memory.save}, {"--vcd", &vcd}}) {
+        auto problem = file->empty() ? std::nullopt : korvanel::tool::check_output(*file, {force, "--force", {}});
+        if (problem) {
+            return usage_error(option + (" " + *problem), false);
         }
     }
     std::vector<std::pair<std::string, uint32_t>> dwords;
@@ -484,11 +492,11 @@ static int run(int argc, char** argv)
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }
     int64_t origin = sys.clock().now();
-    korvanel::tool::Waveform waveform;
+    korvanel::wire::Waveform waveform;
     if (!vcd.empty()) {
         const auto* chip = korvanel::sim::find_actuator_chip(actuator.selection.chip);
         unsigned lens_bits = chip == nullptr ? 0 : chip->max_code > 1023 ? 11 : 10;
-        if (auto error = waveform.open(sys, vcd, {lens_bits, memory.requested()})) {
+        if (auto error = waveform.open(sys, vcd, {force, "--force", {}}, {lens_bits, memory.requested()})) {
             std::cerr << "korvanel-sim: --vcd: " << *error << "\n";
             return 2;
         }
@@ -528,14 +536,10 @@ static int run(int argc, char** argv)
 
     waveform.watch(nullptr);
     auto report = sys.unload_driver();
-    // Checked again under the one rule, then moved into place; the waveform
-    // is written whatever the run found, to look at it.
-    if (auto problem = vcd.empty() ? std::nullopt : korvanel::tool::check_output(vcd, {force, "--force", {}})) {
-        std::cerr << "korvanel-sim: --vcd " << *problem << "\n";
-        return 2;
-    }
+    // Moved into place under the one rule; the waveform is written whatever
+    // the run found, to look at it.
     if (auto error = waveform.finish()) {
-        std::cerr << "korvanel-sim: --vcd: " << *error << "\n";
+        std::cerr << "korvanel-sim: --vcd " << *error << "\n";
         return 2;
     }
     auto entries = korvanel::tool::trace_entries(sys.traces(), sys.traces().events(), trace);
@@ -567,8 +571,8 @@ static int run(int argc, char** argv)
         return 2;
     }
     if (capture) {
-        auto bench = korvanel::host::wire_transcript(sys.bus().transcript(), *speed);
-        if (auto difference = korvanel::tool::compare_wire(bench, capture->transfers)) {
+        auto bench = korvanel::wire::wire_transcript(sys.bus().transcript(), *speed);
+        if (auto difference = korvanel::wire::compare_wire(bench, capture->transfers)) {
             std::cerr << "korvanel-sim: the bus differs from " << bus_capture << ": " << *difference << "\n";
             return 1;
         }

@@ -227,7 +227,7 @@ std::optional<std::string> prepare_memory(MemoryOptions& options)
 }
 
 ordered_json run_memory_options(host::System& sys, _DEVICE_CONTEXT* context, const MemoryOptions& options,
-                                Waveform* waveform)
+                                wire::Waveform* waveform)
 {
     auto model = platform::select_memory(sys, context, options.selection);
     if (waveform != nullptr) {

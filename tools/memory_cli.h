@@ -11,7 +11,7 @@
 #pragma once
 
 #include "platform/memory.h"
-#include "waveform.h"
+#include "wire/waveform.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -76,7 +76,7 @@ std::optional<std::string> prepare_memory(MemoryOptions& options);
 // Attaches, fills, runs and saves; the report for --json and print_memory(),
 // with "save_error" when --nvm-save could not be written.
 nlohmann::ordered_json run_memory_options(host::System& sys, _DEVICE_CONTEXT* context, const MemoryOptions& options,
-                                          Waveform* waveform = nullptr);
+                                          wire::Waveform* waveform = nullptr);
 void print_memory(const nlohmann::ordered_json& report);
 
 }  // namespace korvanel::tool

@@ -30,7 +30,7 @@ std::optional<std::string> place_outputs(Scenario& scenario, const std::string& 
             }
             *file = beside(folder, *file);
             std::string where = name + ": " + device + "\"" + key + "\" ";
-            if (std::find(placed.begin(), placed.end(), *file) != placed.end()) {
+            if (std::any_of(placed.begin(), placed.end(), [&](auto& p) { return same_file(p, *file); })) {
                 return where + *file + ": another output of this run is written there";
             }
             placed.push_back(*file);
@@ -44,7 +44,7 @@ std::optional<std::string> place_outputs(Scenario& scenario, const std::string& 
     if (!scenario.vcd.empty() || !options.vcd.empty()) {
         std::string where = name + ": " + (options.vcd.empty() ? "\"vcd\" " : "--vcd ");
         scenario.vcd = options.vcd.empty() ? beside(folder, scenario.vcd) : options.vcd;
-        if (std::find(placed.begin(), placed.end(), scenario.vcd) != placed.end()) {
+        if (std::any_of(placed.begin(), placed.end(), [&](auto& p) { return same_file(p, scenario.vcd); })) {
             return where + scenario.vcd + ": another output of this run is written there";
         }
         if (auto problem = check_output(scenario.vcd, rule)) {
@@ -59,6 +59,8 @@ std::optional<std::string> place_outputs(Scenario& scenario, const std::string& 
 int run_scenario_text(const std::string& text, const std::string& name, const std::string& base_dir,
                       const ScenarioOptions& options, std::ostream& out, std::ostream& err)
 {
+    // The scenario itself is `name`; the files it names are read now.
+    forget_inputs();
     std::string error;
     auto scenario = read_scenario(text, name, base_dir, error);
     if (!scenario) {
@@ -80,7 +82,7 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
     auto reporter = make_reporter({options.json, options.verbose, options.trace.requested()}, *scenario, name,
                                   executor.origin(), out);
     // A waveform file that cannot be written is bad input, as for the other modes.
-    bool ready = executor.set_up();
+    bool ready = executor.set_up(rule);
     if (!ready && executor.waveform_refused()) {
         err << "korvanel-sim: --vcd: " << *executor.waveform_refused() << "\n";
         return 2;
@@ -107,7 +109,7 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
     if (reporter->passed() && end.failures.empty()) {
         for (auto& o : end.outputs) {
             // The waveform was drawn as the run went, into a temporary file.
-            auto problem = o.waveform ? executor.write_waveform(rule) : write_output(o.file, o.bytes, rule);
+            auto problem = o.waveform ? executor.write_waveform() : write_output(o.file, o.bytes, rule);
             if (problem) {
                 end.failures.push_back("cannot write " + *problem);
                 write_failed = true;

@@ -110,8 +110,8 @@ void check_bus(const std::vector<std::string>& want, const std::vector<host::Bus
 // least as long as the capture's, less the tolerance.
 void check_capture(const Expect& x, const Observation& seen, std::vector<std::string>& failures)
 {
-    auto bench = host::wire_transcript(seen.transfers, seen.speed);
-    if (auto difference = compare_wire(bench, x.capture->transfers)) {
+    auto bench = wire::wire_transcript(seen.transfers, seen.speed);
+    if (auto difference = wire::compare_wire(bench, x.capture->transfers)) {
         std::string text = "bus_capture: " + x.bus_capture + ": ";
         for (char c : *difference) {
             text += c == '\n' ? std::string("\n        ") : std::string(1, c);
@@ -125,7 +125,7 @@ void check_capture(const Expect& x, const Observation& seen, std::vector<std::st
     // The bench's STOP and START sit inside the transfers' spans: the gap
     // between them is the idle time plus the drawn bus-free time.
     // In nanoseconds; half of one forgives the capture's rounding.
-    int64_t bus_free = host::i2c_timing(seen.speed).bus_free();
+    int64_t bus_free = wire::i2c_timing(seen.speed).bus_free();
     const auto& samples = x.capture->samples;
     for (size_t i = 1; i < seen.transfers.size(); i++) {
         const auto& before = seen.transfers[i - 1];

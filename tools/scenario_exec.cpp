@@ -39,19 +39,19 @@ Executor::Executor(const Scenario& scenario, bool verbose, const TraceOptions& t
 
 Executor::~Executor() = default;
 
-bool Executor::set_up()
+bool Executor::set_up(const OutputRule& outputs)
 {
     std::optional<std::string> problem;
     if (!scenario_.vcd.empty()) {
         // Declared before any part is selected: the widest lens code, and
         // the write cycle of any memory.
-        Waveform::Signals signals;
+        wire::Waveform::Signals signals;
         for (auto& d : scenario_.devices) {
             const auto* chip = d.actuator ? sim::find_actuator_chip(d.actuator->chip) : nullptr;
             signals.lens_bits = std::max(signals.lens_bits, chip == nullptr ? 0u : chip->max_code > 1023 ? 11u : 10u);
             signals.memory = signals.memory || d.memory.has_value();
         }
-        if (auto error = waveform_.open(sys_, scenario_.vcd, signals)) {
+        if (auto error = waveform_.open(sys_, scenario_.vcd, outputs, signals)) {
             waveform_refused_ = error;
             end_.failures.push_back("vcd: " + *error);
             return false;
@@ -270,15 +270,6 @@ RunEnd Executor::finish()
     return end_;
 }
 
-std::optional<std::string> Executor::write_waveform(const OutputRule& rule)
-{
-    if (auto problem = check_output(scenario_.vcd, rule)) {
-        return problem;
-    }
-    if (auto error = waveform_.finish()) {
-        return scenario_.vcd + ": " + *error;
-    }
-    return std::nullopt;
-}
+std::optional<std::string> Executor::write_waveform() { return waveform_.finish(); }
 
 }  // namespace korvanel::tool

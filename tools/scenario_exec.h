@@ -8,7 +8,7 @@
 #include "files.h"
 #include "scenario_model.h"
 #include "trace_view.h"
-#include "waveform.h"
+#include "wire/waveform.h"
 
 #include "host/system.h"
 #include "sensor/device_context.h"
@@ -52,18 +52,19 @@ public:
     ~Executor();
 
     int64_t origin() const { return origin_; }
-    // Loads the driver and sets up every device; false when one cannot be,
-    // the reason then the first of finish()'s failures.
-    bool set_up();
+    // Loads the driver and sets up every device, the waveform's file created
+    // under `outputs`; false when one cannot be, the reason then the first
+    // of finish()'s failures.
+    bool set_up(const OutputRule& outputs);
     // Why the waveform file could not be opened, when that stopped set_up().
     const std::optional<std::string>& waveform_refused() const { return waveform_refused_; }
     Observation perform(const Step& step);
     // Releases what the scenario holds, draws charts and takes the memories'
     // contents for the files the scenario names, unloads.
     RunEnd finish();
-    // Moves the run's waveform into place under `rule` (after finish(), when
-    // the run passed); without it the waveform is dropped with the executor.
-    std::optional<std::string> write_waveform(const OutputRule& rule);
+    // Moves the run's waveform into place (after finish(), when the run
+    // passed); without it the waveform is dropped with the executor.
+    std::optional<std::string> write_waveform();
 
 private:
     struct DeviceState {
@@ -86,7 +87,7 @@ private:
     bool ready_ = false;
     std::vector<DeviceState> devices_;
     RunEnd end_;
-    Waveform waveform_;
+    wire::Waveform waveform_;
     std::optional<std::string> waveform_refused_;
 
     std::optional<std::string> add(const DeviceSetup& setup);

@@ -6,7 +6,7 @@
 
 #include "actuator_cli.h"
 #include "calls.h"
-#include "capture.h"
+#include "wire/capture.h"
 #include "memory_cli.h"
 
 #include "host/bus.h"
@@ -131,7 +131,7 @@ struct Expect {
     // The step's transfers as a logic analyzer captured them elsewhere (on
     // hardware), read with the file; compared transfer by transfer.
     std::string bus_capture = {};  // the file as written, for messages
-    std::optional<Capture> capture = {};
+    std::optional<wire::Capture> capture = {};
     // With "capture_timing": each gap between the step's transfers (STOP to
     // START) is at least the capture's, less this tolerance in microseconds.
     std::optional<double> capture_tolerance_us = {};

@@ -264,7 +264,7 @@ public:
             }
             return;
         }
-        CaptureChannels channels;
+        wire::CaptureChannels channels;
         if (e.contains("capture_channels")) {
             const json& c = e["capture_channels"];
             std::string p = path + "/capture_channels";
@@ -276,7 +276,7 @@ public:
         }
         x.bus_capture = text(e["bus_capture"], path + "/bus_capture");
         std::string error;
-        x.capture = read_capture(beside(x.bus_capture), channels, error);
+        x.capture = wire::read_capture(beside(x.bus_capture), channels, error);
         if (!x.capture) {
             fail(path + "/bus_capture", error);
         }

@@ -9,9 +9,9 @@
 //   ROUNDTRIP_SHOW="time-out at 1m" sigrok_roundtrip   also prints what sigrok decoded of one run
 #include "tools/actuator_cli.h"
 #include "tools/calls.h"
-#include "tools/capture.h"
+#include "wire/capture.h"
 #include "tools/memory_cli.h"
-#include "tools/waveform.h"
+#include "wire/waveform.h"
 
 #include "host/bus.h"
 #include "platform/device.h"
@@ -31,10 +31,10 @@ struct Run {
     unsigned lens_bits = 0;
     std::optional<unsigned> memory;  // its type
     // Selects the parts (telling the waveform of them) and drives them.
-    std::function<void(host::System&, platform::OpenDevice&, tool::Waveform&)> body;
+    std::function<void(host::System&, platform::OpenDevice&, wire::Waveform&)> body;
 };
 
-void drive_actuator(host::System& sys, platform::OpenDevice& dev, tool::Waveform& wave, const std::string& chip)
+void drive_actuator(host::System& sys, platform::OpenDevice& dev, wire::Waveform& wave, const std::string& chip)
 {
     wave.watch(platform::select_actuator(sys, dev.context, {.chip = chip, .low = 100}));
     std::string error;
@@ -42,7 +42,7 @@ void drive_actuator(host::System& sys, platform::OpenDevice& dev, tool::Waveform
     tool::run_actuator(sys, dev.context, *ops);
 }
 
-void drive_memory(host::System& sys, platform::OpenDevice& dev, tool::Waveform& wave, unsigned type,
+void drive_memory(host::System& sys, platform::OpenDevice& dev, wire::Waveform& wave, unsigned type,
                   const std::string& ops_text)
 {
     auto geometry = platform::memory_geometry(type);
@@ -116,7 +116,7 @@ std::vector<Run> runs()
 // sigrok's 24xx decoder on the page writes: "Page write (addr=001E, 2 bytes): 01 02".
 std::vector<std::string> eeprom_writes(const std::string& vcd)
 {
-    std::string cmd = tool::sigrok_cli() + " -i '" + vcd +
+    std::string cmd = wire::sigrok_cli() + " -i '" + vcd +
                       "' -I vcd -P i2c:scl=scl:sda=sda,eeprom24xx:chip=microchip_24lc64 -A eeprom24xx=ops 2>/dev/null";
     std::vector<std::string> out;
     std::FILE* pipe = popen(cmd.c_str(), "r");
@@ -151,8 +151,8 @@ int main(int argc, char** argv)
             {
                 host::System sys;
                 sys.bus().set_speed(speed);
-                tool::Waveform wave;
-                if (auto error = wave.open(sys, path, {run.lens_bits, run.memory.has_value()})) {
+                wire::Waveform wave;
+                if (auto error = wave.open(sys, path, {true, "", {}}, {run.lens_bits, run.memory.has_value()})) {
                     std::cerr << label << ": " << *error << "\n";
                     return 2;
                 }
@@ -170,19 +170,19 @@ int main(int argc, char** argv)
                 }
             }
             std::string error;
-            auto capture = tool::read_capture(path, {}, error);
+            auto capture = wire::read_capture(path, {}, error);
             if (!capture) {
                 std::cerr << label << ": " << error << "\n";
                 return 2;
             }
-            auto bench = host::wire_transcript(transcript, speed);
+            auto bench = wire::wire_transcript(transcript, speed);
             compared += bench.size();
             if (const char* show = std::getenv("ROUNDTRIP_SHOW"); show != nullptr && label == show) {
                 for (auto& w : capture->transfers) {
-                    std::cout << host::wire_text(w) << "\n";
+                    std::cout << wire::wire_text(w) << "\n";
                 }
             }
-            if (auto difference = tool::compare_wire(bench, capture->transfers)) {
+            if (auto difference = wire::compare_wire(bench, capture->transfers)) {
                 mismatches++;
                 std::cerr << label << ": " << *difference << "\n";
             }
@@ -199,8 +199,8 @@ int main(int argc, char** argv)
             {
                 host::System sys;
                 sys.bus().set_speed(speed);
-                tool::Waveform wave;
-                wave.open(sys, path, {0, true});
+                wire::Waveform wave;
+                wave.open(sys, path, {true, "", {}}, {0, true});
                 platform::load_driver(sys);
                 auto dev = platform::open_device(sys);
                 unsigned type = *run.memory;

@@ -1,16 +1,17 @@
 // waveform.h - a run of korvanel-sim as a Value Change Dump: the bus drawn as
-// it happens (host/vcd.h), with the lens code the actuator latched, the
+// it happens (vcd.h), with the lens code the actuator latched, the
 // device's power state and the memory's write cycle beside it.
 //
 //   Waveform wave;
-//   if (auto error = wave.open(sys, "run.vcd", {.lens_bits = 10, .memory = true})) ...
+//   if (auto error = wave.open(sys, "run.vcd", rule, {.lens_bits = 10, .memory = true})) ...
 //   wave.watch(device);  wave.watch(actuator_model);  wave.watch(eeprom);
 //   ... the run ...
 //   if (auto error = wave.finish()) ...   // the file appears only now
 #pragma once
 
+#include "vcd.h"
+
 #include "host/system.h"
-#include "host/vcd.h"
 #include "sim/actuator.h"
 #include "sim/eeprom.h"
 
@@ -18,7 +19,7 @@
 #include <optional>
 #include <string>
 
-namespace korvanel::tool {
+namespace korvanel::wire {
 
 class Waveform {
 public:
@@ -31,17 +32,19 @@ public:
     Waveform& operator=(const Waveform&) = delete;
     ~Waveform();
 
-    // Starts following the bus; the error text (an instant bus, a path that
-    // cannot be written) otherwise. The signals are declared here, before
-    // any part is selected.
-    std::optional<std::string> open(host::System& sys, const std::string& path, Signals signals);
+    // Starts following the bus into a new file for `path` under `rule`; the
+    // error text (an instant bus, a path that cannot be written) otherwise.
+    // The signals are declared here, before any part is selected.
+    std::optional<std::string> open(host::System& sys, const std::string& path, const tool::OutputRule& rule,
+                                    Signals signals);
     bool is_open() const { return sys_ != nullptr; }
 
     void watch(host::Device* device);                       // d0, sampled at every transfer and at the end
     void watch(std::shared_ptr<sim::ActuatorModel> actuator);
     void watch(std::shared_ptr<sim::Eeprom> memory);
 
-    // Stops following the bus and writes the file at the clock's time now.
+    // Stops following the bus, draws up to the clock's time now and moves
+    // the file into place; "PATH: reason" when it cannot be.
     std::optional<std::string> finish();
 
 private:
@@ -49,7 +52,8 @@ private:
     void sample_power(int64_t now);
 
     host::System* sys_ = nullptr;
-    host::VcdWriter vcd_;
+    tool::OutputFile file_;  // before the writer, which writes into it
+    VcdWriter vcd_;
     int d0_ = -1, lens_ = -1, busy_ = -1;
     host::Device* device_ = nullptr;
     std::shared_ptr<sim::ActuatorModel> actuator_;
@@ -62,4 +66,4 @@ private:
 // --vcd FILE for korvanel-sim; the speed check is the caller's.
 const char* waveform_option_help();
 
-}  // namespace korvanel::tool
+}  // namespace korvanel::wire

@@ -3,27 +3,34 @@
 // signals (lens code, power state, a memory's write cycle) on the same axis.
 // sigrok's I2C decoder, PulseView and GTKWave open it.
 //
+//   tool::OutputFile file;                                     // tools/files.h
+//   if (auto error = file.open("run.vcd", rule)) ...
 //   VcdWriter vcd;
-//   if (auto error = vcd.open("run.vcd", BusSpeed::Fast)) ...  // a temporary file beside it
+//   if (auto error = vcd.start(file, BusSpeed::Fast)) ...
 //   int d0 = vcd.add_signal("d0", 1, 1);
 //   sys.bus().observe([&](const BusTransfer& t) { vcd.transfer(t); });
 //   ... the run; vcd.change(d0, when, 0) as things happen ...
-//   vcd.finish(sys.clock().now());                             // renamed into place
+//   vcd.finish(sys.clock().now());
+//   if (auto error = file.commit()) ...                        // the file appears only now
 //
 // Streaming: a transfer is drawn when the next one arrives (the next one
 // decides whether it ends in a STOP or a repeated START), so memory holds
 // one transfer, not the run.
 #pragma once
 
-#include "bus.h"
+#include "host/bus.h"
+#include "tools/files.h"
 
-#include <cstdio>
 #include <optional>
 #include <queue>
 #include <string>
 #include <vector>
 
-namespace korvanel::host {
+namespace korvanel::wire {
+
+using host::BusSpeed;
+using host::BusTransfer;
+using sim::Direction;
 
 // How the waveform draws one clock at a speed, in nanoseconds. Each bit is
 // one clock period: SCL low for `low` (SDA changes `hold_data` after SCL
@@ -82,11 +89,11 @@ public:
     VcdWriter() = default;
     VcdWriter(const VcdWriter&) = delete;
     VcdWriter& operator=(const VcdWriter&) = delete;
-    ~VcdWriter();  // without finish(): the temporary file is removed
 
-    // Opens PATH's temporary file; the error text when it cannot. The dump's
-    // time 0 is the clock's `origin`.
-    std::optional<std::string> open(const std::string& path, BusSpeed speed, int64_t origin = 0);
+    // Starts a dump into `out`, an open file its owner commits after
+    // finish(); the error text for a bus without wire time. The dump's time
+    // 0 is the clock's `origin`.
+    std::optional<std::string> start(tool::OutputFile& out, BusSpeed speed, int64_t origin = 0);
     // Another signal, before the first transfer: a 1-bit wire, or for a
     // wider one a wire per bit (NAME[n] ... NAME[0]), because sigrok's VCD
     // reader stops at the first multi-bit value. Returns its id for change().
@@ -98,8 +105,9 @@ public:
     void change(int signal, int64_t time, uint64_t value);
     // The next transfer, in order.
     void transfer(const BusTransfer& t);
-    // Draws what is left, idles to `end` and moves the file into place.
-    std::optional<std::string> finish(int64_t end);
+    // Draws what is left and idles to `end`. A write that failed on the
+    // way is the file's to report, at its commit.
+    void finish(int64_t end);
 
     uint64_t transfers_drawn() const { return drawn_; }
     uint64_t bytes_written() const { return written_; }
@@ -125,8 +133,7 @@ private:
     void flush_changes(int64_t until);        // changes due at or before `until` (ns)
     void spill();                             // the buffer to the file when it is full
 
-    std::FILE* file_ = nullptr;
-    std::string path_, temporary_;
+    tool::OutputFile* out_ = nullptr;
     BusSpeed speed_ = BusSpeed::Instant;
     int64_t origin_ = 0;
     std::vector<Signal> signals_;  // 0: scl, 1: sda
@@ -138,7 +145,6 @@ private:
     int64_t now_ = -1;   // the dump's latest time stamp, ns
     std::string buffer_;
     uint64_t drawn_ = 0, written_ = 0;
-    std::string error_;
 };
 
-}  // namespace korvanel::host
+}  // namespace korvanel::wire

@@ -3,13 +3,13 @@
 #include "vcd.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <cstdio>
 #include <stdexcept>
 
-namespace korvanel::host {
+namespace korvanel::wire {
+
+using host::Bus;
 
 namespace {
 
@@ -119,27 +119,14 @@ std::string wire_text(const WireTransfer& t)
 
 // ---- The file ----------------------------------------------------------------
 
-VcdWriter::~VcdWriter()
-{
-    if (file_ != nullptr) {
-        std::fclose(file_);
-        std::remove(temporary_.c_str());
-    }
-}
-
-std::optional<std::string> VcdWriter::open(const std::string& path, BusSpeed speed, int64_t origin)
+std::optional<std::string> VcdWriter::start(tool::OutputFile& out, BusSpeed speed, int64_t origin)
 {
     try {
         speed_index(speed);
     } catch (const std::invalid_argument& e) {
         return std::string(e.what());
     }
-    path_ = path;
-    temporary_ = path + ".partial";
-    file_ = std::fopen(temporary_.c_str(), "wb");
-    if (file_ == nullptr) {
-        return "cannot write " + path + ": " + std::strerror(errno);
-    }
+    out_ = &out;
     speed_ = speed;
     origin_ = origin;
     signals_ = {{"scl", {}, 1, 1}, {"sda", {}, 1, 1}};
@@ -187,9 +174,7 @@ void VcdWriter::header()
 void VcdWriter::spill()
 {
     if (buffer_.size() >= (size_t(1) << 16)) {
-        if (std::fwrite(buffer_.data(), 1, buffer_.size(), file_) != buffer_.size() && error_.empty()) {
-            error_ = "cannot write " + path_ + ": " + std::strerror(errno);
-        }
+        out_->write(buffer_);
         written_ += buffer_.size();
         buffer_.clear();
     }
@@ -319,10 +304,10 @@ void VcdWriter::draw(const BusTransfer& t, bool joins_next)
     }
 }
 
-std::optional<std::string> VcdWriter::finish(int64_t end)
+void VcdWriter::finish(int64_t end)
 {
-    if (file_ == nullptr) {
-        return "no waveform file is open";
+    if (out_ == nullptr) {
+        return;
     }
     if (!started_) {
         header();
@@ -334,22 +319,9 @@ std::optional<std::string> VcdWriter::finish(int64_t end)
     flush_changes(INT64_MAX / 2);
     at(std::max((end - origin_) * 100, now_));
     written_ += buffer_.size();
-    if (std::fwrite(buffer_.data(), 1, buffer_.size(), file_) != buffer_.size() && error_.empty()) {
-        error_ = "cannot write " + path_ + ": " + std::strerror(errno);
-    }
+    out_->write(buffer_);
     buffer_.clear();
-    if (std::fclose(file_) != 0 && error_.empty()) {
-        error_ = "cannot write " + path_ + ": " + std::strerror(errno);
-    }
-    file_ = nullptr;
-    if (error_.empty() && std::rename(temporary_.c_str(), path_.c_str()) != 0) {
-        error_ = "cannot write " + path_ + ": " + std::strerror(errno);
-    }
-    if (!error_.empty()) {
-        std::remove(temporary_.c_str());
-        return error_;
-    }
-    return std::nullopt;
+    out_ = nullptr;
 }
 
-}  // namespace korvanel::host
+}  // namespace korvanel::wire

@@ -1,7 +1,7 @@
 // waveform.cpp - following a run on the bus into a Value Change Dump.
 #include "waveform.h"
 
-namespace korvanel::tool {
+namespace korvanel::wire {
 
 Waveform::~Waveform()
 {
@@ -10,14 +10,16 @@ Waveform::~Waveform()
     }
 }
 
-std::optional<std::string> Waveform::open(host::System& sys, const std::string& path, Signals signals)
+std::optional<std::string> Waveform::open(host::System& sys, const std::string& path, const tool::OutputRule& rule,
+                                          Signals signals)
 {
     if (sys.bus().speed() == host::BusSpeed::Instant) {
         return "a waveform needs wire time: give --bus-speed 100k, 400k or 1m";
     }
-    if (auto error = vcd_.open(path, sys.bus().speed(), sys.clock().now())) {
+    if (auto error = file_.open(path, rule)) {
         return error;
     }
+    vcd_.start(file_, sys.bus().speed(), sys.clock().now());
     sys_ = &sys;
     d0_ = vcd_.add_signal("d0", 1, 0);
     d0_value_ = 0;
@@ -78,9 +80,9 @@ std::optional<std::string> Waveform::finish()
     sys_->bus().observe(nullptr);
     int64_t now = sys_->clock().now();
     sample_power(now);
-    auto error = vcd_.finish(std::max(now, busy_until_));
+    vcd_.finish(std::max(now, busy_until_));
     sys_ = nullptr;
-    return error;
+    return file_.commit();
 }
 
 const char* waveform_option_help()
@@ -89,4 +91,4 @@ const char* waveform_option_help()
            "(needs --bus-speed)";
 }
 
-}  // namespace korvanel::tool
+}  // namespace korvanel::wire

@@ -13,14 +13,14 @@
 //   if (auto diff = compare_wire(bench, capture->transfers)) ... exit status 1 with *diff
 #pragma once
 
-#include "host/vcd.h"
+#include "vcd.h"
 
 #include <istream>
 #include <optional>
 #include <string>
 #include <vector>
 
-namespace korvanel::tool {
+namespace korvanel::wire {
 
 struct CaptureChannels {
     std::string scl = "scl";
@@ -28,7 +28,7 @@ struct CaptureChannels {
 };
 
 struct Capture {
-    std::vector<host::WireTransfer> transfers;
+    std::vector<WireTransfer> transfers;
     // Each transfer's first and last sample (its START and STOP), when the
     // capture carries sample numbers; samplerate in Hz when known.
     std::vector<std::pair<int64_t, int64_t>> samples;
@@ -40,7 +40,7 @@ std::string sigrok_cli();
 
 // Nothing, with `error` naming the file and what is wrong, for input that is
 // missing, not a regular file, over kCaptureFileLimit (64 MiB, files.h), not
-// a capture, truncated, or lacks the channels.
+// a capture, truncated, lacks the channels, or holds no transfer at all.
 std::optional<Capture> read_capture(const std::string& path, const CaptureChannels& channels, std::string& error);
 // The I2C decoder's annotation lines; `name` is for messages. A saved text
 // without a single annotation is no capture; sigrok-cli's own output of a
@@ -51,7 +51,7 @@ std::optional<Capture> parse_annotations(std::istream& in, const std::string& na
 // The first difference between the bench's transfers and a capture's, both
 // sides shown: "transfer 3 differs:\n  bench:   S 0x50 W ...\n  capture: ...";
 // or a different count. Nothing when they are equal.
-std::optional<std::string> compare_wire(const std::vector<host::WireTransfer>& bench,
-                                        const std::vector<host::WireTransfer>& capture);
+std::optional<std::string> compare_wire(const std::vector<WireTransfer>& bench,
+                                        const std::vector<WireTransfer>& capture);
 
-}  // namespace korvanel::tool
+}  // namespace korvanel::wire

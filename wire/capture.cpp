@@ -2,7 +2,7 @@
 // text directly, VCD and session files through sigrok-cli.
 #include "capture.h"
 
-#include "files.h"
+#include "tools/files.h"
 
 #include <algorithm>
 #include <cctype>
@@ -15,7 +15,10 @@
 
 #include <sys/wait.h>
 
-namespace korvanel::tool {
+namespace korvanel::wire {
+
+using tool::kCaptureFileLimit;
+using tool::read_input;
 
 namespace {
 
@@ -76,6 +79,18 @@ bool annotation(const std::string& line, int64_t& first, int64_t& last, std::str
     return true;
 }
 
+// A capture with no transfer in it would match a run that made none and
+// hide a file that was not what the user meant: refused.
+std::optional<Capture> with_transfers(std::optional<Capture> capture, const std::string& path,
+                                      const std::string& where, std::string& error)
+{
+    if (capture && capture->transfers.empty()) {
+        error = path + ": holds no transfer the I2C decoder could read" + where;
+        return std::nullopt;
+    }
+    return capture;
+}
+
 }  // namespace
 
 std::string sigrok_cli()
@@ -88,7 +103,7 @@ std::optional<Capture> parse_annotations(std::istream& in, const std::string& na
                                          bool decoded)
 {
     Capture capture;
-    std::optional<host::WireTransfer> open;  // the transfer being read
+    std::optional<WireTransfer> open;  // the transfer being read
     int64_t open_first = -1;
     enum class Expect { Nothing, AddressAck, DataAck } expect = Expect::Nothing;
     std::string line, text;
@@ -119,7 +134,7 @@ std::optional<Capture> parse_annotations(std::istream& in, const std::string& na
             if (open) {
                 close(false, first);
             }
-            open = host::WireTransfer{};
+            open = WireTransfer{};
             open->repeated_start = repeated;
             open->address_ack = false;
             open_first = first;
@@ -144,7 +159,7 @@ std::optional<Capture> parse_annotations(std::istream& in, const std::string& na
                 return fail("an address outside a transfer");
             }
             open->address = uint8_t(value);
-            open->direction = text.compare(8, 4, "read") == 0 ? sim::Direction::Read : sim::Direction::Write;
+            open->direction = text.compare(8, 4, "read") == 0 ? Direction::Read : Direction::Write;
             expect = Expect::AddressAck;
         } else if (std::sscanf(text.c_str(), "Data %*[a-z]: %x", &value) == 1) {
             if (!open) {
@@ -162,7 +177,7 @@ std::optional<Capture> parse_annotations(std::istream& in, const std::string& na
     }
     if (open) {
         open->stop = false;
-        error = name + ": truncated: the capture ends inside a transfer (" + host::wire_text(*open) + " ...)";
+        error = name + ": truncated: the capture ends inside a transfer (" + wire_text(*open) + " ...)";
         return std::nullopt;
     }
     return capture;
@@ -182,7 +197,7 @@ std::optional<Capture> read_capture(const std::string& path, const CaptureChanne
     bool vcd = !session && text_start != std::string::npos && head[text_start] == '$';
     if (!session && !vcd) {
         std::istringstream in(bytes);
-        return parse_annotations(in, path, error);
+        return with_transfers(parse_annotations(in, path, error), path, "", error);
     }
     // A VCD cut before its definitions end holds no signal changes at all.
     if (vcd && bytes.find("$enddefinitions") == std::string::npos) {
@@ -234,15 +249,17 @@ std::optional<Capture> read_capture(const std::string& path, const CaptureChanne
     }
     std::istringstream decoded(output);
     auto transfers = parse_annotations(decoded, path, error, true);
-    if (!transfers) {
-        return std::nullopt;
+    if (transfers) {
+        transfers->samplerate = capture.samplerate;
     }
-    transfers->samplerate = capture.samplerate;
-    return transfers;
+    return with_transfers(std::move(transfers), path,
+                          " on SCL '" + channels.scl + "' and SDA '" + channels.sda +
+                              "' (a bus that stayed idle, or other channels)",
+                          error);
 }
 
-std::optional<std::string> compare_wire(const std::vector<host::WireTransfer>& bench,
-                                        const std::vector<host::WireTransfer>& capture)
+std::optional<std::string> compare_wire(const std::vector<WireTransfer>& bench,
+                                        const std::vector<WireTransfer>& capture)
 {
     size_t n = std::max(bench.size(), capture.size());
     for (size_t i = 0; i < n; i++) {
@@ -255,8 +272,8 @@ std::optional<std::string> compare_wire(const std::vector<host::WireTransfer>& b
                   std::to_string(capture.size()) + "; ";
         }
         out += "transfer " + std::to_string(i + 1) + " differs:\n  bench:   " +
-               (i < bench.size() ? host::wire_text(bench[i]) : "(none)") + "\n  capture: " +
-               (i < capture.size() ? host::wire_text(capture[i]) : "(none)");
+               (i < bench.size() ? wire_text(bench[i]) : "(none)") + "\n  capture: " +
+               (i < capture.size() ? wire_text(capture[i]) : "(none)");
         // In a long transfer, the byte that differs.
         if (i < bench.size() && i < capture.size()) {
             auto& a = bench[i].bytes;
@@ -274,4 +291,4 @@ std::optional<std::string> compare_wire(const std::vector<host::WireTransfer>& b
     return std::nullopt;
 }
 
-}  // namespace korvanel::tool
+}  // namespace korvanel::wire
