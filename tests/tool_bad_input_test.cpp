@@ -63,6 +63,19 @@ const std::vector<Case>& cases()
         {"paths", "--nvm 7 --nvm-file @/image.bin --nvm-save @/image.bin --force", "", 2,
          "@/image.bin: it is a file this run reads; a run never writes over it"},
         {"paths", "--vcm DW9719 --svg @/same --nvm 7 --nvm-save @/same", "", 2, "--svg and --nvm-save both name @/same"},
+        // an input or another output by another name: a link, a hard link, another spelling
+        {"paths", "--vcm DW9719 --svg @/same --nvm 7 --nvm-save @/./same", "", 2, "--svg and --nvm-save both name @/same"},
+        {"paths", "--vcm DW9719 --svg @/link --nvm 7 --nvm-file @/image.bin --force", "", 2,
+         "--svg @/link: it is @/image.bin, a file this run reads"},
+        {"paths", "--nvm 7 --nvm-file @/hard.bin --bus-speed 400k --vcd @/./image.bin --force", "", 2,
+         "--vcd @/./image.bin: it is @/hard.bin, a file this run reads"},
+        {"paths", "run @/s.jsonc",
+         "{\"bus_speed\": \"400k\", \"vcd\": \"link\", \"overwrite\": true, " +
+             with_device(R"({"memory": {"type": 7, "contents": "image.bin"}})").substr(1),
+         2, "\"vcd\" @/link: it is @/image.bin, a file this run reads"},
+        {"paths", "run @/s.jsonc",
+         with_device(R"({"memory": {"type": 7, "save": "p.out"}, "actuator": {"chip": "DW9714", "plot": "./p.out"}})"), 2,
+         "\"save\" @/p.out: another output of this run is written there"},
         {"paths", "run @/s.jsonc", "{\"overwrite\": true, " + with_device(R"({"memory": {"type": 7, "save": "s.jsonc"}})").substr(1), 2,
          "\"save\" @/s.jsonc: it is a file this run reads; a run never writes over it"},
         {"paths", "run @/s.jsonc", with_device(R"({"memory": {"type": 7, "save": "exists.bin"}})"), 2,
@@ -209,6 +222,7 @@ TEST(ToolBadInputTest, EachBadInputGetsItsStatusAndMessage)
         std::ofstream(dir + "/image.bin") << "ABCD";
         std::ofstream(dir + "/empty.bin").flush();
         std::ofstream(dir + "/129.bin") << std::string(129, 'x');
+        ASSERT_EQ(symlink("image.bin", (dir + "/link").c_str()) | link((dir + "/image.bin").c_str(), (dir + "/hard.bin").c_str()), 0);
         // One byte over each limit, as sparse files.
         for (auto [name, size] : {std::pair{"/1M+1.bin", (1 << 20) + 1}, std::pair{"/16M+1.jsonc", (16 << 20) + 1}}) {
             std::ofstream(dir + name).flush();
