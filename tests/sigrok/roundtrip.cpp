@@ -9,8 +9,9 @@
 //   ROUNDTRIP_SHOW="time-out at 1m" sigrok_roundtrip   also prints what sigrok decoded of one run
 #include "tools/actuator_cli.h"
 #include "tools/calls.h"
-#include "wire/capture.h"
+#include "tools/files.h"
 #include "tools/memory_cli.h"
+#include "wire/capture.h"
 #include "wire/waveform.h"
 
 #include "host/bus.h"
@@ -148,6 +149,7 @@ int main(int argc, char** argv)
             std::string label = run.name + " at " + speed_name;
             std::string path = dir + "/roundtrip.vcd";
             std::vector<host::BusTransfer> transcript;
+            tool::forget_inputs();  // each run writes the dump the last one read back
             {
                 host::System sys;
                 sys.bus().set_speed(speed);
@@ -171,11 +173,15 @@ int main(int argc, char** argv)
             }
             std::string error;
             auto capture = wire::read_capture(path, {}, error);
+            auto bench = wire::wire_transcript(transcript, speed);
+            // A run without a transfer draws an idle bus, which is no capture.
+            if (bench.empty() && !capture && error.find("holds no transfer the I2C decoder could read") != std::string::npos) {
+                continue;
+            }
             if (!capture) {
                 std::cerr << label << ": " << error << "\n";
                 return 2;
             }
-            auto bench = wire::wire_transcript(transcript, speed);
             compared += bench.size();
             if (const char* show = std::getenv("ROUNDTRIP_SHOW"); show != nullptr && label == show) {
                 for (auto& w : capture->transfers) {
@@ -196,6 +202,7 @@ int main(int argc, char** argv)
                 continue;
             }
             std::vector<std::string> expected;
+            tool::forget_inputs();
             {
                 host::System sys;
                 sys.bus().set_speed(speed);
