@@ -159,7 +159,8 @@ private:
     sigset_t old_;
 };
 
-// A name no file has: ".NAME.PID-COUNT-NOISE.tmp", shortened to fit a file name.
+// ".NAME.PID-COUNT-NOISE.tmp", shortened to fit a file name: unlikely to be
+// taken, and never taken over when it is (O_EXCL).
 std::string temporary_name(const std::string& base)
 {
     static std::atomic<unsigned> count{0};

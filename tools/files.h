@@ -77,7 +77,6 @@ public:
     std::optional<std::string> commit();
     void discard();
     const std::string& path() const { return path_; }
-    const std::string& temporary() const { return name_; }  // its name in the target's folder
 
 private:
     std::string path_, base_, name_, hint_, error_;
