@@ -60,9 +60,6 @@ const std::vector<Case>& cases()
         {"paths", "--vcm DW9719 --svg @ --force", "", 2, "--svg @: it is a directory"},
         {"paths", "--nvm 7 --nvm-save @/exists.bin", "", 2, "--nvm-save @/exists.bin: the file exists; --force"},
         {"paths", "--nvm 7 --nvm-save /dev/null --force", "", 2, "/dev/null: it is a character device"},
-        {"paths", "--nvm 7 --nvm-file @/image.bin --nvm-save @/image.bin --force", "", 2,
-         "@/image.bin: it is a file this run reads; a run never writes over it"},
-        {"paths", "--vcm DW9719 --svg @/same --nvm 7 --nvm-save @/same", "", 2, "--svg and --nvm-save both name @/same"},
         // an input or another output by another name: a link, a hard link, another spelling
         {"paths", "--vcm DW9719 --svg @/same --nvm 7 --nvm-save @/./same", "", 2, "--svg and --nvm-save both name @/same"},
         {"paths", "--vcm DW9719 --svg @/link --nvm 7 --nvm-file @/image.bin --force", "", 2,
