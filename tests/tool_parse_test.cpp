@@ -2,6 +2,7 @@
 // numbers, hex bytes and status names, each accepted whole or refused.
 #include <gtest/gtest.h>
 
+#include "tools/actuator_cli.h"
 #include "tools/parse.h"
 
 namespace korvanel::test {
@@ -16,6 +17,9 @@ TEST(ToolParseTest, UserTextIsShownEscapedAndBounded)
     EXPECT_EQ(tool::excerpt(std::string(71, 'x') + "\xC3\xA9" + std::string(1000, 'y')),
               std::string(71, 'x') + "... (1073 bytes)");
     EXPECT_EQ(tool::json_dump(nlohmann::ordered_json("a\xFF")), "\"a\xEF\xBF\xBD\"");
+    // The chart is XML, which no control byte may enter even as a reference.
+    std::string svg = tool::trajectory_svg({{"module", "a\x01<\xFF"}});
+    EXPECT_NE(svg.find("module a\\x01&lt;\\xFF,"), std::string::npos) << svg;
 }
 
 TEST(ToolParseTest, NumbersAreTakenWholeAndWithinRange)
