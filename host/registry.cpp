@@ -100,6 +100,7 @@ struct RegistryAccess {
         if ((h->access & KEY_QUERY_VALUE) == 0) {
             return STATUS_ACCESS_DENIED;
         }
+        r.asked_.emplace(value_name);
         auto key = r.keys_.find(h->key);
         if (key == r.keys_.end()) {
             return STATUS_OBJECT_NAME_NOT_FOUND;
@@ -162,6 +163,16 @@ void Registry::remove(const std::string& name)
     }
 }
 
+std::vector<std::string> Registry::asked_names() const
+{
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> names;
+    for (auto& name : asked_) {
+        names.push_back(to_utf8(name));
+    }
+    return names;
+}
+
 void Registry::clear()
 {
     std::lock_guard lock(mutex_);
@@ -174,6 +185,7 @@ void Registry::reset()
     keys_.clear();
     handles_.clear();
     opens_.clear();
+    asked_.clear();
     next_handle_ = 0x100;
     service_key_present_ = true;
 }

@@ -175,6 +175,10 @@ public:
     static constexpr size_t kOpensKept = 64;
     std::vector<Open> recent_opens() const;
 
+    // Every value name queried under any key since the hive was reset, in
+    // the registry's order: what a tool can tell a stray value from.
+    std::vector<std::string> asked_names() const;
+
     // Orders names as the registry compares them: without regard to case.
     struct NoCase {
         using is_transparent = void;
@@ -194,6 +198,7 @@ private:
     };
     std::map<uintptr_t, Handle> handles_;
     std::deque<Open> opens_;
+    std::set<std::u16string, NoCase> asked_;
     bool exists(std::u16string_view key, bool case_sensitive) const;  // with the mutex held
     uintptr_t next_handle_ = 0x100;
     bool service_key_present_ = true;

@@ -35,6 +35,10 @@ std::string with_device(const std::string& device, const std::string& steps = ""
 std::string with_step(const std::string& step) { return with_device("{}", step); }
 
 const std::string kMemory = R"({"memory": {"type": 7}})";  // 128 bytes
+// An argument of 100000 bytes, and a byte that is no UTF-8 after a control byte.
+const std::string kHuge = "\"$(head -c 100000 /dev/zero | tr '\\0' x)\"";
+const std::string kBytes = "\"$(printf 'a\\001\\377')\"";
+const std::string kStopped = R"({"call": "PowerUp", "irql": "DISPATCH_LEVEL", "expect": {"violation": "IRQL_NOT_LESS_OR_EQUAL"}})";
 
 const std::vector<Case>& cases()
 {
@@ -146,6 +150,20 @@ const std::vector<Case>& cases()
         {"numbers", "run @/s.jsonc", with_step(R"({"advance_ms": -1})"), 2, "takes milliseconds, a number from 0 to"},
         {"numbers", "run @/s.jsonc", with_device(kMemory, R"({"nvm": "read:0x10000:1"})"), 2,
          "'0x10000' is not an address from 0 to 65535"},
+        {"numbers", "run @/s.jsonc", with_step(R"({"advance_ms": 1e400})"), 2,
+         "s.jsonc:2: step 1: field \"advance_ms\": the number 1e400 is beyond any number a field takes"},
+        {"numbers", "run @/s.jsonc", with_device(R"({"registry": {"MipiLanes": -1e999}})"), 2,
+         "field \"device.registry.MipiLanes\": the number -1e999 is beyond any number"},
+        {"numbers", "run @/s.jsonc", with_device(R"({"registry": {"MipiLanes": 99999999999999999999}})"), 2,
+         "field \"device.registry.MipiLanes\": takes a number from 0 to 4294967295, not 1e+20"},
+        {"numbers", "run @/s.jsonc", with_step("{\"call\": \"PowerUp\", \"expect\": {\"values\": " +
+                                               std::string(100000, '[') + std::string(100000, ']') + "}}"),
+         2, "s.jsonc:2: values nested deeper than 64 levels"},
+        // a leading zero is decimal, everywhere
+        {"numbers", "--reg MipiLanes=010", "", 0, "MIPI link: port 0, 10 lanes"},
+        {"numbers", "--nvm 7 --nvm-ops read:010:1", "", 0, "read 0x000a, 1 bytes"},
+        {"numbers", "--vcm DW9719 --vcm-low 08 --vcm-ops setpos:010,getpos", "", 0, "low 8, high 1023"},
+        {"numbers", "--vcm DW9719 --vcm-ops setpos:010,getpos", "", 0, "recorded 10  position 10"},
 
         // ---- modes: an option that would do nothing is refused ----
         {"modes", "--hwid root\\\\KORVANEL run @/s.jsonc", with_step(""), 2,
@@ -177,6 +195,23 @@ const std::vector<Case>& cases()
         {"duplicates", "run @/s.jsonc", with_device("{\"registry\": {\"MipiLanes\": 2,\n \"MipiLanes\": 4}}"), 2,
          "field \"device.registry.MipiLanes\": given twice, on lines 1 and 2"},
         {"duplicates", "--hwid a --hwid b", "", 2, "--hwid: At Most 1 required but received 2"},
+        {"duplicates", "--json --json", "", 2, "--json is given 2 times; give it once"},
+        {"duplicates", "run -v -v @/s.jsonc", with_step(""), 2, "--verbose is given 2 times; give it once"},
+        {"duplicates", "--reg MipiLanes=2 --reg mipilanes=4", "", 2, "--reg mipilanes is given twice"},
+        {"duplicates", "--vcm DW9719 --vcm-connection 0x50 --nvm 7", "", 2,
+         "--nvm-connection: connection 0x50 already has a part"},
+        {"duplicates", "--vcm DW9719 --vcm-address 0x51 --nvm 6", "", 2,
+         "--nvm-address: bus address 0x51 is the actuator's; the memory answers on 0x50 and the addresses after it"},
+
+        // ---- sizes of a quoted argument, bytes of any kind: bounded, escaped ----
+        {"quoted", "--select " + kHuge, "", 2, "in 'xxxxxxxx"},
+        {"quoted", kHuge, "", 2, "not expected: xxxxxxxx"},
+        {"quoted", "run @/s.jsonc", with_step("{\"call\": \"" + std::string(100000, 'x') + "\"}"), 2,
+         "xxxxxxxxx... (100000 bytes)' is not an operation"},
+        {"quoted", "--hwid " + kBytes, "", 0, "device with hardware identifier a\\x01\\xFF"},
+        {"quoted", "--json --hwid " + kBytes, "", 0, "\"hardware_id\": \"a\\u0001\xEF\xBF\xBD\""},
+        {"quoted", "--json --vcm DW9719 --module " + kBytes, "", 0, "\"module\": \"a\\u0001\xEF\xBF\xBD\""},
+        {"quoted", "--vcm DW9719 --module " + kBytes, "", 0, "module \"a\\x01\\xFF\""},
 
         // ---- not refused: the driver judges, the report notes ----
         {"passes", "--nvm 7 --nvm-ops read:120:16", "", 0,
@@ -189,6 +224,16 @@ const std::vector<Case>& cases()
          with_device(kMemory, R"({"nvm": "read:120:16", "expect": {"status": "STATUS_INVALID_PARAMETER", "transfers": 0}},
                                  {"nvm": "read:0:-1", "expect": {"status": "STATUS_INVALID_PARAMETER", "transfers": 0}})"),
          0, "Passed: 2 steps, 4 expectations met"},
+        {"passes", "--reg MipiLane=4", "", 0,
+         "Note: registry value 'MipiLane' is never read by the driver (did you mean 'MipiLanes'?)"},
+        {"passes", "run @/s.jsonc", with_device(R"({"registry": {"PDAF_Typ": 1}})"), 0,
+         "Note: registry value 'PDAF_Typ' is never read by the driver (did you mean 'PDAF_Type'?)"},
+        {"passes", "run -v --trace-module sensor @/s.jsonc", with_step(""), 0, "Passed: 0 steps"},
+        // a stop the step expects: its code and routine on the step's line
+        {"passes", "run @/s.jsonc", with_step(kStopped), 0,
+         "PowerUp  STOP 0xA IRQL_NOT_LESS_OR_EQUAL in WdfDeviceStopIdle (called by PowerUp)  ok"},
+        {"passes", "run -v @/s.jsonc", with_step(kStopped), 0, "STOP 0xA IRQL_NOT_LESS_OR_EQUAL in WdfDeviceStopIdle"},
+        {"passes", "run --json @/s.jsonc", with_step(kStopped), 0, "\"code\": 10,\n        \"routine\": \"WdfDeviceStopIdle\""},
     };
     return table;
 }
@@ -240,6 +285,7 @@ TEST(ToolBadInputTest, EachBadInputGetsItsStatusAndMessage)
             << "expected: " << message << "\nstderr: " << err << "\nstdout: " << out.substr(0, 2000);
         if (c.status == 2) {
             EXPECT_LE(std::count(err.begin(), err.end(), '\n'), 2) << "a message and a hint, not the help:\n" << err;
+            EXPECT_LT(err.size(), 1000u) << "a message quotes at most an excerpt of what it was given";
         }
         // Nothing the user had is lost, whatever the case did.
         EXPECT_EQ(slurp(dir + "/exists.bin"), "keep me");

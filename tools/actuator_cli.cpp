@@ -56,14 +56,14 @@ std::optional<ActuatorOp> parse_actuator_op(const std::string& token, std::strin
         return std::nullopt;
     }
     if (known == std::end(names)) {
-        error = "unknown operation '" + token +
+        error = "unknown operation '" + excerpt(token) +
                 "' (init, setpos:N, getpos, status, hpstatus, setconfig:COUNT:REG:DATA:..., resetpos, advance:MS)";
         return std::nullopt;
     }
     ActuatorOp op{known->kind, 0, {}, token};
     size_t arguments = fields.size() - 1;
     if ((known->argument == nullptr) != (arguments == 0)) {
-        error = "'" + token + "' " +
+        error = "'" + excerpt(token) + "' " +
                 (known->argument ? std::string("needs ") + known->argument + ", as " + known->name + ":300"
                                  : std::string("takes no argument"));
         return std::nullopt;
@@ -75,7 +75,7 @@ std::optional<ActuatorOp> parse_actuator_op(const std::string& token, std::strin
         auto v = arguments == 1 ? parse_integer(fields[1], position ? -32768 : 0, position ? 65535 : 3600000)
                                 : std::nullopt;
         if (!v) {
-            error = "'" + token + "' takes one " +
+            error = "'" + excerpt(token) + "' takes one " +
                     (position ? "16-bit position (-32768 to 65535)" : "count of milliseconds");
             return std::nullopt;
         }
@@ -86,14 +86,14 @@ std::optional<ActuatorOp> parse_actuator_op(const std::string& token, std::strin
         for (size_t i = 1; i < fields.size(); i++) {
             auto v = parse_integer(fields[i], 0, 0xFFFFFFFFll);
             if (!v) {
-                error = "'" + token + "': '" + fields[i] + "' is not a 32-bit number";
+                error = "'" + excerpt(token) + "': '" + excerpt(fields[i]) + "' is not a 32-bit number";
                 return std::nullopt;
             }
             op.config.push_back(ULONG(*v));
         }
         // The driver reads as many pairs as the count says.
         if (op.config.size() != 1 + 2 * size_t(op.config[0])) {
-            error = "'" + token + "' gives a count of " + std::to_string(op.config[0]) + ", which needs " +
+            error = "'" + excerpt(token) + "' gives a count of " + std::to_string(op.config[0]) + ", which needs " +
                     std::to_string(2 * size_t(op.config[0])) + " values after it, not " +
                     std::to_string(op.config.size() - 1);
             return std::nullopt;
@@ -111,7 +111,7 @@ std::optional<std::vector<ActuatorOp>> parse_actuator_ops(const std::string& lis
     for (auto& token : split(list, ',')) {
         auto op = parse_actuator_op(token, error);
         if (!op) {
-            error = "--vcm-ops: " + error + (token.empty() ? " in '" + list + "'" : "");
+            error = "--vcm-ops: " + error + (token.empty() ? " in '" + excerpt(list) + "'" : "");
             return std::nullopt;
         }
         ops.push_back(std::move(*op));
@@ -123,18 +123,28 @@ void add_actuator_options(CLI::App& app, ActuatorOptions& options)
 {
     app.add_option("--vcm", options.selection.chip, "attach a lens actuator: " + actuator_chip_names() + ", or its table row 1-8");
     app.add_option("--vcm-connection", options.connection, "its resource-hub connection id (default 0x1C)");
-    app.add_option_function<std::string>(
-        "--vcm-address",
-        [&options](const std::string& text) {
-            auto address = parse_integer(text, 0, 0x7F);
-            if (!address) {
-                throw CLI::ValidationError("--vcm-address", "'" + text + "' is not a 7-bit bus address");
-            }
-            options.selection.address = uint8_t(*address);
-        },
-        "its 7-bit bus address (default the chip's usual one)");
-    app.add_option("--vcm-low", options.selection.low, "VcmLowPosition of the module")->check(CLI::Range(0, 65535));
-    app.add_option("--vcm-high", options.selection.high, "VcmHighPosition of the module")->check(CLI::Range(0, 65535));
+    // Numbers as the tool reads them everywhere (a leading zero is decimal),
+    // not as the option parser would (as octal).
+    auto number = [&app](const char* name, long long high, auto store, auto refusal, const char* help) {
+        app.add_option_function<std::string>(
+            name,
+            [=](const std::string& text) {
+                auto value = parse_integer(text, 0, high);
+                if (!value) {
+                    throw CLI::ValidationError(name, refusal(excerpt(text)));
+                }
+                store(*value);
+            },
+            help);
+    };
+    number("--vcm-address", 0x7F, [&options](long long v) { options.selection.address = uint8_t(v); },
+           [](const std::string& text) { return "'" + text + "' is not a 7-bit bus address"; },
+           "its 7-bit bus address (default the chip's usual one)");
+    auto position = [](const std::string& text) { return "Value " + text + " not in range 0 to 65535"; };
+    number("--vcm-low", 65535, [&options](long long v) { options.selection.low = unsigned(v); }, position,
+           "VcmLowPosition of the module");
+    number("--vcm-high", 65535, [&options](long long v) { options.selection.high = unsigned(v); }, position,
+           "VcmHighPosition of the module");
     app.add_option("--module", options.selection.module, "module name put into SensorName (DW9806B ramps by it)");
     app.add_option("--vcm-ops", options.ops,
                    "actuator operations, in order: init,setpos:N,getpos,status,hpstatus,setconfig:COUNT:REG:DATA:...,"
@@ -153,12 +163,12 @@ std::optional<std::vector<ActuatorOp>> check_actuator_options(ActuatorOptions& o
         return std::vector<ActuatorOp>{};
     }
     if (sim::find_actuator_chip(options.selection.chip) == nullptr) {
-        error = "unknown actuator chip '" + options.selection.chip + "' (" + actuator_chip_names() + ", or 1-8)";
+        error = "unknown actuator chip '" + excerpt(options.selection.chip) + "' (" + actuator_chip_names() + ", or 1-8)";
         return std::nullopt;
     }
     auto connection = parse_unsigned(options.connection);
     if (!connection) {
-        error = "--vcm-connection: '" + options.connection + "' is not a connection id (0 to 0xFFFFFFFFFFFFFFFF)";
+        error = "--vcm-connection: '" + excerpt(options.connection) + "' is not a connection id (0 to 0xFFFFFFFFFFFFFFFF)";
         return std::nullopt;
     }
     options.selection.connection = *connection;
@@ -293,7 +303,7 @@ void print_actuator(const ordered_json& a)
     printf("Actuator %s (row %d) on connection %s, low %u, high %u, module \"%s\", bus %s\n",
            a["chip"].get<std::string>().c_str(), a["row"].get<int>(),
            connection_text(a["connection"].get<uint64_t>()).c_str(),
-           a["low"].get<unsigned>(), a["high"].get<unsigned>(), a["module"].get<std::string>().c_str(),
+           a["low"].get<unsigned>(), a["high"].get<unsigned>(), printable(a["module"].get<std::string>()).c_str(),
            a["bus_speed"].get<std::string>().c_str());
     for (auto& r : a["operations"]) {
         std::string extra;
@@ -316,7 +326,7 @@ void print_actuator(const ordered_json& a)
         printf("  %10.4f ms  code %u\n", p["time_ms"].get<double>(), p["code"].get<unsigned>());
     }
     if (a.contains("chart")) {
-        printf("Chart: %s\n", a["chart"].get<std::string>().c_str());
+        printf("Chart: %s\n", printable(a["chart"].get<std::string>()).c_str());
     }
 }
 
@@ -352,10 +362,13 @@ std::string number_text(double v)
     return text;
 }
 
+// Text in the chart: what printable() shows, so that a control byte or a
+// byte that is no UTF-8 (XML allows neither) is \xNN, with XML's own
+// characters escaped.
 std::string xml_text(const std::string& text)
 {
     std::string out;
-    for (char c : text) {
+    for (char c : printable(text)) {
         out += c == '<' ? "&lt;" : c == '>' ? "&gt;" : c == '&' ? "&amp;" : c == '"' ? "&quot;" : std::string(1, c);
     }
     return out;

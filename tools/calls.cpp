@@ -152,7 +152,7 @@ Reader::Reader(const json& args, const Operation& op, ArgumentError& error) : ar
             for (auto* a : op.arguments) {
                 takes += std::string(takes.empty() ? "" : ", ") + a;
             }
-            fail(key, std::string(op.name) + " has no argument '" + key + "'" +
+            fail(key, std::string(op.name) + " has no argument '" + excerpt(key) + "'" +
                           (takes.empty() ? "" : " (it takes " + takes + ")"));
             return;
         }
@@ -226,7 +226,7 @@ ULONG Reader::output(const char* name)
     for (auto& item : in->items()) {
         const std::string& key = item.key();
         if (std::none_of(operation_.outputs.begin(), operation_.outputs.end(), [&](auto* o) { return key == o; })) {
-            fail("in/" + key, std::string(operation_.name) + " has no output '" + key + "'");
+            fail("in/" + key, std::string(operation_.name) + " has no output '" + excerpt(key) + "'");
             return 0;
         }
     }
@@ -533,7 +533,7 @@ PreparedCall prepare_call(const std::string& name, const json& args, ArgumentErr
         for (auto& s : operations()) {
             names += std::string(names.empty() ? "" : ", ") + s.name;
         }
-        error = {"", "'" + name + "' is not an operation of SENSOR_INTERFACE (" + names + ")"};
+        error = {"", "'" + excerpt(name) + "' is not an operation of SENSOR_INTERFACE (" + names + ")"};
         return nullptr;
     }
     Reader reader(args, *op, error);

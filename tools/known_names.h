@@ -22,6 +22,14 @@ std::string fault_routine_names();
 // as device add compares them): its SensorName. Nothing for an identifier
 // no variant has, for which the driver keeps its default identity.
 std::optional<std::string> variant_name(const std::string& hardware_id);
+// Notes for registry values the driver never asked for (compared without
+// regard to case, as the registry compares names), each naming the closest
+// name it did ask for by edit distance: "registry value 'MipiLane' is never
+// read by the driver (did you mean 'MipiLanes'?)". A stray value is no
+// error: a driver meets them on real machines and must pass them by.
+std::vector<std::string> unread_registry_notes(const std::vector<std::string>& given,
+                                               const std::vector<std::string>& read);
+
 // The SensorName of that default identity.
 constexpr const char* kDefaultSensorName = "HAPS";
 

@@ -24,6 +24,7 @@
 #include "parse.h"
 #include "records.h"
 #include "scenario.h"
+#include "scenario_reader.h"
 #include "trace_view.h"
 #include "wire/waveform.h"
 #include "host/bus.h"
@@ -40,11 +41,14 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <strings.h>
 #include <sys/stat.h>
 
 using korvanel::host::DeviceConfig;
 using korvanel::host::System;
 using korvanel::host::status_name;
+using korvanel::tool::excerpt;
+using korvanel::tool::printable;
 using nlohmann::ordered_json;
 
 namespace {
@@ -151,11 +155,14 @@ void print_record(const char* call_name, const ordered_json& result)
 
 void print_text(const ordered_json& d, const std::string& hwid)
 {
-    printf("korvanel-sim: device with hardware identifier %s\n", hwid.c_str());
+    printf("korvanel-sim: device with hardware identifier %s\n", printable(hwid).c_str());
     if (!d["variant"]["matched"].get<bool>()) {
         std::string chosen = d.contains("module") ? d["module"].value("SensorName", std::string("?")) : "?";
         printf("Note: '%s' matches no variant; the driver chose its default identity, SensorName \"%s\"\n",
-               hwid.c_str(), chosen.c_str());
+               excerpt(hwid).c_str(), printable(chosen).c_str());
+    }
+    for (auto& note : d.value("notes", ordered_json::array())) {
+        printf("Note: %s\n", note.get<std::string>().c_str());
     }
     printf("SENSOR_INTERFACE: Size %d, Version %d, %zu of %d slots provided\n", d["interface"]["size"].get<int>(),
            d["interface"]["version"].get<int>(), d["slots"].size(), SENSOR_INTERFACE_SLOTS);
@@ -234,9 +241,21 @@ void print_text(const ordered_json& d, const std::string& hwid)
 }
 
 
+// The arguments longer than a message quotes whole.
+std::vector<std::string> long_arguments;
+
 // A command-line mistake: the message and a one-line hint, exit status 2.
-int usage_error(const std::string& message, bool run)
+// An argument the message quotes whole (as the option parser's own messages
+// do) is cut to its excerpt, whatever its size.
+int usage_error(std::string message, bool run)
 {
+    for (auto& argument : long_arguments) {
+        std::string shown = excerpt(argument);
+        for (size_t at = message.find(argument); at != std::string::npos; at = message.find(argument, at)) {
+            message.replace(at, argument.size(), shown);
+            at += shown.size();
+        }
+    }
     std::cerr << "korvanel-sim: " << message << "\n"
               << "Run 'korvanel-sim " << (run ? "run " : "") << "--help' for the options.\n";
     return 2;
@@ -250,6 +269,19 @@ std::optional<std::string> empty_value(const CLI::App& app)
             if (value.empty() && option->get_expected_min() > 0) {
                 return option->get_name() + ": an empty value";
             }
+        }
+    }
+    return std::nullopt;
+}
+
+// An option given twice would keep one of its values silently, a flag
+// would mean nothing more: refused. --reg and --trace-module are lists.
+std::optional<std::string> given_twice(const CLI::App& app)
+{
+    for (const CLI::Option* option : app.get_options()) {
+        std::string name = option->get_name();
+        if (option->count() > 1 && name != "--reg" && name != "--trace-module") {
+            return name + " is given " + std::to_string(option->count()) + " times; give it once";
         }
     }
     return std::nullopt;
@@ -292,17 +324,17 @@ std::optional<std::string> parse_select(const std::string& text, std::vector<LON
     auto parts = korvanel::tool::split(text, ':');
     if (parts.size() != 4) {
         return "--select takes TABLE:WIDTH:HEIGHT:FPS, four parts, not " + std::to_string(parts.size()) + " in '" +
-               text + "'";
+               excerpt(text) + "'";
     }
     const char* names[] = {"TABLE", "WIDTH", "HEIGHT", "FPS"};
     for (size_t i = 0; i < 4; i++) {
         if (parts[i].empty()) {
-            return std::string("--select: ") + names[i] + " is empty in '" + text + "'";
+            return std::string("--select: ") + names[i] + " is empty in '" + excerpt(text) + "'";
         }
         auto number = i == 0 ? korvanel::tool::table_index(parts[i])
                              : korvanel::tool::parse_integer(parts[i], INT32_MIN, INT32_MAX);
         if (!number) {
-            return std::string("--select: ") + names[i] + " '" + parts[i] + "' is not " +
+            return std::string("--select: ") + names[i] + " '" + excerpt(parts[i]) + "' is not " +
                    (i == 0 ? korvanel::tool::table_index_forms() : "a number from -2147483648 to 2147483647");
         }
         select.push_back(LONG(*number));
@@ -328,6 +360,11 @@ int main(int argc, char** argv)
 
 static int run(int argc, char** argv)
 {
+    for (int i = 1; i < argc; i++) {
+        if (strlen(argv[i]) > 80) {
+            long_arguments.emplace_back(argv[i]);
+        }
+    }
     CLI::App app{"korvanel-sim: run the korvanel camera sensor driver on the simulated platform"};
     std::string hwid = "root\\KORVANEL";
     std::vector<std::string> registry_values;
@@ -337,7 +374,8 @@ static int run(int argc, char** argv)
     bool real_time = false;
     bool force = false;
     app.add_option("--hwid", hwid, "hardware identifier of the device (default root\\KORVANEL)");
-    app.add_option("--reg", registry_values, "REG_DWORD value under the service key, NAME=VALUE (repeatable)");
+    app.add_option("--reg", registry_values, "REG_DWORD value under the service key, NAME=VALUE (repeatable)")
+        ->allow_extra_args(false);
     app.add_option("--select", select_spec,
                    "SelectMode before reading the mode info: TABLE:WIDTH:HEIGHT:FPS, TABLE Still, Video, Preview, Raw "
                    "or 0-3");
@@ -381,6 +419,9 @@ static int run(int argc, char** argv)
     } catch (const CLI::ParseError& e) {
         return usage_error(e.what(), run->parsed());
     }
+    if (auto problem = given_twice(run->parsed() ? *run : app)) {
+        return usage_error(*problem, run->parsed());
+    }
     if (auto problem = empty_value(run->parsed() ? *run : app)) {
         return usage_error(*problem, run->parsed());
     }
@@ -422,10 +463,25 @@ static int run(int argc, char** argv)
     auto speed = bus_speed.empty() ? korvanel::host::BusSpeed::Instant : korvanel::tool::parse_bus_speed(bus_speed);
     auto memory_error = korvanel::tool::prepare_memory(memory);
     if (!speed || !vcm_ops || memory_error) {
-        return usage_error(!speed ? "--bus-speed takes 100k, 400k or 1m, not '" + bus_speed + "'"
+        return usage_error(!speed ? "--bus-speed takes 100k, 400k or 1m, not '" + excerpt(bus_speed) + "'"
                            : !vcm_ops ? error
                                       : *memory_error,
                            false);
+    }
+    // The scenario reader's check of the one module's parts.
+    korvanel::tool::DeviceSetup module;
+    if (!actuator.selection.chip.empty()) {
+        module.actuator = actuator.selection;
+    }
+    if (memory.requested()) {
+        module.memory = memory.selection;
+        module.memory_connections = korvanel::platform::memory_geometry(memory.selection.type)->connections;
+    }
+    if (auto clash = korvanel::tool::part_clash({module})) {
+        const char* option = clash->field == "actuator/connection" ? "--vcm-connection"
+                             : clash->field == "memory/connection" ? "--nvm-connection"
+                                                                   : "--nvm-address";
+        return usage_error(std::string(option) + ": " + clash->message, false);
     }
     using korvanel::tool::same_file;
     if (!actuator.svg.empty() && !memory.save.empty() && same_file(actuator.svg, memory.save)) {
@@ -450,7 +506,7 @@ static int run(int argc, char** argv)
         korvanel::wire::CaptureChannels channels;
         auto names = korvanel::tool::split(capture_channels, ',');
         if (!capture_channels.empty() && (names.size() != 2 || names[0].empty() || names[1].empty())) {
-            return usage_error("--capture-channels takes SCL,SDA, not '" + capture_channels + "'", false);
+            return usage_error("--capture-channels takes SCL,SDA, not '" + excerpt(capture_channels) + "'", false);
         }
         if (names.size() == 2) {
             channels = {names[0], names[1]};
@@ -475,8 +531,12 @@ static int run(int argc, char** argv)
                          ? std::nullopt
                          : korvanel::tool::parse_integer(assignment.substr(eq + 1), 0, 0xFFFFFFFFll);
         if (!value) {
-            return usage_error("--reg takes NAME=VALUE with a number from 0 to 4294967295, not '" + assignment + "'",
+            return usage_error("--reg takes NAME=VALUE with a number from 0 to 4294967295, not '" + excerpt(assignment) + "'",
                                false);
+        }
+        std::string name = assignment.substr(0, eq);
+        if (std::any_of(dwords.begin(), dwords.end(), [&](auto& d) { return strcasecmp(d.first.c_str(), name.c_str()) == 0; })) {
+            return usage_error("--reg " + excerpt(name) + " is given twice; give each value once", false);
         }
         dwords.emplace_back(assignment.substr(0, eq), uint32_t(*value));
     }
@@ -520,6 +580,14 @@ static int run(int argc, char** argv)
     ordered_json description = describe(si, select, raw);
     auto variant = korvanel::tool::variant_name(hwid);
     description["variant"] = {{"hardware_id", hwid}, {"matched", variant.has_value()}};
+    // Values the driver never read were most likely meant as others.
+    std::vector<std::string> given;
+    for (auto& d : dwords) {
+        given.push_back(d.first);
+    }
+    if (auto notes = korvanel::tool::unread_registry_notes(given, sys.registry().asked_names()); !notes.empty()) {
+        description["notes"] = notes;
+    }
     auto* context = dev.context;
     // A file the run could not write is the user's error, as a bad option is.
     std::string write_error;
@@ -549,7 +617,7 @@ static int run(int argc, char** argv)
     description["unload"] = report.clean() ? "clean" : report.text();
 
     if (json) {
-        std::cout << description.dump(2) << "\n";
+        std::cout << korvanel::tool::json_dump(description, 2) << "\n";
     } else {
         print_text(description, hwid);
         if (description.contains("memory")) {

@@ -42,24 +42,24 @@ std::optional<std::string> parse_memory_ops(const std::string& text, size_t size
             continue;
         }
         if (fields.size() != 3 || (fields[0] != "read" && fields[0] != "write" && fields[0] != "writefile")) {
-            return "'" + item + "' is not load, read:ADDR:LEN, write:ADDR:HEXBYTES or writefile:ADDR:FILE";
+            return "'" + excerpt(item) + "' is not load, read:ADDR:LEN, write:ADDR:HEXBYTES or writefile:ADDR:FILE";
         }
         auto address = parse_integer(fields[1], 0, 0xFFFF);
         if (!address) {
-            return "'" + fields[1] + "' is not an address from 0 to 65535 (0xFFFF)";
+            return "'" + excerpt(fields[1]) + "' is not an address from 0 to 65535 (0xFFFF)";
         }
         MemoryOp op{fields[0] == "read" ? MemoryOp::Kind::Read : MemoryOp::Kind::Write, uint32_t(*address), 0, {}};
         int64_t length = 0;
         if (fields[0] == "read") {
             auto n = parse_integer(fields[2], INT32_MIN, INT32_MAX);
             if (!n) {
-                return "'" + fields[2] + "' is not a length from -2147483648 to 2147483647";
+                return "'" + excerpt(fields[2]) + "' is not a length from -2147483648 to 2147483647";
             }
             length = op.length = int32_t(*n);
         } else if (fields[0] == "write") {
             auto data = parse_hex_bytes(fields[2]);
             if (!data) {
-                return "'" + fields[2] + "' is not a list of hex bytes";
+                return "'" + excerpt(fields[2]) + "' is not a list of hex bytes";
             }
             op.data = std::move(*data);
             length = int64_t(op.data.size());
@@ -185,17 +185,17 @@ std::optional<std::string> prepare_memory(MemoryOptions& options)
     auto type = parse_integer(options.type, 0, NVM_TYPE_COUNT - 1);
     auto geometry = type ? platform::memory_geometry(unsigned(*type)) : std::nullopt;
     if (!geometry) {
-        return "--nvm: unknown memory type '" + options.type + "' (types 5 to 12 have a memory)";
+        return "--nvm: unknown memory type '" + excerpt(options.type) + "' (types 5 to 12 have a memory)";
     }
     auto connection = parse_unsigned(options.connection);
     if (!connection) {
-        return "--nvm-connection: '" + options.connection + "' is not a connection id (0 to 0xFFFFFFFFFFFFFFFF)";
+        return "--nvm-connection: '" + excerpt(options.connection) + "' is not a connection id (0 to 0xFFFFFFFFFFFFFFFF)";
     }
     options.selection = {unsigned(*type), *connection, uint32_t(std::min<size_t>(geometry->size, NVM_CACHE_SIZE))};
     if (!options.cache_length.empty()) {
         auto length = parse_integer(options.cache_length, 0, UINT32_MAX);
         if (!length) {
-            return "--nvm-cache-length: '" + options.cache_length + "' is not a length from 0 to 4294967295";
+            return "--nvm-cache-length: '" + excerpt(options.cache_length) + "' is not a length from 0 to 4294967295";
         }
         options.selection.cache_length = uint32_t(*length);
     }
@@ -203,7 +203,7 @@ std::optional<std::string> prepare_memory(MemoryOptions& options)
         // A block memory's last block must answer on a 7-bit address too.
         auto address = parse_integer(options.address, 0, 0x80 - long(geometry->connections));
         if (!address) {
-            return "--nvm-address: '" + options.address + "' is not a 7-bit bus address for this memory";
+            return "--nvm-address: '" + excerpt(options.address) + "' is not a 7-bit bus address for this memory";
         }
         options.selection.address = uint8_t(*address);
     }
@@ -278,7 +278,7 @@ void print_memory(const ordered_json& report)
         printf("  %s\n", line.get<std::string>().c_str());
     }
     if (report.contains("saved")) {
-        printf("Saved: %s\n", report["saved"].get<std::string>().c_str());
+        printf("Saved: %s\n", printable(report["saved"].get<std::string>()).c_str());
     }
 }
 

@@ -222,10 +222,10 @@ std::optional<std::string> encode_fields(const RecordLayout& layout, const nlohm
     for (auto& [name, value] : fields.items()) {
         const RecordField* f = find_field(layout, name);
         if (f == nullptr) {
-            return std::string(layout.name) + " has no field '" + name + "'";
+            return std::string(layout.name) + " has no field '" + excerpt(name) + "'";
         }
         uint8_t* at = bytes + f->offset;
-        std::string bad = "'" + name + "' of " + layout.name + " ";
+        std::string bad = "'" + excerpt(name) + "' of " + layout.name + " ";
         switch (f->kind) {
         case Kind::Number:
         case Kind::Hex: {

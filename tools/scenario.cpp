@@ -8,6 +8,8 @@
 #include "scenario_report.h"
 
 #include "files.h"
+#include "known_names.h"
+#include "parse.h"
 
 #include <algorithm>
 
@@ -23,7 +25,7 @@ std::optional<std::string> place_outputs(Scenario& scenario, const std::string& 
     const std::string& folder = options.output_dir.empty() ? base_dir : options.output_dir;
     std::vector<std::string> placed;
     for (auto& d : scenario.devices) {
-        std::string device = scenario.devices.size() > 1 ? "device '" + d.name + "': " : "";
+        std::string device = scenario.devices.size() > 1 ? "device '" + excerpt(d.name) + "': " : "";
         for (auto [file, key] : {std::pair{&d.plot, "plot"}, std::pair{&d.save, "save"}}) {
             if (file->empty()) {
                 continue;
@@ -86,6 +88,17 @@ int run_scenario_text(const std::string& text, const std::string& name, const st
     if (!ready && executor.waveform_refused()) {
         err << "korvanel-sim: --vcd: " << *executor.waveform_refused() << "\n";
         return 2;
+    }
+    std::vector<std::string> given;
+    for (auto& d : scenario->devices) {
+        for (auto& v : d.registry) {
+            if (!v.remove) {
+                given.push_back(v.name);
+            }
+        }
+    }
+    if (ready) {
+        reporter->add_notes(unread_registry_notes(given, executor.registry_read()));
     }
     reporter->begin();
     bool stopped = false;  // by a violation the scenario did not expect

@@ -51,6 +51,8 @@ public:
     Executor(const Scenario& scenario, bool verbose, const TraceOptions& trace);
     ~Executor();
 
+    // The registry value names the driver asked for so far.
+    std::vector<std::string> registry_read() { return sys_.registry().asked_names(); }
     int64_t origin() const { return origin_; }
     // Loads the driver and sets up every device, the waveform's file created
     // under `outputs`; false when one cannot be, the reason then the first

@@ -40,6 +40,8 @@ protected:
         throw FieldError{path, message};
     }
     static std::string json_text(const json& v) { return v.is_string() ? v.get<std::string>() : v.dump(); }
+    // A value quoted in a message: as JSON, and bounded.
+    static std::string shown(const json& v) { return excerpt(json_dump(v)); }
 
     static void only(const json& object, const std::string& path, std::initializer_list<const char*> keys)
     {
@@ -50,7 +52,7 @@ protected:
                 for (auto* k : keys) {
                     known += std::string(known.empty() ? "" : ", ") + k;
                 }
-                fail(path + "/" + pointer_token(key), "unknown field '" + key + "' (known here: " + known + ")");
+                fail(path + "/" + pointer_token(key), "unknown field '" + excerpt(key) + "' (known here: " + known + ")");
             }
         }
     }
@@ -71,7 +73,7 @@ protected:
         auto n = json_integer(v, low, high);
         if (!n) {
             fail(path, "takes a number from " + std::to_string(low) + " to " + std::to_string(high) + ", not " +
-                           v.dump());
+                           shown(v));
         }
         return *n;
     }
@@ -80,7 +82,7 @@ protected:
         auto s = v.is_string() ? parse_status(v.get<std::string>()) : std::nullopt;
         if (!s) {
             fail(path, "takes a status name (STATUS_SUCCESS, STATUS_NO_SUCH_DEVICE, ...) or a 0x number, not " +
-                           v.dump());
+                           shown(v));
         }
         return *s;
     }
@@ -92,7 +94,7 @@ protected:
         }
         auto s = parse_bus_speed(t);
         if (!s) {
-            fail(path, "takes 100k, 400k, 1m or instant, not " + v.dump());
+            fail(path, "takes 100k, 400k, 1m or instant, not " + shown(v));
         }
         return *s;
     }
@@ -113,7 +115,7 @@ protected:
     {
         auto bytes = v.is_string() ? parse_hex_bytes(v.get<std::string>()) : std::nullopt;
         if (!bytes) {
-            fail(path, "takes hex bytes (\"01 02 FF\"), not " + v.dump());
+            fail(path, "takes hex bytes (\"01 02 FF\"), not " + shown(v));
         }
         return *bytes;
     }

@@ -7,6 +7,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <cstdint>
 #include <vector>
 
@@ -21,7 +24,8 @@ std::string pointer_token(const std::string& key)
     return out;
 }
 
-std::map<std::string, int> field_lines(const std::string& text, std::vector<DuplicateKey>* duplicates)
+std::map<std::string, int> field_lines(const std::string& text, std::vector<DuplicateKey>* duplicates,
+                                       TextProblem* problem)
 {
     struct Frame {
         std::string path;
@@ -86,6 +90,11 @@ std::map<std::string, int> field_lines(const std::string& text, std::vector<Dupl
             }
         } else if (c == '{' || c == '[') {
             std::string path = value_path();
+            if (problem != nullptr && stack.size() >= kNestingLimit) {
+                // Where in so deep a value is no help: the line is.
+                *problem = {line, "", "values nested deeper than " + std::to_string(kNestingLimit) + " levels"};
+                return lines;
+            }
             stack.push_back({path, c == '{'});
         } else if (c == '}' || c == ']') {
             if (!stack.empty()) {
@@ -98,8 +107,21 @@ std::map<std::string, int> field_lines(const std::string& text, std::vector<Dupl
                 f.recorded = false;
                 f.index += f.object ? 0 : 1;
             }
+        } else if (c == '-' || isdigit(uint8_t(c))) {
+            std::string path = value_path();
+            size_t end = i;
+            while (end < text.size() && strchr("0123456789+-.eE", text[end]) != nullptr) {
+                end++;
+            }
+            std::string number = text.substr(i, end - i);
+            i = end - 1;
+            if (problem != nullptr && !std::isfinite(strtod(number.c_str(), nullptr))) {
+                *problem = {line, path, "the number " + excerpt(number) +
+                                            " is beyond any number a field takes (a double holds at most 1.8e308)"};
+                return lines;
+            }
         } else if (c != ':' && !isspace(uint8_t(c))) {
-            value_path();  // a number, true, false or null
+            value_path();  // true, false or null
         }
     }
     return lines;
@@ -126,8 +148,9 @@ std::string field_name(const std::string& pointer)
     auto tokens = split(pointer.substr(pointer.empty() ? 0 : 1), '/');
     std::string step;
     size_t first = 0;
-    if (tokens.size() >= 2 && tokens[0] == "steps") {
-        step = "step " + std::to_string(std::stoul(tokens[1]) + 1) + ": ";
+    auto index = tokens.size() >= 2 && tokens[0] == "steps" ? parse_integer(tokens[1], 0, INT32_MAX) : std::nullopt;
+    if (index) {
+        step = "step " + std::to_string(*index + 1) + ": ";
         first = 2;
     }
     std::string out;

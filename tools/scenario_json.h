@@ -19,10 +19,24 @@ struct DuplicateKey {
     int second_line;
 };
 
+// What is refused before the JSON parser reads a text: values nested deeper
+// than kNestingLimit (a file of a hundred thousand '[' would cost the parser,
+// and every reader after it, time and stack for nothing), and a number beyond
+// what a double holds (1e400), which the parser cannot keep.
+constexpr size_t kNestingLimit = 64;
+struct TextProblem {
+    int line = 0;
+    std::string pointer;
+    std::string message;
+};
+
 // The line of every member and array element, by JSON pointer ("/steps/3/
-// expect"), in a text the JSON parser has already accepted (comments allowed);
-// with `duplicates`, every key given again in its object.
-std::map<std::string, int> field_lines(const std::string& text, std::vector<DuplicateKey>* duplicates = nullptr);
+// expect"), in a text with comments; with `duplicates`, every key given
+// again in its object. With `problem`, the scan stops at the first nesting
+// or number it refuses and says why there; the rest of the text is left to
+// the JSON parser to judge.
+std::map<std::string, int> field_lines(const std::string& text, std::vector<DuplicateKey>* duplicates = nullptr,
+                                       TextProblem* problem = nullptr);
 
 // The line of the field at `pointer`, or of its nearest enclosing field that
 // has one; 1 when none has.

@@ -11,6 +11,7 @@
 #include "sim/actuator.h"
 
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <map>
 
@@ -70,30 +71,14 @@ public:
                 s.devices.push_back(device(list[i], path, ""));
                 for (size_t j = 0; j < i; j++) {
                     if (s.devices[j].name == s.devices[i].name) {
-                        fail(path + "/name", "two devices are called '" + s.devices[i].name + "'");
+                        fail(path + "/name", "two devices are called '" + excerpt(s.devices[i].name) + "'");
                     }
                 }
             }
         }
-        // One part a connection: a second one attached there would replace the first.
-        std::map<uint64_t, std::string> used;
-        for (size_t i = 0; i < s.devices.size(); i++) {
-            auto& d = s.devices[i];
-            std::string path = doc.contains("device") ? "/device" : "/devices/" + std::to_string(i);
-            std::vector<std::pair<uint64_t, std::string>> ids;
-            if (d.actuator) {
-                ids.emplace_back(d.actuator->connection, path + "/actuator/connection");
-            }
-            for (size_t b = 0; d.memory && b < d.memory_connections; b++) {
-                ids.emplace_back(d.memory->first_connection + b, path + "/memory/connection");
-            }
-            for (auto& [id, where] : ids) {
-                if (!used.emplace(id, d.name).second) {
-                    fail(where, "connection " + connection_text(id) + " already has a part (of device '" + used[id] +
-                                    "'); a memory of " + std::to_string(d.memory_connections) +
-                                    " blocks takes that many connections from its first");
-                }
-            }
+        if (auto clash = part_clash(s.devices)) {
+            fail((doc.contains("device") ? "/device" : "/devices/" + std::to_string(clash->device)) + "/" + clash->field,
+                 clash->message);
         }
         if (!doc.contains("steps") || !doc["steps"].is_array()) {
             fail(doc.contains("steps") ? "/steps" : "", "\"steps\" is the list of steps");
@@ -204,7 +189,7 @@ private:
             // A name, or the chip's table row as a number.
             options.chip = a["chip"].is_string() ? text(a["chip"], p + "/chip") : json_text(a["chip"]);
             if (sim::find_actuator_chip(options.chip) == nullptr) {
-                fail(p + "/chip", "unknown actuator chip " + a["chip"].dump() + " (" + actuator_chip_names() + ")");
+                fail(p + "/chip", "unknown actuator chip " + shown(a["chip"]) + " (" + actuator_chip_names() + ")");
             }
             if (a.contains("connection")) {
                 options.connection = uint64_t(integer(a["connection"], p + "/connection", 0, INT64_MAX));
@@ -271,17 +256,30 @@ private:
 std::optional<Scenario> read_scenario(const std::string& text, const std::string& name, const std::string& base_dir,
                                       std::string& error)
 {
+    // The scan comes first: it bounds what the parser is given.
+    std::vector<DuplicateKey> duplicates;
+    TextProblem problem;
+    auto lines = field_lines(text, &duplicates, &problem);
+    if (!problem.message.empty()) {
+        error = name + ":" + std::to_string(problem.line) + ": " + field_name(problem.pointer) + problem.message;
+        return std::nullopt;
+    }
     nlohmann::ordered_json doc;
     try {
         doc = nlohmann::ordered_json::parse(text, nullptr, true, /*ignore_comments=*/true);
-    } catch (const nlohmann::ordered_json::parse_error& e) {
+    } catch (const nlohmann::ordered_json::exception& e) {
+        auto* at = dynamic_cast<const nlohmann::ordered_json::parse_error*>(&e);
         std::string what = e.what();
-        error = name + ":" + std::to_string(line_at(text, e.byte > 0 ? e.byte - 1 : 0)) +
-                ": not valid JSON: " + what.substr(what.find(']') + 2);
+        what = what.substr(what.find(']') + 2);
+        // The parser quotes the token it stopped at, which may be a whole string.
+        if (size_t quote = what.find("last read: '"); quote != std::string::npos && what.back() == '\'') {
+            quote += 12;
+            what = what.substr(0, quote) + excerpt(what.substr(quote, what.size() - 1 - quote)) + "'";
+        }
+        error = name + ":" + std::to_string(line_at(text, at && at->byte > 0 ? at->byte - 1 : 0)) +
+                ": not valid JSON: " + what;
         return std::nullopt;
     }
-    std::vector<DuplicateKey> duplicates;
-    auto lines = field_lines(text, &duplicates);
     if (!duplicates.empty()) {
         auto& d = duplicates.front();
         error = name + ":" + std::to_string(d.second_line) + ": " + field_name(d.pointer) + "given twice, on lines " +
@@ -299,6 +297,48 @@ std::optional<Scenario> read_scenario(const std::string& text, const std::string
         error = name + ":" + std::to_string(line_of(lines, e.path)) + ": " + field_name(e.path) + e.message;
         return std::nullopt;
     }
+}
+
+std::optional<PartClash> part_clash(const std::vector<DeviceSetup>& devices)
+{
+    // One part a connection: a second one attached there would replace the first.
+    std::map<uint64_t, size_t> used;
+    for (size_t i = 0; i < devices.size(); i++) {
+        auto& d = devices[i];
+        std::vector<std::pair<uint64_t, const char*>> ids;
+        if (d.actuator) {
+            ids.emplace_back(d.actuator->connection, "actuator/connection");
+        }
+        for (size_t b = 0; d.memory && b < d.memory_connections; b++) {
+            ids.emplace_back(d.memory->first_connection + b, "memory/connection");
+        }
+        for (auto& [id, field] : ids) {
+            auto [at, added] = used.emplace(id, i);
+            if (!added) {
+                const std::string& owner = devices[at->second].name;
+                return PartClash{i, field, "connection " + connection_text(id) + " already has a part" +
+                                               (owner.empty() ? "" : " (of device '" + excerpt(owner) + "')") +
+                                               "; a memory of " + std::to_string(d.memory_connections) +
+                                               " blocks takes that many connections from its first"};
+            }
+        }
+        // The parts of one module share its bus: two on one address would
+        // both answer every transfer.
+        if (d.actuator && d.memory) {
+            const auto* chip = sim::find_actuator_chip(d.actuator->chip);
+            unsigned lens = d.actuator->address.value_or(chip ? platform::usual_actuator_address(*chip) : 0);
+            unsigned first = d.memory->address.value_or(platform::kUsualMemoryAddress);
+            if (lens >= first && lens < first + d.memory_connections) {
+                char text[128];
+                snprintf(text, sizeof text, "bus address 0x%02X is the actuator's; the memory answers on 0x%02X",
+                         lens, first);
+                return PartClash{i, "memory/address",
+                                 text + std::string(d.memory_connections > 1 ? " and the addresses after it, one a block"
+                                                                             : "")};
+            }
+        }
+    }
+    return std::nullopt;
 }
 
 std::optional<std::string> waveform_problem(const Scenario& scenario)

@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace korvanel::tool {
 
@@ -16,6 +17,17 @@ namespace korvanel::tool {
 std::optional<Scenario> read_scenario(const std::string& text, const std::string& name, const std::string& base_dir,
                                       std::string& error);
 
+
+// Two parts on one connection id, or an actuator and a memory of one device
+// on one bus address: the device, its field ("actuator/connection",
+// "memory/connection", "memory/address") and what is wrong. Shared by the
+// scenario reader and the command-line options.
+struct PartClash {
+    size_t device;
+    std::string field;
+    std::string message;
+};
+std::optional<PartClash> part_clash(const std::vector<DeviceSetup>& devices);
 
 // Why the scenario cannot be drawn as a waveform (an instant bus, a step
 // that changes the speed), or nothing.

@@ -103,12 +103,23 @@ std::vector<std::string> identity_notes(const Scenario& scenario)
     for (auto& d : scenario.devices) {
         if (!variant_name(d.hwid)) {
             bool several = scenario.devices.size() > 1;
-            notes.push_back("hardware identifier '" + d.hwid + "'" + (several ? " of '" + d.name + "'" : "") +
+            notes.push_back("hardware identifier '" + excerpt(d.hwid) + "'" + (several ? " of '" + excerpt(d.name) + "'" : "") +
                             " matches no variant: the driver chooses its default identity, SensorName \"" +
                             kDefaultSensorName + "\"");
         }
     }
     return notes;
+}
+
+// The stop a step ended with, on its line: "STOP 0xA IRQL_NOT_LESS_OR_EQUAL
+// in WdfDeviceStopIdle (called by PowerUp)"; the expectation alone says
+// only that the code was right.
+std::string stop_text(const host::Violation& v)
+{
+    char code[16];
+    snprintf(code, sizeof code, "0x%X", v.stop.code);
+    return std::string("STOP ") + code + " " + v.stop.bugcheck + " in " + v.routine +
+           (v.caller.empty() ? "" : " (called by " + v.caller + ")");
 }
 
 const RecordLayout* filled_record(const Step& step)
@@ -147,7 +158,7 @@ std::string step_title(const Scenario& scenario, const Step& step)
 }
 
 Reporter::Reporter(const Scenario& scenario, const std::string& name, int64_t origin, std::ostream& out)
-    : scenario_(scenario), name_(name), origin_(origin), out_(out)
+    : scenario_(scenario), name_(name), origin_(origin), out_(out), notes_(identity_notes(scenario))
 {
 }
 
@@ -181,9 +192,10 @@ public:
 
     void begin() override
     {
-        out_ << "Scenario " << name_ << (scenario_.description.empty() ? "" : ": " + scenario_.description) << "\n";
-        for (auto& note : identity_notes(scenario_)) {
-            out_ << "Note: " << note << "\n";
+        out_ << "Scenario " << printable(name_) << (scenario_.description.empty() ? "" : ": " + printable(scenario_.description))
+             << "\n";
+        for (auto& note : notes_) {
+            out_ << "Note: " << printable(note) << "\n";
         }
     }
 
@@ -194,7 +206,7 @@ private:
                    const std::vector<std::string>& failures) override
     {
         if (!step.note.empty()) {
-            out_ << "  # " << step.note << "\n";
+            out_ << "  # " << printable(step.note) << "\n";
         }
         char head[64];
         snprintf(head, sizeof head, "  %4zu  line %-4d %10s ms  ", step.index + 1, step.line,
@@ -209,7 +221,8 @@ private:
                 }
             }
         }
-        out_ << head << title << (seen.status ? "  " + *seen.status : "") << shown << "  "
+        out_ << head << printable(title) << (seen.status ? "  " + *seen.status : "") << shown
+             << (seen.violation ? "  " + stop_text(*seen.violation) : "") << "  "
              << (failures.empty() ? (step.expect.count ? "ok" : "done") : "FAILED") << "\n";
         for (auto& f : failures) {
             out_ << "        " << f << "\n";
@@ -249,7 +262,8 @@ private:
         }
         out_ << "Unload: " << end.unload << "\n";
         for (auto& o : end.outputs) {
-            out_ << (o.written ? "Wrote: " : "Not written, the run failed: ") << o.file << " (" << o.what << ")\n";
+            out_ << (o.written ? "Wrote: " : "Not written, the run failed: ") << printable(o.file) << " (" << o.what
+                 << ")\n";
         }
         if (failures_.empty()) {
             out_ << "Passed: " << scenario_.steps.size() << " steps, " << expectations_ << " expectations met, "
@@ -282,6 +296,11 @@ private:
         if (seen.status) {
             j["status"] = *seen.status;
         }
+        if (seen.violation) {
+            j["stop"] = {{"bugcheck", seen.violation->stop.bugcheck}, {"code", seen.violation->stop.code},
+                         {"routine", seen.violation->routine}, {"caller", seen.violation->caller},
+                         {"text", stop_text(*seen.violation)}};
+        }
         if (!seen.values.empty()) {
             j["values"] = seen.values;
         }
@@ -295,7 +314,7 @@ private:
     void show_finish(const RunEnd& end) override
     {
         json j = {{"scenario", name_}, {"description", scenario_.description}};
-        j["notes"] = identity_notes(scenario_);
+        j["notes"] = notes_;
         j["steps"] = steps_;
         j["trace"] = trace_json(end.trace, origin_);
         j["virtual_time_ms"] = double(end.clock) / 10000.0;
@@ -306,7 +325,7 @@ private:
             j[o.written ? "written" : "not_written"].push_back({{"file", o.file}, {"what", o.what}});
         }
         j["failures"] = failures_;
-        out_ << j.dump(2) << "\n";
+        out_ << json_dump(j, 2) << "\n";
     }
 };
 

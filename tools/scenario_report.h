@@ -26,6 +26,9 @@ public:
     Reporter(const Scenario& scenario, const std::string& name, int64_t origin, std::ostream& out);
     virtual ~Reporter() = default;
 
+    // What the run should know before its steps, besides the devices'
+    // identities: values the driver passed by.
+    void add_notes(const std::vector<std::string>& notes) { notes_.insert(notes_.end(), notes.begin(), notes.end()); }
     virtual void begin() {}
     // A step, what it did, and the expectations it did not meet.
     void step(const Step& step, const Observation& seen, const std::vector<std::string>& failures);
@@ -41,6 +44,7 @@ protected:
     std::string name_;
     int64_t origin_;
     std::ostream& out_;
+    std::vector<std::string> notes_;
     std::vector<std::string> failures_;  // "step 4 (line 22, title): why", then the end's
     size_t expectations_ = 0;
 };

@@ -41,7 +41,7 @@ public:
         for (auto& [key, k] : step_keys) {
             if (s.contains(key)) {
                 if (kind_key != nullptr) {
-                    fail(path + "/" + key, std::string("a step does one thing: '") + kind_key + "' and '" + key +
+                    fail(path + "/" + key, std::string("a step does one thing: '") + kind_key + "' and '" + excerpt(key) +
                                                "' are two");
                 }
                 kind_key = key;
@@ -59,7 +59,7 @@ public:
             std::string name = text(s["device"], path + "/device");
             auto it = std::find_if(devices_->begin(), devices_->end(), [&](auto& d) { return d.name == name; });
             if (it == devices_->end()) {
-                fail(path + "/device", "no device is called '" + name + "'");
+                fail(path + "/device", "no device is called '" + excerpt(name) + "'");
             }
             step.device = size_t(it - devices_->begin());
             step.device_given = true;
@@ -72,7 +72,7 @@ public:
                 {"PASSIVE_LEVEL", PASSIVE_LEVEL}, {"APC_LEVEL", APC_LEVEL}, {"DISPATCH_LEVEL", DISPATCH_LEVEL}};
             auto it = std::find_if(std::begin(levels), std::end(levels), [&](auto& l) { return level == l.first; });
             if (it == std::end(levels)) {
-                fail(path + "/irql", "'" + level + "' is not PASSIVE_LEVEL, APC_LEVEL or DISPATCH_LEVEL");
+                fail(path + "/irql", "'" + excerpt(level) + "' is not PASSIVE_LEVEL, APC_LEVEL or DISPATCH_LEVEL");
             }
             step.irql = it->second;
         }
@@ -111,7 +111,7 @@ public:
         }
         case Kind::Actuator: {
             if (!device.actuator) {
-                fail(kp, "device '" + device.name + "' has no \"actuator\"");
+                fail(kp, "device '" + excerpt(device.name) + "' has no \"actuator\"");
             }
             std::string error;
             auto op = parse_actuator_op(text(s[key], kp), error);
@@ -122,7 +122,7 @@ public:
         }
         case Kind::Memory: {
             if (!device.memory) {
-                fail(kp, "device '" + device.name + "' has no \"memory\"");
+                fail(kp, "device '" + excerpt(device.name) + "' has no \"memory\"");
             }
             std::string written = text(s[key], kp);
             auto fields = split(written, ':');
@@ -184,7 +184,7 @@ public:
             f.routine = what;
             auto& known = fault_routines();
             if (std::find(known.begin(), known.end(), what) == known.end()) {
-                fail(kp, "the bench has no routine '" + what + "' to fail (" + fault_routine_names() + ")");
+                fail(kp, "the bench has no routine '" + excerpt(what) + "' to fail (" + fault_routine_names() + ")");
             }
             if (!s.contains("status")) {
                 fail(kp, "a routine fails with a \"status\"");
@@ -203,8 +203,8 @@ public:
             }
             if (with_status != s.contains("status")) {
                 fail(with_status ? kp : path + "/status",
-                     with_status ? "'" + what + "' needs the \"status\" the request completes with"
-                                 : "'" + what + "' takes no status");
+                     with_status ? "'" + excerpt(what) + "' needs the \"status\" the request completes with"
+                                 : "'" + excerpt(what) + "' takes no status");
             }
             NTSTATUS st = with_status ? status(s["status"], path + "/status") : STATUS_SUCCESS;
             f.fault = what == "nack"      ? host::BusFault::nack()
@@ -287,7 +287,7 @@ public:
             if (t.is_number() && t.get<double>() >= 0) {
                 tolerance = t.get<double>();
             } else if (!t.is_boolean()) {
-                fail(p, "\"capture_timing\" is true (a 10 us tolerance) or the tolerance in microseconds; not " + t.dump());
+                fail(p, "\"capture_timing\" is true (a 10 us tolerance) or the tolerance in microseconds; not " + shown(t));
             }
             if (t != false) {
                 if (x.capture->samplerate <= 0 || (!x.capture->samples.empty() && x.capture->samples[0].first < 0)) {
@@ -328,7 +328,7 @@ public:
                 auto wire = normal_wire(text(b[i], p));
                 if (!wire) {
                     fail(p, "a transfer reads [CONNECTION] W|R [hex bytes] [STATUS], as \"W 04 01 2C\", \"0x51 R "
-                            "FF\" or \"W 00 10 STATUS_NO_SUCH_DEVICE\"; not " + b[i].dump());
+                            "FF\" or \"W 00 10 STATUS_NO_SUCH_DEVICE\"; not " + shown(b[i]));
                 }
                 x.bus->push_back(*wire);
             }
@@ -338,7 +338,7 @@ public:
         }
         if (e.contains("memory")) {
             if (!device.memory) {
-                fail(path + "/memory", "device '" + device.name + "' has no \"memory\"");
+                fail(path + "/memory", "device '" + excerpt(device.name) + "' has no \"memory\"");
             }
             const json& m = e["memory"];
             std::vector<std::pair<json, std::string>> items;
@@ -365,7 +365,7 @@ public:
         }
         if (e.contains("lens")) {
             if (!device.actuator) {
-                fail(path + "/lens", "device '" + device.name + "' has no \"actuator\"");
+                fail(path + "/lens", "device '" + excerpt(device.name) + "' has no \"actuator\"");
             }
             x.lens = integer(e["lens"], path + "/lens", 0, 65535);
         }
@@ -381,7 +381,7 @@ public:
             if (!state.is_null()) {
                 std::string st = json_text(state);
                 if (st != "D0" && st != "D3") {
-                    fail(path + "/power", "the power state is D0 or D3, not " + state.dump());
+                    fail(path + "/power", "the power state is D0 or D3, not " + shown(state));
                 }
                 x.power = st;
             }

@@ -34,7 +34,8 @@ void add_trace_options(CLI::App& app, TraceOptions& options)
     app.add_option("--trace-level", options.level, "trace events to print: info (all) or error (failures only)")
         ->check(CLI::IsMember({"info", "error"}));
     app.add_option("--trace-module", options.modules, "print only this module's trace events (repeatable)")
-        ->delimiter(',');
+        ->delimiter(',')
+        ->allow_extra_args(false);
 }
 
 namespace {
@@ -113,7 +114,7 @@ std::optional<std::string> check_trace_options(const TraceOptions& options)
             for (auto& known : modules) {
                 list += (list.empty() ? "" : ", ") + known;
             }
-            return "--trace-module: the driver has no trace module '" + m + "' (" + list + ")";
+            return "--trace-module: the driver has no trace module '" + excerpt(m) + "' (" + list + ")";
         }
     }
     return std::nullopt;
