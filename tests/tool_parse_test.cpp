@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "tools/actuator_cli.h"
+#include "tools/lens_chart.h"
+#include "tools/operations.h"
 #include "tools/parse.h"
 
 namespace korvanel::test {
@@ -71,6 +73,45 @@ TEST(ToolParseTest, HexBytesListsAndStatuses)
 
     EXPECT_EQ(tool::milliseconds(123456), "12.3456");
     EXPECT_EQ(tool::milliseconds(-5), "-0.0005");
+}
+
+// Both operation languages refuse the first bad operation with one message
+// form: the list, the operation's place when the list has more than one, a
+// bounded excerpt of it (left out where the message is about a file the
+// operation names) and what is wrong.
+TEST(ToolParseTest, OperationListsNameTheirFirstMistake)
+{
+    const struct {
+        bool memory;
+        std::string list, what;
+    } cases[] = {
+        {false, "init,setpos", "--ops: operation 2 'setpos': needs a position, as setpos:300"},
+        {false, "getpos:1", "--ops: 'getpos:1': takes no argument"},
+        {false, "init,,getpos", "--ops: operation 2: an empty operation"},
+        {false, "setpos:65536", "--ops: 'setpos:65536': takes one 16-bit position (-32768 to 65535)"},
+        {false, "setconfig:1:2", "--ops: 'setconfig:1:2': gives a count of 1, which needs 2 values after it, not 1"},
+        {false, "init," + std::string(200, 'z'), "--ops: operation 2 '" + tool::excerpt(std::string(200, 'z')) + "': unknown"},
+        {true, "load,read:0x10000:1", "--ops: operation 2 'read:0x10000:1': '0x10000' is not an address from 0 to 65535"},
+        {true, "write:0:0G", "--ops: 'write:0:0G': '0G' is not a list of hex bytes"},
+        {true, "load,writefile:0:/nonexistent/x", "--ops: operation 2: writefile: /nonexistent/x: no such file"},
+    };
+    for (auto& c : cases) {
+        tool::OpError error;
+        std::vector<tool::ActuatorOp> lens;
+        std::vector<tool::MemoryOp> memory;
+        bool parsed = c.memory ? tool::parse_memory_ops(c.list, "--ops", 64, memory, error)
+                               : tool::parse_actuator_ops(c.list, "--ops", lens, error);
+        EXPECT_FALSE(parsed) << c.list;
+        EXPECT_EQ(error.what().rfind(c.what, 0), 0u) << error.what();
+    }
+    // A range past the memory is the driver's to refuse: a note, not an error.
+    tool::OpError error;
+    std::vector<tool::MemoryOp> ops;
+    std::vector<std::string> notes;
+    ASSERT_TRUE(tool::parse_memory_ops("read:60:8,load,write:0:01", "", 64, ops, error, &notes));
+    EXPECT_EQ(ops.size(), 3u);
+    EXPECT_EQ(notes, std::vector<std::string>{
+                         "read:60:8: the range 60 + 8 lies outside the memory's 64 bytes; it goes to the driver as written"});
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "parse.h"
 
 #include "host/irql_rules.h"
+#include "sim/actuator.h"
 
 #include <algorithm>
 
@@ -79,6 +80,15 @@ std::vector<std::string> unread_registry_notes(const std::vector<std::string>& g
                         *closest + "'?)");
     }
     return notes;
+}
+
+std::string actuator_chip_names()
+{
+    std::string names;
+    for (auto& chip : sim::actuator_chips()) {
+        names += (names.empty() ? "" : ", ") + chip.name;
+    }
+    return names;
 }
 
 std::optional<std::string> variant_name(const std::string& hardware_id)

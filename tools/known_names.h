@@ -1,7 +1,8 @@
 // known_names.h - names the tool checks a user's words against that neither
 // the bench nor the interface lists: the platform routines the bench can make
-// fail (a scenario's "fail_routine") and the hardware identifiers of the
-// sensor variants (as the INF lists them).
+// fail (a scenario's "fail_routine"), the hardware identifiers of the
+// sensor variants (as the INF lists them) and the actuator chips a model
+// exists for.
 #pragma once
 
 #include <optional>
@@ -17,6 +18,9 @@ const std::vector<std::string>& fault_routines();
 
 // "ExAllocatePoolWithTag, IoBuildSynchronousFsdRequest, ...".
 std::string fault_routine_names();
+
+// "AD5823, DW9714, ...": the chips a model exists for, in table order.
+std::string actuator_chip_names();
 
 // The variant a hardware identifier names (compared without regard to case,
 // as device add compares them): its SensorName. Nothing for an identifier

@@ -23,6 +23,7 @@ struct Observation {
     int64_t start = 0;  // clock time the step began, 100 ns units
     std::optional<std::string> status = {};  // the name of what the action returned, if it returns one
     nlohmann::ordered_json values = nlohmann::ordered_json::object();
+    nlohmann::ordered_json result = nlohmann::ordered_json::object();  // what the action returned, whole
     std::vector<host::BusTransfer> transfers = {};
     std::vector<TraceEntry> trace = {};
     std::vector<std::string> problems = {};  // the action could not be done as asked

@@ -2,6 +2,7 @@
 #include "scenario_exec.h"
 
 #include "bus_report.h"
+#include "lens_chart.h"
 
 #include "platform/checked.h"
 #include "platform/device.h"
@@ -30,6 +31,9 @@ Executor::Executor(const Scenario& scenario, bool verbose, const TraceOptions& t
     : scenario_(scenario), verbose_(verbose), trace_options_(trace)
 {
     sys_.bus().set_speed(scenario_.speed);
+    if (scenario_.real_time) {
+        sys_.clock().set_mode(host::Clock::Mode::Real);
+    }
     tracing_ = scenario_.trace || verbose_ || trace_options_.requested();
     if (tracing_) {
         sys_.traces().enable(TRACE_INFO | TRACE_ERROR);
@@ -103,11 +107,12 @@ std::optional<std::string> Executor::add(const DeviceSetup& setup)
     host::DeviceConfig config;
     config.hardware_ids = {host::to_utf16(setup.hwid)};
     auto open = platform::open_device(sys_, config);
+    std::string of = setup.name.empty() ? "" : " of '" + setup.name + "'";
     if (open.context == nullptr) {
-        return "device add of '" + setup.name + "' failed: " + host::status_name(open.status);
+        return "device add" + of + " failed: " + host::status_name(open.status);
     }
     if (!NT_SUCCESS(open.status)) {
-        return "the interface of '" + setup.name + "' could not be taken: " + host::status_name(open.status);
+        return "the interface" + of + " could not be taken: " + host::status_name(open.status);
     }
     DeviceState d{&setup, open.device, open.context, open.si, 1};
     if (setup.actuator) {
@@ -171,6 +176,7 @@ void Executor::act(const Action& action, DeviceState& d, Observation& seen)
 {
     // A result's status is the step's status; "op" only repeats the action.
     auto take = [&](json result) {
+        seen.result = result;
         if (result.contains("status")) {
             seen.status = result["status"].get<std::string>();
             result.erase("status");
@@ -229,6 +235,7 @@ RunEnd Executor::finish()
         end_.clock = sys_.clock().now() - origin_;
         return end_;
     }
+    sys_.bus().clear_transcript();
     for (auto& d : devices_) {
         for (; d.held > 0; d.held--) {
             d.si.InterfaceHeader.InterfaceDereference(d.si.InterfaceHeader.Context);
@@ -257,8 +264,9 @@ RunEnd Executor::finish()
     waveform_.watch(nullptr);
     auto report = sys_.unload_driver();
     collect_trace();  // unload's own events
+    end_.transfers = sys_.bus().transcript();
     if (waveform_.is_open()) {
-        end_.outputs.push_back({scenario_.vcd, "waveform of the bus, " + std::to_string(sys_.bus().transcript().size()) +
+        end_.outputs.push_back({scenario_.vcd, "waveform of the bus, " + std::to_string(sys_.bus().transfer_count()) +
                                                    " transfers",
                                 {}, false, true});
     }

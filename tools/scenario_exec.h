@@ -38,6 +38,7 @@ struct RunEnd {
     };
     std::string unload = "not reached";
     std::vector<Output> outputs;
+    std::vector<host::BusTransfer> transfers;  // the end's own: releasing and unloading
     std::vector<std::string> failures;
     int64_t clock = 0;               // since the run began, 100 ns units
     std::vector<TraceEntry> trace;   // the run's events the trace options accept
@@ -54,6 +55,7 @@ public:
     // The registry value names the driver asked for so far.
     std::vector<std::string> registry_read() { return sys_.registry().asked_names(); }
     int64_t origin() const { return origin_; }
+    int64_t now() { return sys_.clock().now(); }
     // Loads the driver and sets up every device, the waveform's file created
     // under `outputs`; false when one cannot be, the reason then the first
     // of finish()'s failures.
@@ -61,6 +63,19 @@ public:
     // Why the waveform file could not be opened, when that stopped set_up().
     const std::optional<std::string>& waveform_refused() const { return waveform_refused_; }
     Observation perform(const Step& step);
+    // A device as set up, for a caller that reports on its parts: valid
+    // from set_up() to finish() (the models stay until the executor goes).
+    struct DeviceView {
+        PDEVICE_CONTEXT context;
+        const SENSOR_INTERFACE* si;
+        const sim::ActuatorModel* lens;
+        const sim::Eeprom* memory;
+    };
+    DeviceView device(size_t index) const
+    {
+        const DeviceState& d = devices_[index];
+        return {d.context, &d.si, d.lens.get(), d.memory.get()};
+    }
     // Releases what the scenario holds, draws charts and takes the memories'
     // contents for the files the scenario names, unloads.
     RunEnd finish();

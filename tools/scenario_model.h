@@ -4,10 +4,9 @@
 // judges it and the reporters show it.
 #pragma once
 
-#include "actuator_cli.h"
 #include "calls.h"
+#include "operations.h"
 #include "wire/capture.h"
-#include "memory_cli.h"
 
 #include "host/bus.h"
 #include "platform/actuator.h"
@@ -155,6 +154,7 @@ struct Scenario {
     bool trace = false;
     std::string vcd;  // the run's waveform file; empty: none
     bool overwrite = false;  // charts and saved memories may replace existing files
+    bool real_time = false;  // waits sleep and stalls spin (the options' --real-time)
     std::vector<DeviceSetup> devices;
     std::vector<Step> steps;
 };

@@ -2,6 +2,7 @@
 // field checked before anything runs, each problem reported with its line.
 #include "scenario_reader.h"
 
+#include "known_names.h"
 #include "scenario_fields.h"
 #include "scenario_json.h"
 #include "scenario_steps.h"

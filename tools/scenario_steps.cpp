@@ -113,12 +113,15 @@ public:
             if (!device.actuator) {
                 fail(kp, "device '" + excerpt(device.name) + "' has no \"actuator\"");
             }
-            std::string error;
-            auto op = parse_actuator_op(text(s[key], kp), error);
-            if (!op) {
-                fail(kp, error);
+            std::vector<ActuatorOp> ops;
+            if (OpError error; !parse_actuator_ops(text(s[key], kp), "", ops, error)) {
+                fail(kp, error.what());
             }
-            return ActuatorAction{*op};
+            if (ops.size() != 1) {
+                fail(kp, "one actuator operation a step: init, setpos:N, getpos, status, hpstatus, "
+                         "setconfig:COUNT:REG:DATA:..., resetpos or advance:MS");
+            }
+            return ActuatorAction{ops[0]};
         }
         case Kind::Memory: {
             if (!device.memory) {
@@ -131,8 +134,8 @@ public:
                 resolved = fields[0] + ":" + fields[1] + ":" + beside(fields[2]);
             }
             std::vector<MemoryOp> ops;
-            if (auto error = parse_memory_ops(resolved, device.memory_size, ops)) {
-                fail(kp, *error);
+            if (OpError error; !parse_memory_ops(resolved, "", device.memory_size, ops, error)) {
+                fail(kp, error.what());
             }
             if (ops.size() != 1) {
                 fail(kp, "one memory operation a step: load, read:ADDR:LEN, write:ADDR:HEXBYTES or "

@@ -38,9 +38,14 @@ struct Run {
 void drive_actuator(host::System& sys, platform::OpenDevice& dev, wire::Waveform& wave, const std::string& chip)
 {
     wave.watch(platform::select_actuator(sys, dev.context, {.chip = chip, .low = 100}));
-    std::string error;
-    auto ops = tool::parse_actuator_ops("init,setpos:300,getpos,status,hpstatus,advance:10,resetpos", error);
-    tool::run_actuator(sys, dev.context, *ops);
+    std::vector<tool::ActuatorOp> ops;
+    tool::OpError error;
+    if (!tool::parse_actuator_ops("init,setpos:300,getpos,status,hpstatus,advance:10,resetpos", "", ops, error)) {
+        throw std::runtime_error(error.what());
+    }
+    for (auto& op : ops) {
+        tool::run_actuator_op(sys, dev.context, op);
+    }
 }
 
 void drive_memory(host::System& sys, platform::OpenDevice& dev, wire::Waveform& wave, unsigned type,
@@ -50,10 +55,13 @@ void drive_memory(host::System& sys, platform::OpenDevice& dev, wire::Waveform& 
     auto model = platform::select_memory(sys, dev.context, {.type = type, .cache_length = 64});
     wave.watch(model);
     std::vector<tool::MemoryOp> ops;
-    if (auto error = tool::parse_memory_ops(ops_text, geometry->size, ops)) {
-        throw std::runtime_error(*error);
+    tool::OpError error;
+    if (!tool::parse_memory_ops(ops_text, "", geometry->size, ops, error)) {
+        throw std::runtime_error(error.what());
     }
-    tool::run_memory(sys, dev.context, *model, ops);
+    for (auto& op : ops) {
+        tool::run_memory_op(dev.context, op);
+    }
 }
 
 // A load, a write that crosses a page and (for block memories) a block, and
