@@ -16,7 +16,7 @@ TRACE_MODULE(I2cTraceGuid);
 
 EXTERN_C_START
 _IRQL_requires_max_(PASSIVE_LEVEL)
-static NTSTATUS GetI2cSlot(_In_ struct _DEVICE_CONTEXT* DeviceContext, _In_ ULONG Slot,
+static NTSTATUS GetI2cSlot(_In_ PDEVICE_CONTEXT DeviceContext, _In_ ULONG Slot,
                            _Outptr_ PI2C_CONNECTION* Connection);
 EXTERN_C_END
 
@@ -39,19 +39,19 @@ EXTERN_C_END
 /* The slot's record; a missing context or a slot number past the table is
  * the caller's error. */
 _Use_decl_annotations_
-static NTSTATUS GetI2cSlot(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, PI2C_CONNECTION* Connection)
+static NTSTATUS GetI2cSlot(PDEVICE_CONTEXT DeviceContext, ULONG Slot, PI2C_CONNECTION* Connection)
 {
     PAGED_CODE();
 
     if (DeviceContext == NULL || Connection == NULL || Slot >= I2C_CONNECTION_COUNT) {
         return STATUS_INVALID_PARAMETER;
     }
-    *Connection = &I2cConnectionSlots(DeviceContext)[Slot];
+    *Connection = &DeviceContext->I2cConnections[Slot];
     return STATUS_SUCCESS;
 }
 
 _Use_decl_annotations_
-NTSTATUS InitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
+NTSTATUS InitI2c(PDEVICE_CONTEXT DeviceContext, ULONG Slot)
 {
     PAGED_CODE();
 
@@ -71,7 +71,7 @@ NTSTATUS InitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
         return STATUS_SUCCESS;
     }
 
-    status = OpenI2cTarget(DeviceContext, Slot, I2cParentDevice(DeviceContext));
+    status = OpenI2cTarget(DeviceContext, Slot, DeviceContext->Device);
     if (!NT_SUCCESS(status)) {
         // A target that was created but not opened stays in the slot; the
         // framework deletes it with the device.
@@ -84,7 +84,7 @@ NTSTATUS InitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
 }
 
 _Use_decl_annotations_
-VOID DeinitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
+VOID DeinitI2c(PDEVICE_CONTEXT DeviceContext, ULONG Slot)
 {
     PAGED_CODE();
 
@@ -101,7 +101,7 @@ VOID DeinitI2c(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
 }
 
 _Use_decl_annotations_
-NTSTATUS OpenI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, WDFDEVICE Device)
+NTSTATUS OpenI2cTarget(PDEVICE_CONTEXT DeviceContext, ULONG Slot, WDFDEVICE Device)
 {
     PAGED_CODE();
 
@@ -157,7 +157,7 @@ NTSTATUS OpenI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, WDFDEV
 }
 
 _Use_decl_annotations_
-NTSTATUS CloseI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
+NTSTATUS CloseI2cTarget(PDEVICE_CONTEXT DeviceContext, ULONG Slot)
 {
     PAGED_CODE();
 
@@ -185,7 +185,7 @@ NTSTATUS CloseI2cTarget(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot)
 }
 
 _Use_decl_annotations_
-NTSTATUS I2cTransfer(struct _DEVICE_CONTEXT* DeviceContext, ULONG Slot, SPB_TRANSFER_DIRECTION Direction,
+NTSTATUS I2cTransfer(PDEVICE_CONTEXT DeviceContext, ULONG Slot, SPB_TRANSFER_DIRECTION Direction,
                      PVOID Buffer, ULONG Length, LONGLONG Timeout)
 {
     PAGED_CODE();

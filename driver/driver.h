@@ -1,7 +1,6 @@
 /*
  * driver.h - driver entry, device add and the framework callbacks of the
- * driver and its device, interface reference counting, and the identification
- * of the sensor variant from the device's hardware identifier.
+ * driver and its device, and interface reference counting.
  */
 #pragma once
 
@@ -28,10 +27,5 @@ _IRQL_requires_max_(DISPATCH_LEVEL)
 VOID SensorInterfaceReference(_Inout_ PVOID Context);
 _IRQL_requires_max_(DISPATCH_LEVEL)
 VOID SensorInterfaceDereference(_Inout_ PVOID Context);
-
-/* Asks the bus driver for the hardware identifiers and gives the context the
- * identity of the variant the first one names. */
-_IRQL_requires_max_(PASSIVE_LEVEL)
-NTSTATUS IdentifySensorVariant(_Inout_ PDEVICE_CONTEXT DeviceContext);
 
 EXTERN_C_END

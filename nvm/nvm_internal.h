@@ -9,6 +9,7 @@
 #include "nvm.h"
 #include "../sensor/device_context.h"
 #include "../bus/bus_lock.h"
+#include "../bus/i2c.h"
 
 /* A memory type's part: its size, and its write page in bytes; for the parts
  * seen as blocks (types 6, 9 and 12: one connection per 256-byte block) and

@@ -28,19 +28,6 @@ static const struct {
 
 #define MBPS_TO_BITS_PER_SECOND 1000000u
 
-/* What the I2C connections may see of the context (bus/i2c.h). */
-_Use_decl_annotations_
-WDFDEVICE I2cParentDevice(PDEVICE_CONTEXT DeviceContext)
-{
-    return DeviceContext->Device;
-}
-
-_Use_decl_annotations_
-PI2C_CONNECTION I2cConnectionSlots(PDEVICE_CONTEXT DeviceContext)
-{
-    return DeviceContext->I2cConnections;
-}
-
 _Use_decl_annotations_
 VOID InitSensorContext(PDEVICE_CONTEXT DeviceContext)
 {

@@ -7,10 +7,29 @@
 
 #include "../wdk/wdk.h"
 #include "sensor_interface.h"
-#include "../bus/i2c.h"
 
 #define SENSOR_NAME_SIZE 16
 #define NVM_CACHE_SIZE   750
+
+/* The I2C connections to module peripherals (bus/i2c.h). */
+#define I2C_CONNECTION_COUNT 14
+
+/* Slot numbers the callers use. */
+#define I2C_SLOT_VCM       1
+#define I2C_SLOT_NVM       2 /* and 2 + block for block-addressed memories */
+
+/* One connection slot. ConnectionId and Present are set by whoever provides
+ * the connection; InitI2c and DeinitI2c manage Target and Opened. */
+typedef struct _I2C_CONNECTION {
+    ULONGLONG ConnectionId; /* resource-hub id: low part in bits 0-31, high part in 32-63 */
+    WDFIOTARGET Target;     /* null when no target exists */
+    UCHAR Opened;           /* 1 after InitI2c opened the target */
+    UCHAR InfoA;            /* reported second in the open and close traces */
+    UCHAR Present;          /* 0: the slot describes no connection */
+    UCHAR InfoB;            /* reported first in the open and close traces */
+} I2C_CONNECTION, *PI2C_CONNECTION;
+
+static_assert(sizeof(I2C_CONNECTION) == 24, "I2C_CONNECTION layout");
 
 /* A processor cache line. The reference count is written whenever the camera
  * driver takes or drops the interface; kept a whole line away from every

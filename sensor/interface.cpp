@@ -4,7 +4,6 @@
  * sensor does not provide.
  */
 #include "sensor.h"
-#include "../driver/driver.h"
 #include "../trace/trace.h"
 
 // {51C9A6E2-0D7B-4E38-9F14-6A2B8C3E7D05}

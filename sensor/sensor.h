@@ -12,6 +12,11 @@
 EXTERN_C_START
 _IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS InitSensorInterface(_Inout_ PDEVICE_CONTEXT DeviceContext);
+
+/* Asks the bus driver for the hardware identifiers and gives the context the
+ * identity of the variant the first one names (variant.cpp). */
+_IRQL_requires_max_(PASSIVE_LEVEL)
+NTSTATUS IdentifySensorVariant(_Inout_ PDEVICE_CONTEXT DeviceContext);
 EXTERN_C_END
 
 /* Mode selection and mode information */

@@ -2,6 +2,7 @@
 #include "camera_client.h"
 
 #include "driver/driver.h"
+#include "sensor/sensor.h"
 
 #include <gmock/gmock.h>
 

@@ -13,6 +13,7 @@
 
 #include "vcm.h"
 #include "../bus/bus_lock.h"
+#include "../bus/i2c.h"
 #include "../bus/delay.h"
 #include "../trace/trace.h"
 

@@ -9,8 +9,8 @@
  * variant. A failed query leaves the default identity and never fails device
  * add.
  */
-#include "driver.h"
-#include "../sensor/description.h"
+#include "sensor.h"
+#include "description.h"
 #include "../trace/trace.h"
 
 // {66A5D7F4-AC5C-4E41-BD1E-AC8ACA50D67A}
