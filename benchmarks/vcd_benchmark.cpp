@@ -27,7 +27,7 @@ using korvanel::host::BusSpeed;
 using korvanel::host::BusTransfer;
 using korvanel::host::System;
 using korvanel::wire::VcdWriter;
-using korvanel::tool::OutputFile;
+using korvanel::files::OutputFile;
 
 // The process's peak resident memory, kB.
 long peak_kb()

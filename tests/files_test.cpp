@@ -2,7 +2,7 @@
 // the old file and nothing else; two writers of one path end with one whole file
 // or a refusal. (That an output never reaches an input or another output by
 // any name, the tool's bad-input table shows end to end.)
-#include "tools/files.h"
+#include "files/files.h"
 
 #include <gtest/gtest.h>
 
@@ -42,7 +42,7 @@ TEST(Files, ASignalDuringAWriteRemovesTheTemporary)
     std::string d = fresh_dir("files_signal_");
     pid_t child = fork();
     if (child == 0) {
-        tool::OutputFile file;
+        files::OutputFile file;
         bool opened = !file.open(d + "/run.vcd", {false, "--force", {}});
         file.write("$version korvanel-sim $end\n");
         kill(getpid(), opened ? SIGTERM : SIGKILL);
@@ -67,8 +67,8 @@ TEST(Files, TwoWritersOfOnePathEndWithOneWholeFileOrARefusal)
     }
     std::filesystem::remove(d + "/w.vcd");
     for (bool replace : {false, true}) {
-        tool::OutputFile first, second, abandoned;
-        tool::OutputRule rule{replace, "--force", {}};
+        files::OutputFile first, second, abandoned;
+        files::OutputRule rule{replace, "--force", {}};
         ASSERT_FALSE(first.open(d + "/w.vcd", rule) || second.open(d + "/w.vcd", rule));
         first.write(std::string(100000, 'a'));
         second.write(std::string(100000, 'b'));

@@ -83,7 +83,7 @@ std::vector<BusTransfer> every_kind(BusSpeed speed)
 std::string write_dump(const std::vector<BusTransfer>& ts, BusSpeed speed, const std::string& name)
 {
     std::string path = testing::TempDir() + name;
-    tool::OutputFile file;
+    files::OutputFile file;
     wire::VcdWriter vcd;
     EXPECT_FALSE(file.open(path, {true, "", {}}));
     EXPECT_FALSE(vcd.start(file, speed));
@@ -178,7 +178,7 @@ TEST(Vcd, WhatTheWireShowsOfEachKindOfTransfer)
 TEST(Vcd, OtherSignalsInterleaveInTimeOrder)
 {
     std::string path = testing::TempDir() + "signals.vcd";
-    tool::OutputFile file;
+    files::OutputFile file;
     wire::VcdWriter vcd;
     ASSERT_FALSE(file.open(path, {true, "", {}}));
     ASSERT_FALSE(vcd.start(file, BusSpeed::Standard));

@@ -5,7 +5,7 @@
 #include "platform/checked.h"
 
 #include "bus_report.h"
-#include "files.h"
+#include "files/files.h"
 #include "known_names.h"
 #include "parse.h"
 #include "host/bus.h"
@@ -19,6 +19,8 @@
 #include <sstream>
 
 namespace korvanel::tool {
+
+using namespace files;
 
 using nlohmann::ordered_json;
 

@@ -3,7 +3,7 @@
 
 #include "platform/checked.h"
 #include "bus_report.h"
-#include "files.h"
+#include "files/files.h"
 #include "parse.h"
 
 #include "host/bus.h"
@@ -15,6 +15,8 @@
 #include <cstdlib>
 
 namespace korvanel::tool {
+
+using namespace files;
 
 using nlohmann::ordered_json;
 

@@ -3,7 +3,7 @@
 #include "operations.h"
 
 #include "bus_report.h"
-#include "files.h"
+#include "files/files.h"
 #include "parse.h"
 
 #include "platform/checked.h"
@@ -13,6 +13,8 @@
 #include <memory>
 
 namespace korvanel::tool {
+
+using namespace files;
 
 using nlohmann::ordered_json;
 

@@ -4,7 +4,7 @@
 
 #include "bus_report.h"
 #include "calls.h"
-#include "files.h"
+#include "files/files.h"
 #include "known_names.h"
 #include "lens_chart.h"
 #include "parse.h"
@@ -27,6 +27,8 @@
 #include <strings.h>
 
 namespace korvanel::tool {
+
+using namespace files;
 
 using nlohmann::ordered_json;
 

@@ -49,7 +49,7 @@ struct OptionRun {
     std::vector<ActuatorOp> actuator_ops;
     std::vector<std::string> registry_names;    // as given, for the note on values never read
     std::optional<wire::Capture> capture;       // the bus to compare the run's with
-    OutputRule outputs;
+    files::OutputRule outputs;
 };
 
 // The run the options describe, or a message for the user (exit status 2).

@@ -7,13 +7,15 @@
 #include "scenario_reader.h"
 #include "scenario_report.h"
 
-#include "files.h"
+#include "files/files.h"
 #include "known_names.h"
 #include "parse.h"
 
 #include <algorithm>
 
 namespace korvanel::tool {
+
+using namespace files;
 
 namespace {
 

@@ -16,6 +16,8 @@
 
 namespace korvanel::tool {
 
+using namespace files;
+
 using json = nlohmann::ordered_json;
 
 namespace {

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "scenario_check.h"
-#include "files.h"
+#include "files/files.h"
 #include "scenario_model.h"
 #include "trace_view.h"
 #include "wire/waveform.h"
@@ -59,7 +59,7 @@ public:
     // Loads the driver and sets up every device, the waveform's file created
     // under `outputs`; false when one cannot be, the reason then the first
     // of finish()'s failures.
-    bool set_up(const OutputRule& outputs);
+    bool set_up(const files::OutputRule& outputs);
     // Why the waveform file could not be opened, when that stopped set_up().
     const std::optional<std::string>& waveform_refused() const { return waveform_refused_; }
     Observation perform(const Step& step);

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "bus_report.h"
-#include "files.h"
+#include "files/files.h"
 #include "parse.h"
 #include "scenario_json.h"
 
@@ -99,12 +99,12 @@ protected:
         return *s;
     }
     // A file the scenario names, found beside it unless the path is absolute.
-    std::string beside(const std::string& name) const { return tool::beside(base_dir_, name); }
-    // `what` and `limit` as read_input() takes them.
+    std::string beside(const std::string& name) const { return files::beside(base_dir_, name); }
+    // `what` and `limit` as files::read_input() takes them.
     std::vector<uint8_t> file(const json& v, const std::string& path, const std::string& what, size_t limit) const
     {
         std::string error;
-        auto data = read_input(beside(text(v, path)), what, limit, false, error);
+        auto data = files::read_input(beside(text(v, path)), what, limit, false, error);
         if (!data) {
             fail(path, "cannot read " + error);
         }

@@ -10,6 +10,8 @@
 
 namespace korvanel::tool {
 
+using namespace files;
+
 namespace {
 
 class StepReader : FieldReader {

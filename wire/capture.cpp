@@ -2,7 +2,7 @@
 // text directly, VCD and session files through sigrok-cli.
 #include "capture.h"
 
-#include "tools/files.h"
+#include "files/files.h"
 
 #include <algorithm>
 #include <cctype>
@@ -17,8 +17,8 @@
 
 namespace korvanel::wire {
 
-using tool::kCaptureFileLimit;
-using tool::read_input;
+using files::kCaptureFileLimit;
+using files::read_input;
 
 namespace {
 

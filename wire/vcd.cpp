@@ -119,7 +119,7 @@ std::string wire_text(const WireTransfer& t)
 
 // ---- The file ----------------------------------------------------------------
 
-std::optional<std::string> VcdWriter::start(tool::OutputFile& out, BusSpeed speed, int64_t origin)
+std::optional<std::string> VcdWriter::start(files::OutputFile& out, BusSpeed speed, int64_t origin)
 {
     try {
         speed_index(speed);

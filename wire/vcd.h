@@ -3,7 +3,7 @@
 // signals (lens code, power state, a memory's write cycle) on the same axis.
 // sigrok's I2C decoder, PulseView and GTKWave open it.
 //
-//   tool::OutputFile file;                                     // tools/files.h
+//   files::OutputFile file;                                     // tools/files.h
 //   if (auto error = file.open("run.vcd", rule)) ...
 //   VcdWriter vcd;
 //   if (auto error = vcd.start(file, BusSpeed::Fast)) ...
@@ -19,7 +19,7 @@
 #pragma once
 
 #include "host/bus.h"
-#include "tools/files.h"
+#include "files/files.h"
 
 #include <optional>
 #include <queue>
@@ -93,7 +93,7 @@ public:
     // Starts a dump into `out`, an open file its owner commits after
     // finish(); the error text for a bus without wire time. The dump's time
     // 0 is the clock's `origin`.
-    std::optional<std::string> start(tool::OutputFile& out, BusSpeed speed, int64_t origin = 0);
+    std::optional<std::string> start(files::OutputFile& out, BusSpeed speed, int64_t origin = 0);
     // Another signal, before the first transfer: a 1-bit wire, or for a
     // wider one a wire per bit (NAME[n] ... NAME[0]), because sigrok's VCD
     // reader stops at the first multi-bit value. Returns its id for change().
@@ -133,7 +133,7 @@ private:
     void flush_changes(int64_t until);        // changes due at or before `until` (ns)
     void spill();                             // the buffer to the file when it is full
 
-    tool::OutputFile* out_ = nullptr;
+    files::OutputFile* out_ = nullptr;
     BusSpeed speed_ = BusSpeed::Instant;
     int64_t origin_ = 0;
     std::vector<Signal> signals_;  // 0: scl, 1: sda

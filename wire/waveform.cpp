@@ -10,7 +10,7 @@ Waveform::~Waveform()
     }
 }
 
-std::optional<std::string> Waveform::open(host::System& sys, const std::string& path, const tool::OutputRule& rule,
+std::optional<std::string> Waveform::open(host::System& sys, const std::string& path, const files::OutputRule& rule,
                                           Signals signals)
 {
     if (sys.bus().speed() == host::BusSpeed::Instant) {

@@ -35,7 +35,7 @@ public:
     // Starts following the bus into a new file for `path` under `rule`; the
     // error text (an instant bus, a path that cannot be written) otherwise.
     // The signals are declared here, before any part is selected.
-    std::optional<std::string> open(host::System& sys, const std::string& path, const tool::OutputRule& rule,
+    std::optional<std::string> open(host::System& sys, const std::string& path, const files::OutputRule& rule,
                                     Signals signals);
     bool is_open() const { return sys_ != nullptr; }
 
@@ -52,7 +52,7 @@ private:
     void sample_power(int64_t now);
 
     host::System* sys_ = nullptr;
-    tool::OutputFile file_;  // before the writer, which writes into it
+    files::OutputFile file_;  // before the writer, which writes into it
     VcdWriter vcd_;
     int d0_ = -1, lens_ = -1, busy_ = -1;
     host::Device* device_ = nullptr;

@@ -9,7 +9,7 @@
 //   ROUNDTRIP_SHOW="time-out at 1m" sigrok_roundtrip   also prints what sigrok decoded of one run
 #include "tools/actuator_cli.h"
 #include "tools/calls.h"
-#include "tools/files.h"
+#include "files/files.h"
 #include "tools/memory_cli.h"
 #include "wire/capture.h"
 #include "wire/waveform.h"
@@ -157,7 +157,7 @@ int main(int argc, char** argv)
             std::string label = run.name + " at " + speed_name;
             std::string path = dir + "/roundtrip.vcd";
             std::vector<host::BusTransfer> transcript;
-            tool::forget_inputs();  // each run writes the dump the last one read back
+            files::forget_inputs();  // each run writes the dump the last one read back
             {
                 host::System sys;
                 sys.bus().set_speed(speed);
@@ -210,7 +210,7 @@ int main(int argc, char** argv)
                 continue;
             }
             std::vector<std::string> expected;
-            tool::forget_inputs();
+            files::forget_inputs();
             {
                 host::System sys;
                 sys.bus().set_speed(speed);

@@ -1,4 +1,5 @@
-// files.h - the one rule for every file korvanel-sim reads or writes.
+// files.h - the one rule for every file korvanel-sim reads or writes, in
+// either mode and in the waveform library alike.
 //
 // Reading: a regular file (or standard input, "-", where a caller allows it),
 // never more than a stated number of bytes; a directory, a device such as
@@ -21,7 +22,7 @@
 #include <string_view>
 #include <vector>
 
-namespace korvanel::tool {
+namespace korvanel::files {
 
 // The most the tool reads of each kind of file. A memory image is also held
 // to the memory's own size.
@@ -91,4 +92,4 @@ std::optional<std::string> write_output(const std::string& path, const std::stri
 // it as it is.
 std::string beside(const std::string& folder, const std::string& name);
 
-}  // namespace korvanel::tool
+}  // namespace korvanel::files

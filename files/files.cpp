@@ -13,7 +13,7 @@
 #include <time.h>
 #include <unistd.h>
 
-namespace korvanel::tool {
+namespace korvanel::files {
 
 namespace {
 
@@ -418,4 +418,4 @@ std::string beside(const std::string& folder, const std::string& name)
     return name.empty() || name[0] == '/' || folder.empty() ? name : folder + "/" + name;
 }
 
-}  // namespace korvanel::tool
+}  // namespace korvanel::files
