@@ -8,11 +8,15 @@
 #include "../wdk/wdk.h"
 
 EXTERN_C_START
-/* Waits for the lock without a time-out, in kernel mode, not alertable.
- * STATUS_SUCCESS is the only answer that means the caller holds it; any
- * other status is returned as the wait gave it, and the lock is then not the
- * caller's to release. The caller traces a failure in its own words.
- * Passive level only. */
+/* Waits for the lock without a time-out, in kernel mode, not alertable, and
+ * returns the wait's status as it came. What the status means is each
+ * caller's rule, applied where it calls: the actuator operations go on only
+ * on STATUS_SUCCESS (VcmLockBus); a linear memory command whose member
+ * checks the wait goes on on any NT_SUCCESS status; the block commands and
+ * the linear members that do not check it go on whatever it says (such a
+ * wait on an event returns only STATUS_SUCCESS) and release the lock at the
+ * end like any other path. A caller that stops traces the failure in its
+ * own words and does not release. Passive level only. */
 _IRQL_requires_max_(PASSIVE_LEVEL)
 NTSTATUS AcquireBusLock(_Inout_ PKEVENT BusLock);
 /* Hands the lock to the next waiter; no wait follows. */
