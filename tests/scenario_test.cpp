@@ -61,10 +61,10 @@ TEST_F(ScenarioTest, MalformedFilesNameTheLineAndTheField)
          "step 1: field \"device\": no device is called 'rear'"},
         {"{\"device\": {}, \"steps\": [{\"call\": \"PowerUp\",\n \"expect\": {\n \"status\": \"STATUS_SUCESS\"}}]}",
          "test.jsonc:3: step 1: field \"expect.status\": takes a status name"},
-        {"{\"device\": {}, \"steps\": [{\"vcm\": \"init\"}]}", "field \"vcm\": device 'device' has no \"actuator\""},
-        {"{\"device\": {\"actuator\": {\"chip\": \"AD5823\", \"connection\": \"0x51\"},\n"
-         "  \"memory\": {\"type\": 6, \"connection\": \"0x50\"}}, \"steps\": []}",
-         "test.jsonc:2: field \"device.memory.connection\": connection 0x51 already has a part"},
+        {"{\"device\": {}, \"steps\": [{\"vcm\": \"init\"}]}", "field \"vcm\": device 'device' has no \"vcm\""},
+        {"{\"device\": {\"vcm\": {\"chip\": \"AD5823\", \"connection\": \"0x51\"},\n"
+         "  \"nvm\": {\"type\": 6, \"connection\": \"0x50\"}}, \"steps\": []}",
+         "test.jsonc:2: field \"device.nvm.connection\": connection 0x51 already has a part"},
         {"{\"device\": {\"registry\": {\"MipiLanes\": {\"word\": 4}}}, \"steps\": []}",
          "field \"device.registry.MipiLanes.word\": a registry value is"},
         {"{\"device\": {}, \"steps\": [{\"call\": \"PowerUp\", \"expect\": {\"bus\": [\"W 01\", \"X 01\"]}}]}",
@@ -86,60 +86,34 @@ TEST_F(ScenarioTest, MalformedFilesNameTheLineAndTheField)
     }
 }
 
-// A part's step takes the part's own name, as its device does, or the older
-// short one: both read to the same step, titled as before.
-TEST_F(ScenarioTest, PartStepKeysAndTheirShortNamesReadAlike)
+// A part is "vcm" or "nvm" in a device and a step alike; the old spellings
+// are refused with the one to use, never read as something else.
+TEST_F(ScenarioTest, PartsHaveOneNameAndTheOldOnesAreRefusedWithIt)
 {
-    const std::string device =
-        R"("device": {"actuator": {"chip": "DW9719"}, "memory": {"type": 7}, "registry": {"MipiLanes": 4}})";
-    // What a step reads to, in the words of the model.
-    auto read = [&](const std::string& step, std::string& error) -> std::string {
-        auto scenario = tool::read_scenario("{" + device + ", \"steps\": [" + step + "]}", "a.jsonc", "", error);
-        if (!scenario) {
-            return "";
-        }
-        const tool::Step& s = scenario->steps[0];
-        std::string out = step_title(*scenario, s) + " #" + std::to_string(s.action.index()) + " x" +
-                          std::to_string(s.expect.count);
-        if (auto* a = std::get_if<tool::ActuatorAction>(&s.action)) {
-            out += " " + std::to_string(int(a->op.kind)) + ":" + std::to_string(a->op.value) + ":" +
-                   std::to_string(a->op.config.size());
-        }
-        if (auto* m = std::get_if<tool::MemoryAction>(&s.action)) {
-            out += " " + std::to_string(int(m->op.kind)) + ":" + std::to_string(m->op.address) + ":" +
-                   std::to_string(m->op.length) + ":" + std::to_string(m->op.data.size());
-        }
-        return out;
+    const std::string device = R"("device": {"vcm": {"chip": "DW9719"}, "nvm": {"type": 7}})";
+    auto read = [&](const std::string& head, const std::string& step, std::string& error) {
+        return tool::read_scenario("{" + head + ", \"steps\": [" + step + "]}", "a.jsonc", "", error);
     };
-    struct Case {
-        std::string canonical, alias, title;
-    } cases[] = {
-        {R"({"actuator": "setpos:300", "expect": {"lens": 300}})", R"({"vcm": "setpos:300", "expect": {"lens": 300}})",
-         "vcm setpos:300"},
-        {R"({"actuator": "setconfig:1:0x02:0x01"})", R"({"vcm": "setconfig:1:0x02:0x01"})",
-         "vcm setconfig:1:0x02:0x01"},
-        {R"({"memory": "write:4:0102", "expect": {"status": "STATUS_SUCCESS"}})",
-         R"({"nvm": "write:4:0102", "expect": {"status": "STATUS_SUCCESS"}})", "nvm write:4:0102"},
-        {R"({"memory": "read:0:16"})", R"({"nvm": "read:0:16"})", "nvm read:0:16"},
-    };
-    for (auto& c : cases) {
-        std::string e1, e2;
-        std::string canonical = read(c.canonical, e1), alias = read(c.alias, e2);
-        EXPECT_EQ(canonical, alias) << c.canonical << "\n" << e1 << e2;
-        EXPECT_EQ(canonical.substr(0, c.title.size() + 1), c.title + " ") << canonical;
-    }
-    // Problems read alike too, each naming the key as written.
     std::string error;
-    read(R"({"memory": "read:65536:16"})", error);
-    EXPECT_NE(error.find("step 1: field \"memory\": "), std::string::npos) << error;
-    EXPECT_NE(error.find("is not an address from 0 to 65535"), std::string::npos) << error;
-    read(R"({"actuator": "init", "vcm": "init"})", error);
-    EXPECT_NE(error.find("step 1: field \"vcm\": a step does one thing: 'actuator' and 'vcm' are two"),
-              std::string::npos)
-        << error;
-    read(R"({"memory": "load", "note": "x", "lens": 1})", error);
-    EXPECT_NE(error.find("unknown field 'lens' (known here: memory, device, expect, note, irql)"), std::string::npos)
-        << error;
+    auto scenario = read(device, R"({"vcm": "setpos:300"}, {"nvm": "read:0:16"})", error);
+    ASSERT_TRUE(scenario) << error;
+    EXPECT_EQ(step_title(*scenario, scenario->steps[0]), "vcm setpos:300");
+    const struct {
+        std::string head, step, message;
+    } refused[] = {
+        {device, R"({"actuator": "init"})", "step 1: field \"actuator\": 'actuator' is now spelled 'vcm'"},
+        {device, R"({"memory": "load"})", "step 1: field \"memory\": 'memory' is now spelled 'nvm'"},
+        {R"("device": {"actuator": {"chip": "DW9719"}})", R"({"vcm": "init"})",
+         "field \"device.actuator\": 'actuator' is now spelled 'vcm', as the --vcm options are"},
+        {device, R"({"nvm": "read:65536:16"})", "step 1: field \"nvm\": 'read:65536:16': '65536' is not an address"},
+        {device, R"({"vcm": "init,getpos"})", "step 1: field \"vcm\": one actuator operation a step"},
+        {device, R"({"nvm": "load", "note": "x", "lens": 1})",
+         "unknown field 'lens' (known here: nvm, device, expect, note, irql)"},
+    };
+    for (auto& r : refused) {
+        EXPECT_FALSE(read(r.head, r.step, error)) << r.step;
+        EXPECT_NE(error.find(r.message), std::string::npos) << error;
+    }
 }
 
 // Every kind of step reaches the bench as the expectations inside say; the
@@ -151,7 +125,7 @@ TEST_F(ScenarioTest, StepsReachTheDriverAndTheBench)
       "devices": [
         {"name": "text lanes", "registry": {"MipiLanes": {"sz": "4"}}},
         {"name": "cam", "registry": {"MipiLanes": {"dword": 4}, "MipiMBps": "0x5DC"},
-         "actuator": {"chip": "DW9714", "connection": "0x0c"}, "memory": {"type": 5, "connection": "0x50"}}
+         "vcm": {"chip": "DW9714", "connection": "0x0c"}, "nvm": {"type": 5, "connection": "0x50"}}
       ],
       "steps": [
         {"device": "text lanes", "call": "GetMipiConfig", "expect": {"values": {"Lanes": 2}}},
@@ -187,7 +161,7 @@ TEST_F(ScenarioTest, StepsReachTheDriverAndTheBench)
 TEST_F(ScenarioTest, FailedExpectationsSayWhichStepAndWhy)
 {
     const char* text = R"({
-      "device": {"actuator": {"chip": "DW9719"}, "memory": {"type": 7}},
+      "device": {"vcm": {"chip": "DW9719"}, "nvm": {"type": 7}},
       "steps": [
         {"call": "SelectMode", "MinWidth": 9000, "MinHeight": 100, "expect": {"status": "STATUS_SUCCESS"}},
         {"call": "GetModeInfo", "expect": {"values": {"Width": 640, "Height": 480, "Sizes": 1}}},
@@ -297,8 +271,8 @@ TEST_F(ScenarioTest, FilesBesideTheScenarioAndFilesItWrites)
     std::ofstream(dir + "/contents.bin", std::ios::binary) << "ABCDEFGH";
     std::ofstream(dir + "/data.bin", std::ios::binary) << "xyz";
     std::string text = R"({
-      "device": {"memory": {"type": 7, "contents": "contents.bin", "save": ")" + dir + R"(/saved.bin"},
-                 "actuator": {"chip": "DW9714", "plot": ")" + dir + R"(/lens.svg"}},
+      "device": {"nvm": {"type": 7, "contents": "contents.bin", "save": ")" + dir + R"(/saved.bin"},
+                 "vcm": {"chip": "DW9714", "plot": ")" + dir + R"(/lens.svg"}},
       "steps": [
         {"nvm": "read:0:8", "expect": {"values": {"data": "41 42 43 44 45 46 47 48"}}},
         {"nvm": "writefile:2:data.bin", "expect": {"memory": {"address": 2, "file": "data.bin"}}},
@@ -336,8 +310,8 @@ TEST_F(ScenarioTest, OutputsAreWrittenOnlyByAPassingRunAndNeverOverAFile)
         return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     };
     auto scenario = [](const std::string& head, const std::string& expect) {
-        return "{" + head + R"("device": {"memory": {"type": 7, "save": "m.bin"},
-                              "actuator": {"chip": "DW9714", "plot": "lens.svg"}},
+        return "{" + head + R"("device": {"nvm": {"type": 7, "save": "m.bin"},
+                              "vcm": {"chip": "DW9714", "plot": "lens.svg"}},
                    "steps": [{"nvm": "write:0:4B56", "expect": {"status": ")" + expect + R"("}}]})";
     };
     struct Case {
@@ -380,7 +354,7 @@ TEST_F(ScenarioTest, OutputsAreWrittenOnlyByAPassingRunAndNeverOverAFile)
 // by their first bytes and length on the step's line.
 TEST_F(ScenarioTest, LongByteStringsPrintAsADump)
 {
-    const char* text = R"({"device": {"memory": {"type": 10}},
+    const char* text = R"({"device": {"nvm": {"type": 10}},
       "steps": [{"nvm": "write:0:000102030405060708090A0B0C0D0E0F101112"},
                 {"nvm": "read:0:19", "expect": {"values": {"data": "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 11 12"}}}]})";
     tool::ScenarioOptions verbose;
@@ -398,7 +372,7 @@ TEST_F(ScenarioTest, LongByteStringsPrintAsADump)
 TEST_F(ScenarioTest, VerboseRunsAndTheRunsTrace)
 {
     const char* text = R"({
-      "device": {"actuator": {"chip": "AD5823"}},
+      "device": {"vcm": {"chip": "AD5823"}},
       "steps": [
         {"vcm": "getpos"},
         {"call": "SelectMode", "MinWidth": 9000, "MinHeight": 1}
@@ -428,7 +402,7 @@ TEST_F(ScenarioTest, VerboseRunsAndTheRunsTrace)
 // (the wall time of a long scenario is measured by the benchmarks, not here).
 TEST_F(ScenarioTest, TenThousandStepsAllRunAndMeetTheirExpectations)
 {
-    std::string text = "{\"device\": {\"actuator\": {\"chip\": \"DW9719\"}}, \"steps\": [\n";
+    std::string text = "{\"device\": {\"vcm\": {\"chip\": \"DW9719\"}}, \"steps\": [\n";
     for (int i = 0; i < 2500; i++) {
         int code = i % 1024;
         text += std::string(i ? ",\n" : "") +

@@ -34,7 +34,7 @@ std::string with_device(const std::string& device, const std::string& steps = ""
 }
 std::string with_step(const std::string& step) { return with_device("{}", step); }
 
-const std::string kMemory = R"({"memory": {"type": 7}})";  // 128 bytes
+const std::string kMemory = R"({"nvm": {"type": 7}})";  // 128 bytes
 // An argument of 100000 bytes, and a byte that is no UTF-8 after a control byte.
 const std::string kHuge = "\"$(head -c 100000 /dev/zero | tr '\\0' x)\"";
 const std::string kBytes = "\"$(printf 'a\\001\\377')\"";
@@ -53,9 +53,9 @@ const std::vector<Case>& cases()
         {"paths", "run @", "", 2, "cannot read the scenario @: it is a directory"},
         {"paths", "run /dev/zero", "", 2, "cannot read the scenario /dev/zero: it is a character device"},
         {"paths", "run @/missing.jsonc", "", 2, "@/missing.jsonc: no such file"},
-        {"paths", "run @/s.jsonc", with_device(R"({"memory": {"type": 7, "contents": "."}})"), 2,
-         "field \"device.memory.contents\": cannot read @/.: it is a directory"},
-        {"paths", "run @/s.jsonc", with_device(R"({"memory": {"type": 7, "contents": "/dev/zero"}})"), 2,
+        {"paths", "run @/s.jsonc", with_device(R"({"nvm": {"type": 7, "contents": "."}})"), 2,
+         "field \"device.nvm.contents\": cannot read @/.: it is a directory"},
+        {"paths", "run @/s.jsonc", with_device(R"({"nvm": {"type": 7, "contents": "/dev/zero"}})"), 2,
          "cannot read /dev/zero: it is a character device"},
         {"paths", "run @/s.jsonc", with_device(kMemory, R"({"nvm": "writefile:0:."})"), 2,
          "field \"nvm\": writefile: @/.: it is a directory"},
@@ -72,19 +72,19 @@ const std::vector<Case>& cases()
          "--vcd @/./image.bin: it is @/hard.bin, a file this run reads"},
         {"paths", "run @/s.jsonc",
          "{\"bus_speed\": \"400k\", \"vcd\": \"link\", \"overwrite\": true, " +
-             with_device(R"({"memory": {"type": 7, "contents": "image.bin"}})").substr(1),
+             with_device(R"({"nvm": {"type": 7, "contents": "image.bin"}})").substr(1),
          2, "\"vcd\" @/link: it is @/image.bin, a file this run reads"},
         {"paths", "run @/s.jsonc",
-         with_device(R"({"memory": {"type": 7, "save": "p.out"}, "actuator": {"chip": "DW9714", "plot": "./p.out"}})"), 2,
+         with_device(R"({"nvm": {"type": 7, "save": "p.out"}, "vcm": {"chip": "DW9714", "plot": "./p.out"}})"), 2,
          "\"save\" @/p.out: another output of this run is written there"},
-        {"paths", "run @/s.jsonc", "{\"overwrite\": true, " + with_device(R"({"memory": {"type": 7, "save": "s.jsonc"}})").substr(1), 2,
+        {"paths", "run @/s.jsonc", "{\"overwrite\": true, " + with_device(R"({"nvm": {"type": 7, "save": "s.jsonc"}})").substr(1), 2,
          "\"save\" @/s.jsonc: it is a file this run reads; a run never writes over it"},
-        {"paths", "run @/s.jsonc", with_device(R"({"memory": {"type": 7, "save": "exists.bin"}})"), 2,
+        {"paths", "run @/s.jsonc", with_device(R"({"nvm": {"type": 7, "save": "exists.bin"}})"), 2,
          "\"save\" @/exists.bin: the file exists; --force (or \"overwrite\": true in the scenario) replaces it"},
-        {"paths", "run @/s.jsonc", with_device(R"({"memory": {"type": 7, "save": "none/m.bin"}})"), 2,
+        {"paths", "run @/s.jsonc", with_device(R"({"nvm": {"type": 7, "save": "none/m.bin"}})"), 2,
          "\"save\" @/none/m.bin: the folder @/none does not exist"},
         {"paths", "run @/s.jsonc",
-         with_device(R"({"memory": {"type": 7, "save": "x.out"}, "actuator": {"chip": "DW9714", "plot": "x.out"}})"), 2,
+         with_device(R"({"nvm": {"type": 7, "save": "x.out"}, "vcm": {"chip": "DW9714", "plot": "x.out"}})"), 2,
          "\"save\" @/x.out: another output of this run is written there"},
         {"paths", "run --output-dir @/none @/s.jsonc", with_step(""), 2, "--output-dir @/none: not a folder"},
         // waveforms and captures follow the same rule
@@ -108,7 +108,7 @@ const std::vector<Case>& cases()
         // ---- sizes: stated in bytes, refused before a byte is used ----
         {"sizes", "--nvm 7 --nvm-file @/129.bin", "", 2,
          "--nvm-file @/129.bin: it holds 129 bytes, more than the 128 bytes a memory image of type 7 may hold"},
-        {"sizes", "run @/s.jsonc", with_device(R"({"memory": {"type": 7, "contents": "129.bin"}})"), 2,
+        {"sizes", "run @/s.jsonc", with_device(R"({"nvm": {"type": 7, "contents": "129.bin"}})"), 2,
          "it holds 129 bytes, more than the 128 bytes a memory image of type 7 may hold"},
         {"sizes", "--nvm 10 --nvm-ops writefile:0:@/1M+1.bin", "", 2,
          "it holds 1048577 bytes, more than the 1048576 bytes the data of a write may hold"},
@@ -126,7 +126,7 @@ const std::vector<Case>& cases()
         {"names", "run @/s.jsonc", with_step(R"({"call": "SelectMode", "TableIndex": "Previw", "MinWidth": 1, "MinHeight": 1})"),
          2, "field \"TableIndex\": TableIndex \"Previw\" is not a mode table: Still (0)"},
         {"names", "--vcm XYZ", "", 2, "unknown actuator chip 'XYZ' (AD5823, "},
-        {"names", "run @/s.jsonc", with_device(R"({"actuator": {"chip": "XYZ"}})"), 2, "unknown actuator chip \"XYZ\""},
+        {"names", "run @/s.jsonc", with_device(R"({"vcm": {"chip": "XYZ"}})"), 2, "unknown actuator chip \"XYZ\""},
         {"names", "--nvm 13", "", 2, "--nvm: unknown memory type '13' (types 5 to 12 have a memory)"},
         {"names", "--bus-speed 300k --nvm 7", "", 2, "--bus-speed takes 100k, 400k or 1m, not '300k'"},
         {"names", "--trace-level warn", "", 2, "--trace-level: warn not in {info,error}"},
@@ -179,8 +179,8 @@ const std::vector<Case>& cases()
         {"modes", "--nvm 7 --bus-speed ''", "", 2, "--bus-speed: an empty value"},
         {"modes", "--hwid ''", "", 2, "--hwid: an empty value"},
         {"modes", "run --output-dir '' @/s.jsonc", with_step(""), 2, "--output-dir: an empty value"},
-        {"modes", "run @/s.jsonc", with_device(R"({"actuator": {"chip": ""}})"), 2,
-         "field \"device.actuator.chip\": takes a text, not an empty one"},
+        {"modes", "run @/s.jsonc", with_device(R"({"vcm": {"chip": ""}})"), 2,
+         "field \"device.vcm.chip\": takes a text, not an empty one"},
         {"modes", "--no-such-option", "", 2, "The following argument was not expected: --no-such-option\n"
                                            "Run 'korvanel-sim --help' for the options.\n"},
 

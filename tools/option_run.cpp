@@ -385,8 +385,8 @@ std::optional<std::string> read_options(SimOptions& o, OptionRun& run)
     }
     // The scenario reader's check of a device's parts.
     if (auto clash = part_clash({device})) {
-        const char* option = clash->field == "actuator/connection" ? "--vcm-connection"
-                             : clash->field == "memory/connection" ? "--nvm-connection"
+        const char* option = clash->field == "vcm/connection" ? "--vcm-connection"
+                             : clash->field == "nvm/connection" ? "--nvm-connection"
                                                                    : "--nvm-address";
         return std::string(option) + ": " + clash->message;
     }
@@ -504,7 +504,7 @@ int run_options(const SimOptions& o, const OptionRun& run)
         if (!o.memory.notes.empty()) {
             memory.json["notes"] = o.memory.notes;
         }
-        description["memory"] = memory.json;
+        description["nvm"] = memory.json;
     }
     if (device.lens != nullptr) {
         PartReport lens{actuator_header(device, scenario.speed)};
@@ -525,7 +525,7 @@ int run_options(const SimOptions& o, const OptionRun& run)
         lens.json["operations"] = results;
         lens.finish(end);
         lens.json.update(lens_trajectory(device.lens, start, end));
-        description["actuator"] = lens.json;
+        description["vcm"] = lens.json;
     }
     RunEnd end = executor.finish();
     bus.insert(bus.end(), end.transfers.begin(), end.transfers.end());
@@ -534,7 +534,7 @@ int run_options(const SimOptions& o, const OptionRun& run)
     // driver unloaded clean. The waveform is written whatever the run
     // found, to look at it.
     if (!o.actuator.svg.empty()) {
-        end.outputs.push_back({o.actuator.svg, "lens chart", trajectory_svg(description["actuator"])});
+        end.outputs.push_back({o.actuator.svg, "lens chart", trajectory_svg(description["vcm"])});
     }
     std::string write_error;
     for (auto& output : end.outputs) {
@@ -546,7 +546,7 @@ int run_options(const SimOptions& o, const OptionRun& run)
             write_error = *problem;
         } else if (write && !problem && !output.waveform) {
             bool chart = output.file == o.actuator.svg;
-            (chart ? description["actuator"]["chart"] : description["memory"]["saved"]) = output.file;
+            (chart ? description["vcm"]["chart"] : description["nvm"]["saved"]) = output.file;
         }
     }
     if (o.trace.requested()) {
@@ -558,11 +558,11 @@ int run_options(const SimOptions& o, const OptionRun& run)
         std::cout << json_dump(description, 2) << "\n";
     } else {
         print_text(description, o.hwid);
-        if (description.contains("memory")) {
-            print_memory(description["memory"]);
+        if (description.contains("nvm")) {
+            print_memory(description["nvm"]);
         }
-        if (description.contains("actuator")) {
-            print_actuator(description["actuator"]);
+        if (description.contains("vcm")) {
+            print_actuator(description["vcm"]);
         }
         if (o.trace.requested()) {
             printf("Trace:\n");

@@ -56,6 +56,18 @@ protected:
             }
         }
     }
+    // A key the file format once spelled otherwise: refused with the spelling
+    // it has now, so that an old file fails loudly instead of being misread.
+    static void renamed(const json& object, const std::string& path,
+                        std::initializer_list<std::pair<const char*, const char*>> keys)
+    {
+        for (auto [old, now] : keys) {
+            if (object.contains(old)) {
+                fail(path + "/" + old, std::string("'") + old + "' is now spelled '" + now + "', as the --" + now +
+                                           " options are");
+            }
+        }
+    }
     // An empty text names nothing and is refused where a name, a file or a
     // word is wanted; descriptions, notes and registry texts may be empty.
     static std::string text(const json& v, const std::string& path, bool empty_allowed = false)

@@ -164,7 +164,8 @@ private:
         if (!d.is_object()) {
             fail(path, "a device is an object");
         }
-        only(d, path, {"name", "hwid", "registry", "actuator", "memory"});
+        renamed(d, path, {{"actuator", "vcm"}, {"memory", "nvm"}});
+        only(d, path, {"name", "hwid", "registry", "vcm", "nvm"});
         DeviceSetup setup;
         setup.name = d.contains("name") ? text(d["name"], path + "/name") : default_name;
         if (d.contains("hwid")) {
@@ -179,9 +180,9 @@ private:
                 setup.registry.push_back(registry_value(name, value, path + "/registry/" + pointer_token(name)));
             }
         }
-        if (d.contains("actuator")) {
-            const json& a = d["actuator"];
-            std::string p = path + "/actuator";
+        if (d.contains("vcm")) {
+            const json& a = d["vcm"];
+            std::string p = path + "/vcm";
             if (!a.is_object() || !a.contains("chip")) {
                 fail(p, "an actuator names its \"chip\"");
             }
@@ -212,9 +213,9 @@ private:
             }
             setup.actuator = options;
         }
-        if (d.contains("memory")) {
-            const json& m = d["memory"];
-            std::string p = path + "/memory";
+        if (d.contains("nvm")) {
+            const json& m = d["nvm"];
+            std::string p = path + "/nvm";
             if (!m.is_object() || !m.contains("type")) {
                 fail(p, "a memory names its NVM \"type\"");
             }
@@ -308,10 +309,10 @@ std::optional<PartClash> part_clash(const std::vector<DeviceSetup>& devices)
         auto& d = devices[i];
         std::vector<std::pair<uint64_t, const char*>> ids;
         if (d.actuator) {
-            ids.emplace_back(d.actuator->connection, "actuator/connection");
+            ids.emplace_back(d.actuator->connection, "vcm/connection");
         }
         for (size_t b = 0; d.memory && b < d.memory_connections; b++) {
-            ids.emplace_back(d.memory->first_connection + b, "memory/connection");
+            ids.emplace_back(d.memory->first_connection + b, "nvm/connection");
         }
         for (auto& [id, field] : ids) {
             auto [at, added] = used.emplace(id, i);
@@ -333,7 +334,7 @@ std::optional<PartClash> part_clash(const std::vector<DeviceSetup>& devices)
                 char text[128];
                 snprintf(text, sizeof text, "bus address 0x%02X is the actuator's; the memory answers on 0x%02X",
                          lens, first);
-                return PartClash{i, "memory/address",
+                return PartClash{i, "nvm/address",
                                  text + std::string(d.memory_connections > 1 ? " and the addresses after it, one a block"
                                                                              : "")};
             }

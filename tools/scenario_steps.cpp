@@ -22,13 +22,12 @@ public:
     }
 
     // The step keys: each names what the step does. A part's step takes the
-    // part's own name, as the device does, or its older short name.
+    // part's name, as the device and the options do.
     enum class Kind { Call, Actuator, Memory, Advance, BusSpeed, Fault, Pnp, Interface };
     static constexpr std::pair<const char*, Kind> step_keys[] = {
-        {"call", Kind::Call},           {"actuator", Kind::Actuator},   {"vcm", Kind::Actuator},
-        {"memory", Kind::Memory},       {"nvm", Kind::Memory},          {"advance_ms", Kind::Advance},
-        {"bus_speed", Kind::BusSpeed},  {"fault", Kind::Fault},         {"fail_routine", Kind::Fault},
-        {"pnp", Kind::Pnp},             {"interface", Kind::Interface},
+        {"call", Kind::Call},           {"vcm", Kind::Actuator},        {"nvm", Kind::Memory},
+        {"advance_ms", Kind::Advance},  {"bus_speed", Kind::BusSpeed},  {"fault", Kind::Fault},
+        {"fail_routine", Kind::Fault},  {"pnp", Kind::Pnp},             {"interface", Kind::Interface},
     };
 
     Step read(const json& s, size_t index) const
@@ -37,6 +36,7 @@ public:
         if (!s.is_object()) {
             fail(path, "a step is an object");
         }
+        renamed(s, path, {{"actuator", "vcm"}, {"memory", "nvm"}});
         Step step{index, 0};
         const char* kind_key = nullptr;
         Kind kind{};
@@ -113,7 +113,7 @@ public:
         }
         case Kind::Actuator: {
             if (!device.actuator) {
-                fail(kp, "device '" + excerpt(device.name) + "' has no \"actuator\"");
+                fail(kp, "device '" + excerpt(device.name) + "' has no \"vcm\"");
             }
             std::vector<ActuatorOp> ops;
             if (OpError error; !parse_actuator_ops(text(s[key], kp), "", ops, error)) {
@@ -127,7 +127,7 @@ public:
         }
         case Kind::Memory: {
             if (!device.memory) {
-                fail(kp, "device '" + excerpt(device.name) + "' has no \"memory\"");
+                fail(kp, "device '" + excerpt(device.name) + "' has no \"nvm\"");
             }
             std::string written = text(s[key], kp);
             auto fields = split(written, ':');
@@ -343,7 +343,7 @@ public:
         }
         if (e.contains("memory")) {
             if (!device.memory) {
-                fail(path + "/memory", "device '" + excerpt(device.name) + "' has no \"memory\"");
+                fail(path + "/memory", "device '" + excerpt(device.name) + "' has no \"nvm\"");
             }
             const json& m = e["memory"];
             std::vector<std::pair<json, std::string>> items;
@@ -370,7 +370,7 @@ public:
         }
         if (e.contains("lens")) {
             if (!device.actuator) {
-                fail(path + "/lens", "device '" + excerpt(device.name) + "' has no \"actuator\"");
+                fail(path + "/lens", "device '" + excerpt(device.name) + "' has no \"vcm\"");
             }
             x.lens = integer(e["lens"], path + "/lens", 0, 65535);
         }
