@@ -1,6 +1,9 @@
 // system.h - the test bench: one simulated Windows kernel, framework and I2C
 // bus on which the driver is loaded, devices are added and the camera driver's
-// calls are made. Tests and korvanel-sim use only this API.
+// calls are made. Tests, benchmarks, fuzz targets and korvanel-sim load the
+// driver, open devices and select parts through platform/, which drives this
+// API as a platform would; they use it directly for what they set up and look
+// at: the clock, the registry, the bus, the traces and the fault rules.
 //
 //   korvanel::host::System sys;
 //   sys.registry().set_dword("MipiLanes", 4);
