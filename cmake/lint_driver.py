@@ -77,9 +77,11 @@ class Group:
         return "{"
 
 
-def strip_comments(text):
-    """Comments become spaces (newlines kept), string and character literals
-    a placeholder word, so that nothing inside them is read as code."""
+def strip_comments(text, keep_literals=False):
+    """Comments become spaces (newlines kept), so that nothing inside them is
+    read as code; string and character literals stay as written with
+    `keep_literals`, otherwise each becomes a placeholder word. A literal
+    ends at its line's end at the latest."""
     out = []
     i, n = 0, len(text)
     while i < n:
@@ -94,9 +96,12 @@ def strip_comments(text):
             i = j
         elif c in "\"'":
             j = i + 1
-            while j < n and text[j] != c:
+            while j < n and text[j] != c and text[j] != "\n":
                 j += 2 if text[j] == "\\" else 1
-            out.append(" STRING_LITERAL " if c == '"' else " CHAR_LITERAL ")
+            if keep_literals:
+                out.append(text[i:j + 1])
+            else:
+                out.append(" STRING_LITERAL " if c == '"' else " CHAR_LITERAL ")
             i = j + 1
         else:
             out.append(c)

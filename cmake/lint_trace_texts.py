@@ -21,6 +21,8 @@ import pathlib
 import re
 import sys
 
+from lint_driver import strip_comments
+
 TRACED_FOLDERS = ["driver", "sensor", "bus", "vcm", "nvm", "trace"]
 DATA_FOLDERS = {"vcm", "nvm"}
 CONTRACT_GLOB = "tests/trace_contract*_test.cpp"
@@ -32,27 +34,7 @@ TRACE_CALL = re.compile(r"\bTraceEvents\s*\(\s*\w+\s*,\s*")
 
 def without_comments(text):
     """The source with comments blanked, lines and strings kept in place."""
-    out, i, n = [], 0, len(text)
-    while i < n:
-        c = text[i]
-        if text.startswith("//", i):
-            j = text.find("\n", i)
-            i = n if j < 0 else j
-        elif text.startswith("/*", i):
-            j = text.find("*/", i + 2)
-            j = n if j < 0 else j + 2
-            out.append(re.sub(r"[^\n]", " ", text[i:j]))
-            i = j
-        elif c in "\"'":
-            j = i + 1
-            while j < n and text[j] != c and text[j] != "\n":
-                j += 2 if text[j] == "\\" else 1
-            out.append(text[i:j + 1])
-            i = j + 1
-        else:
-            out.append(c)
-            i += 1
-    return "".join(out)
+    return strip_comments(text, keep_literals=True)
 
 
 def static_assert_spans(source):
