@@ -136,12 +136,12 @@ void Registry::set(const std::string& name, uint32_t type, std::vector<uint8_t> 
     set_value(kServiceKey, to_utf16(name), type, std::move(data));
 }
 
-void Registry::set_dword(const std::string& name, uint32_t value)
+std::vector<uint8_t> Registry::dword_data(uint32_t value)
 {
-    std::vector<uint8_t> data(4);
-    memcpy(data.data(), &value, 4);
-    set(name, REG_DWORD, std::move(data));
+    return {uint8_t(value), uint8_t(value >> 8), uint8_t(value >> 16), uint8_t(value >> 24)};
 }
+
+void Registry::set_dword(const std::string& name, uint32_t value) { set(name, REG_DWORD, dword_data(value)); }
 
 void Registry::set_string(const std::string& name, const std::string& value)
 {

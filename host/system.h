@@ -149,6 +149,8 @@ public:
     static constexpr const char16_t* kServiceKey =
         u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\korvanel";
 
+    // A REG_DWORD's data: four bytes, least significant first.
+    static std::vector<uint8_t> dword_data(uint32_t value);
     void set_dword(const std::string& name, uint32_t value);
     void set_string(const std::string& name, const std::string& value);  // REG_SZ
     void set(const std::string& name, uint32_t type, std::vector<uint8_t> data);

@@ -7,7 +7,7 @@
 namespace korvanel::test {
 namespace {
 
-std::vector<uint8_t> dword(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
+const auto dword = host::Registry::dword_data;
 
 using RegistryTest = CameraTest;
 

@@ -36,7 +36,6 @@ struct Bench {
     }
 };
 
-std::vector<uint8_t> dword(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
 
 host::DeviceConfig named(const char16_t* id)
 {
@@ -165,7 +164,7 @@ const Reach kContract[] = {
      },
      {{'I', "GetSensorCaps mode 4"}}},
     {"a device add with PDAF_Type 2",
-     [](Bench& b) { b.load(), b.sys.registry().set("PDAF_Type", REG_DWORD, dword(2)), b.add(); },
+     [](Bench& b) { b.load(), b.sys.registry().set_dword("PDAF_Type", 2), b.add(); },
      {{'I', "ReadRegistryConfiguration PDAF_Type 2"}}},
     {"a device add with MipiLanes a string",
      [](Bench& b) { b.load(), b.sys.registry().set("MipiLanes", REG_SZ, {'4', 0, 0, 0}), b.add(); },
@@ -213,8 +212,8 @@ const Reach kContract[] = {
       {'I', "AcceptEntryList entry 1: 6 7 8 STATUS_SUCCESS"}}},
     {"QueryProperty 34 with 4 lanes at 1500 MBps",
      [](Bench& b) {
-         b.load(), b.sys.registry().set("MipiLanes", REG_DWORD, dword(4));
-         b.sys.registry().set("MipiMBps", REG_DWORD, dword(1500)), b.add();
+         b.load(), b.sys.registry().set_dword("MipiLanes", 4);
+         b.sys.registry().set_dword("MipiMBps", 1500), b.add();
          ULONG v;
          (void)QueryProperty(b.ctx, 34, &v);
      },

@@ -439,9 +439,7 @@ std::optional<std::string> read_options(SimOptions& o, OptionRun& run)
             return "--reg " + excerpt(name) + " is given twice; give each value once";
         }
         run.registry_names.push_back(name);
-        uint32_t v = uint32_t(*value);
-        device.registry.push_back({name, false, REG_DWORD,
-                                   {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}});
+        device.registry.push_back({name, false, REG_DWORD, host::Registry::dword_data(uint32_t(*value))});
     }
     s.devices.push_back(std::move(device));
     return std::nullopt;
