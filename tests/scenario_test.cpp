@@ -4,6 +4,8 @@
 // on the virtual clock.
 #include <gtest/gtest.h>
 
+#include "long_scenario.h"
+
 #include "sensor/description.h"
 #include "tools/scenario.h"
 #include "tools/scenario_reader.h"
@@ -402,17 +404,7 @@ TEST_F(ScenarioTest, VerboseRunsAndTheRunsTrace)
 // (the wall time of a long scenario is measured by the benchmarks, not here).
 TEST_F(ScenarioTest, TenThousandStepsAllRunAndMeetTheirExpectations)
 {
-    std::string text = "{\"device\": {\"vcm\": {\"chip\": \"DW9719\"}}, \"steps\": [\n";
-    for (int i = 0; i < 2500; i++) {
-        int code = i % 1024;
-        text += std::string(i ? ",\n" : "") +
-                "{\"call\": \"SelectMode\", \"MinWidth\": 1920, \"MinHeight\": " + std::to_string(1000 + i % 100) +
-                ", \"expect\": {\"status\": \"STATUS_SUCCESS\"}},\n"
-                "{\"call\": \"GetModeInfo\", \"expect\": {\"values\": {\"Width\": 1920, \"Height\": 1120}}},\n"
-                "{\"vcm\": \"setpos:" + std::to_string(code) + "\", \"expect\": {\"lens\": " + std::to_string(code) +
-                "}},\n{\"advance_ms\": 1}";
-    }
-    text += "]}";
+    std::string text = ten_thousand_steps();
     ASSERT_EQ(run(text), 0) << err << out.substr(out.size() > 2000 ? out.size() - 2000 : 0);
     // Each step's time on the bench: instant bus, 1 ms a fourth step.
     EXPECT_NE(out.find("Passed: 10000 steps, 7500 expectations met, 2500.0000 ms on the bench's clock"),
