@@ -9,21 +9,24 @@ namespace korvanel::platform {
 std::optional<MemoryGeometry> memory_geometry(unsigned type)
 {
     using Kind = sim::Eeprom::Kind;
-    // Sizes and physical write pages of the parts the memory types stand
-    // for. The DW9806B's physical write page is assumed to be 32 bytes, the
-    // chunk its driver writes; no datasheet figure was at hand.
-    sim::Eeprom::Geometry part;
+    // How each memory type's part is addressed and its physical write page;
+    // its size is the driver's row's. The DW9806B's physical write page is
+    // assumed to be 32 bytes, the chunk its driver writes; no datasheet
+    // figure was at hand.
+    Kind kind;
+    size_t page;
     switch (type) {
-    case 5: part = {Kind::Serial16, 16384, 64}; break;
-    case 7: part = {Kind::Serial16, 128, 8}; break;
-    case 8: part = {Kind::Serial16, 4096, 32}; break;
-    case 10: part = {Kind::Serial16, 8192, 32}; break;
-    case 6: part = {Kind::Blocks, 2048, 16}; break;
-    case 9: part = {Kind::Blocks, 1024, 16}; break;
-    case 12: part = {Kind::Blocks, 2048, 16}; break;
-    case 11: part = {Kind::Paged, 8 * 1024, 32}; break;
+    case 5: kind = Kind::Serial16, page = 64; break;
+    case 7: kind = Kind::Serial16, page = 8; break;
+    case 8:
+    case 10: kind = Kind::Serial16, page = 32; break;
+    case 6:
+    case 9:
+    case 12: kind = Kind::Blocks, page = 16; break;
+    case 11: kind = Kind::Paged, page = 32; break;
     default: return std::nullopt;
     }
+    sim::Eeprom::Geometry part{kind, NvmDriverTable[type].Size, page};
     size_t connections = part.kind == Kind::Blocks ? part.size / sim::Eeprom::kBlockSize : 1;
     return MemoryGeometry{part.size, NvmDriverTable[type].PageSize, connections, part};
 }
