@@ -400,6 +400,7 @@ public:
     void capture_state();
 
 private:
+    void call_classic(ULONG code);  // the classic enable callback with this control code
     struct Stored {
         GUID guid;
         uint16_t number;

@@ -102,11 +102,17 @@ void Traces::capture_state()
     if (registration_ != Registration::Classic || callback_ == nullptr || !session_) {
         return;
     }
+    call_classic(EVENT_CONTROL_CODE_CAPTURE_STATE);
+}
+
+// The classic provider's enable callback with `code`, as the system calls
+// it: at passive level, with the session's handle. The caller holds mutex_.
+void Traces::call_classic(ULONG code)
+{
     TRACEHANDLE handle = session_handle(flags_, level_);
     auto callback = reinterpret_cast<ClassicCallback>(callback_);
-    verifier::call_driver(callback_level("the trace enable callback"), [&] {
-        callback(&g_provider_guid, EVENT_CONTROL_CODE_CAPTURE_STATE, &handle, callback_context_);
-    });
+    verifier::call_driver(callback_level("the trace enable callback"),
+                          [&] { callback(&g_provider_guid, code, &handle, callback_context_); });
 }
 
 // Tells the registered provider about the session, as the system does when a
@@ -117,16 +123,10 @@ void Traces::apply_session()
     if (registration_ == Registration::None || callback_ == nullptr || (!session_ && !delivered_)) {
         return;
     }
-    TRACEHANDLE handle = session_handle(flags_, level_);
     if (registration_ == Registration::Classic) {
-        auto callback = reinterpret_cast<ClassicCallback>(callback_);
-        // The system calls an enable callback at passive level.
-        verifier::call_driver(callback_level("the trace enable callback"), [&] {
-            callback(&g_provider_guid,
-                     session_ ? EVENT_CONTROL_CODE_ENABLE_PROVIDER : EVENT_CONTROL_CODE_DISABLE_PROVIDER, &handle,
-                     callback_context_);
-        });
+        call_classic(session_ ? EVENT_CONTROL_CODE_ENABLE_PROVIDER : EVENT_CONTROL_CODE_DISABLE_PROVIDER);
     } else {
+        TRACEHANDLE handle = session_handle(flags_, level_);
         WNODE_HEADER wnode{};
         wnode.BufferSize = sizeof wnode;
         wnode.HistoricalContext = handle;
