@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace korvanel::host {
 
@@ -19,8 +20,10 @@ void* Pool::allocate(uint32_t pool_type, size_t size, uint32_t tag, const void* 
     }
     memset(p, kFill, size);
     std::lock_guard lock(mutex_);
-    live_[p] = {tag, pool_type, size, allocated_by};
-    freed_.erase(p);  // handed out again: a free of it is a first free
+    spare_live_.at(live_, p) = {tag, pool_type, size, allocated_by};
+    if (auto f = freed_.find(p); f != freed_.end()) {
+        spare_freed_.erase(freed_, f);  // handed out again: a free of it is a first free
+    }
     made_++;
     return p;
 }
@@ -38,16 +41,17 @@ Pool::Freed Pool::free(void* p, uint32_t tag, Allocation* found)
     if (tag != 0 && tag != it->second.tag) {
         return Freed::WrongTag;
     }
-    live_.erase(it);
+    spare_live_.erase(live_, it);
     uint64_t n = ++frees_;
-    freed_[p] = n;
-    freed_order_.emplace_back(p, n);
-    if (freed_order_.size() > kFreedKept) {
-        auto [oldest, which] = freed_order_.front();
-        freed_order_.pop_front();
+    spare_freed_.at(freed_, p) = n;
+    if (freed_order_.size() < kFreedKept) {
+        freed_order_.emplace_back(p, n);
+    } else {
+        auto [oldest, which] = std::exchange(freed_order_[freed_oldest_], {p, n});
+        freed_oldest_ = (freed_oldest_ + 1) % kFreedKept;
         auto f = freed_.find(oldest);
         if (f != freed_.end() && f->second == which) {
-            freed_.erase(f);
+            spare_freed_.erase(freed_, f);
         }
     }
     lock.unlock();
@@ -91,9 +95,10 @@ void Pool::reset()
     for (auto& [p, a] : live_) {
         ::free(p);
     }
-    live_.clear();
-    freed_.clear();
+    spare_live_.clear(live_);
+    spare_freed_.clear(freed_);
     freed_order_.clear();
+    freed_oldest_ = 0;
     frees_ = 0;
     made_ = 0;
 }

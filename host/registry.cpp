@@ -49,17 +49,25 @@ struct RegistryAccess {
     static NTSTATUS open(Registry& r, std::u16string_view key, ULONG attributes, ACCESS_MASK access, HANDLE* handle)
     {
         std::lock_guard lock(r.mutex_);
-        r.opens_.push_back({std::u16string(key), attributes, access});
-        if (r.opens_.size() > Registry::kOpensKept) {
-            r.opens_.pop_front();
+        if (r.opens_next_ == r.opens_.size()) {
+            r.opens_.emplace_back();
         }
+        auto& open = r.opens_[r.opens_next_];
+        open.key.assign(key);
+        open.attributes = attributes;
+        open.access = access;
+        r.opens_next_ = (r.opens_next_ + 1) % Registry::kOpensKept;
+        r.opens_kept_ = std::min(r.opens_kept_ + 1, Registry::kOpensKept);
         // Names compare without regard to case only when the caller asks so.
         if (!r.exists(key, (attributes & OBJ_CASE_INSENSITIVE) == 0)) {
             return STATUS_OBJECT_NAME_NOT_FOUND;
         }
         bool kernel = (attributes & OBJ_KERNEL_HANDLE) != 0;
         uintptr_t h = (r.next_handle_ += 4) | (kernel ? kKernelHandle : 0);
-        r.handles_[h] = {std::u16string(key), access, kernel};
+        auto& opened = r.spare_handles_.at(r.handles_, h);
+        opened.key.assign(key);
+        opened.access = access;
+        opened.kernel = kernel;
         *handle = reinterpret_cast<HANDLE>(h);
         return STATUS_SUCCESS;
     }
@@ -100,7 +108,9 @@ struct RegistryAccess {
         if ((h->access & KEY_QUERY_VALUE) == 0) {
             return STATUS_ACCESS_DENIED;
         }
-        r.asked_.emplace(value_name);
+        if (r.asked_.find(value_name) == r.asked_.end()) {
+            r.asked_.emplace(value_name);
+        }
         auto key = r.keys_.find(h->key);
         if (key == r.keys_.end()) {
             return STATUS_OBJECT_NAME_NOT_FOUND;
@@ -119,7 +129,10 @@ struct RegistryAccess {
         if (find(r, lock, handle, "ZwClose", caller) == nullptr) {
             return STATUS_INVALID_HANDLE;
         }
-        r.handles_.erase(reinterpret_cast<uintptr_t>(handle));
+        // Found above; the lock may have been let go since.
+        if (auto h = r.handles_.find(reinterpret_cast<uintptr_t>(handle)); h != r.handles_.end()) {
+            r.spare_handles_.erase(r.handles_, h);
+        }
         return STATUS_SUCCESS;
     }
 };
@@ -183,8 +196,9 @@ void Registry::reset()
 {
     std::lock_guard lock(mutex_);
     keys_.clear();
-    handles_.clear();
-    opens_.clear();
+    spare_handles_.clear(handles_);
+    opens_kept_ = 0;
+    opens_next_ = 0;
     asked_.clear();
     next_handle_ = 0x100;
     service_key_present_ = true;
@@ -234,7 +248,13 @@ size_t Registry::open_keys() const
 std::vector<Registry::Open> Registry::recent_opens() const
 {
     std::lock_guard lock(mutex_);
-    return {opens_.begin(), opens_.end()};
+    // Until the ring is full its first entries are the opens, oldest first.
+    size_t oldest = opens_kept_ < kOpensKept ? 0 : opens_next_;
+    std::vector<Open> oldest_first;
+    for (size_t i = 0; i < opens_kept_; i++) {
+        oldest_first.push_back(opens_[(oldest + i) % kOpensKept]);
+    }
+    return oldest_first;
 }
 
 }  // namespace korvanel::host

@@ -47,6 +47,41 @@ std::string status_name(NTSTATUS status);  // "STATUS_SUCCESS", or 0x%08X
 std::optional<NTSTATUS> status_value(const std::string& name);  // the status status_name() names so
 std::string guid_text(const GUID& guid);   // {XXXXXXXX-XXXX-...}
 
+// The nodes of a std::map's erased entries, kept for its next inserts. The
+// bench's own bookkeeping (pool blocks, open handles) then allocates nothing
+// once a run is under way, and a fuzzing run spends its allocations, and the
+// sanitizer's checks on them, on the driver's memory. A kept node comes back
+// with its old value: the caller assigns every field.
+template <typename Map>
+class SpareNodes {
+public:
+    // map[key], in a kept node when the key is new.
+    typename Map::mapped_type& at(Map& map, const typename Map::key_type& key)
+    {
+        auto it = map.lower_bound(key);
+        if (it != map.end() && !map.key_comp()(key, it->first)) {
+            return it->second;
+        }
+        if (spare_.empty()) {
+            return map.emplace_hint(it, key, typename Map::mapped_type{})->second;
+        }
+        auto node = std::move(spare_.back());
+        spare_.pop_back();
+        node.key() = key;
+        return map.insert(it, std::move(node))->second;
+    }
+    void erase(Map& map, typename Map::iterator it) { spare_.push_back(map.extract(it)); }
+    void clear(Map& map)
+    {
+        while (!map.empty()) {
+            erase(map, map.begin());
+        }
+    }
+
+private:
+    std::vector<typename Map::node_type> spare_;
+};
+
 // ---- Clock ----------------------------------------------------------------
 // System time, thread delays and processor stalls. Virtual (default): time
 // moves only when the driver waits or stalls, the bus transfers, or a test
@@ -202,7 +237,13 @@ private:
         bool kernel;
     };
     std::map<uintptr_t, Handle> handles_;
-    std::deque<Open> opens_;
+    SpareNodes<std::map<uintptr_t, Handle>> spare_handles_;
+    // A ring of the latest opens: opens_kept_ of its entries hold one, and
+    // opens_next_ is the entry the next one takes. A reset keeps the entries
+    // (and the room their names have) for the next run's opens.
+    std::vector<Open> opens_;
+    size_t opens_kept_ = 0;
+    size_t opens_next_ = 0;
     std::set<std::u16string, NoCase> asked_;
     bool exists(std::u16string_view key, bool case_sensitive) const;  // with the mutex held
     uintptr_t next_handle_ = 0x100;
@@ -255,8 +296,11 @@ private:
     // told from a free of an address the pool never handed out. Bounded:
     // kFreedKept addresses, each dropped when the address is handed out again.
     static constexpr size_t kFreedKept = 4096;
-    std::deque<std::pair<void*, uint64_t>> freed_order_;  // (address, which free)
-    std::map<void*, uint64_t> freed_;                       // address -> its latest free
+    std::vector<std::pair<void*, uint64_t>> freed_order_;  // a ring of (address, which free)
+    size_t freed_oldest_ = 0;                              // its oldest, once full
+    std::map<void*, uint64_t> freed_;                      // address -> its latest free
+    SpareNodes<std::map<void*, Allocation>> spare_live_;
+    SpareNodes<std::map<void*, uint64_t>> spare_freed_;
     uint64_t frees_ = 0;
     size_t made_ = 0;
 };

@@ -198,4 +198,51 @@ TEST(HostRegistryTest, ValuesAreReadAsTheyWereStoredWithWindowsStatuses)
 }
 
 }  // namespace
+// The bounded records keep their latest entries, oldest first, once their
+// ring has wrapped, and a reset leaves them as a new bench has them.
+TEST(HostRegistryTest, TheLatestOpensAndFreesAreKeptThroughAWrapAndAReset)
+{
+    System sys;
+    auto open = [](ACCESS_MASK access) {
+        UNICODE_STRING key;
+        RtlInitUnicodeString(&key, u"\\Registry\\Machine\\Absent");
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &key, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        HANDLE handle;
+        EXPECT_EQ(ZwOpenKey(&handle, access, &attributes), STATUS_OBJECT_NAME_NOT_FOUND);
+    };
+    const size_t kept = host::Registry::kOpensKept;
+    for (ACCESS_MASK access = 1; access <= kept + 3; access++) {
+        open(access);
+    }
+    auto opens = sys.registry().recent_opens();
+    ASSERT_EQ(opens.size(), kept);
+    for (size_t i = 0; i < kept; i++) {
+        EXPECT_EQ(opens[i].access, i + 4) << i;
+    }
+    sys.registry().reset();
+    open(7);
+    opens = sys.registry().recent_opens();
+    ASSERT_EQ(opens.size(), 1u);
+    EXPECT_EQ(opens[0].access, 7u);
+
+    // The pool tells a second free from a stray one for its latest 4096 frees.
+    std::vector<void*> blocks(4098);
+    for (auto& b : blocks) {
+        b = sys.pool().allocate(NonPagedPoolNx, 8, 0x74736554);
+    }
+    for (auto* b : blocks) {
+        ASSERT_EQ(sys.pool().free(b, 0), Pool::Freed::Ok);
+    }
+    const std::pair<size_t, Pool::Freed> seconds[] = {{0, Pool::Freed::NeverAllocated},
+                                                      {1, Pool::Freed::NeverAllocated},
+                                                      {2, Pool::Freed::AlreadyFreed},
+                                                      {4097, Pool::Freed::AlreadyFreed}};
+    for (auto [block, second] : seconds) {
+        EXPECT_EQ(sys.pool().free(blocks[block], 0), second) << block;
+    }
+    sys.pool().reset();
+    EXPECT_EQ(sys.pool().free(blocks[4097], 0), Pool::Freed::NeverAllocated);
+}
+
 }  // namespace korvanel::test
