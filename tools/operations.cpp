@@ -28,20 +28,18 @@ std::string OpError::what() const
 
 namespace {
 
-// A message about a file an operation names stands without the operation.
-constexpr const char kFileProblem[] = "writefile: ";
-
 // Reads each item of `list` with `one`, which says what is wrong with an
-// item or nothing; the first mistake stops the list.
+// item or nothing, and clears `quoted` when its message is about a file the
+// item names and stands without the item; the first mistake stops the list.
 template <class One>
 bool parse_list(const std::string& list, const std::string& field, OpError& error, One one)
 {
     auto items = split(list, ',');
     for (size_t i = 0; i < items.size(); i++) {
-        std::string message = items[i].empty() ? "an empty operation" : one(items[i]);
+        bool quoted = true;
+        std::string message = items[i].empty() ? "an empty operation" : one(items[i], quoted);
         if (!message.empty()) {
-            bool file = message.starts_with(kFileProblem);
-            error = {field, i + 1, items.size(), file ? "" : excerpt(items[i]), message};
+            error = {field, i + 1, items.size(), quoted ? excerpt(items[i]) : "", message};
             return false;
         }
     }
@@ -111,12 +109,11 @@ std::string outside_memory(int64_t address, int64_t length, size_t size)
 }
 
 // What is wrong with a memory operation, or nothing with `op` filled.
-std::string memory_op(const std::string& item, MemoryOp& op, int64_t& length)
+std::string memory_op(const std::string& item, MemoryOp& op, int64_t& length, bool& quoted)
 {
     auto fields = split(item, ':');
     if (fields.size() == 1 && fields[0] == "load") {
         op = {MemoryOp::Kind::Load, 0, 0, {}};
-        length = -1;
         return {};
     }
     if (fields.size() != 3 || (fields[0] != "read" && fields[0] != "write" && fields[0] != "writefile")) {
@@ -144,11 +141,12 @@ std::string memory_op(const std::string& item, MemoryOp& op, int64_t& length)
     } else {
         std::string error;
         auto data = read_input(fields[2], "the data of a write", kWriteDataFileLimit, false, error);
+        quoted = data && !data->empty();
         if (!data) {
-            return kFileProblem + error;
+            return "writefile: " + error;
         }
         if (data->empty()) {
-            return kFileProblem + excerpt(fields[2]) + ": the file is empty";
+            return "writefile: " + excerpt(fields[2]) + ": the file is empty";
         }
         op.data = std::move(*data);
     }
@@ -161,7 +159,7 @@ std::string memory_op(const std::string& item, MemoryOp& op, int64_t& length)
 bool parse_actuator_ops(const std::string& list, const std::string& field, std::vector<ActuatorOp>& ops,
                         OpError& error)
 {
-    return parse_list(list, field, error, [&](const std::string& item) {
+    return parse_list(list, field, error, [&](const std::string& item, bool&) {
         ActuatorOp op{};
         auto message = actuator_op(item, op);
         if (message.empty()) {
@@ -174,10 +172,10 @@ bool parse_actuator_ops(const std::string& list, const std::string& field, std::
 bool parse_memory_ops(const std::string& list, const std::string& field, size_t size, std::vector<MemoryOp>& ops,
                       OpError& error, std::vector<std::string>* notes)
 {
-    return parse_list(list, field, error, [&](const std::string& item) {
+    return parse_list(list, field, error, [&](const std::string& item, bool& quoted) {
         MemoryOp op{};
         int64_t length = 0;
-        auto message = memory_op(item, op, length);
+        auto message = memory_op(item, op, length, quoted);
         if (!message.empty()) {
             return message;
         }
