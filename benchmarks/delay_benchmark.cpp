@@ -6,7 +6,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bus/delay.h"
-#include "host/system.h"
+#include "bench/bench.h"
 
 #include <chrono>
 
@@ -14,8 +14,8 @@ namespace {
 
 void BM_DelayMilliseconds(benchmark::State& state)
 {
-    korvanel::host::System sys;
-    sys.clock().set_mode(korvanel::host::Clock::Mode::Real);
+    korvanel::bench::Bench sys;
+    sys.clock().set_mode(korvanel::bench::Clock::Mode::Real);
     auto ms = static_cast<LONG>(state.range(0));
 
     auto start = std::chrono::steady_clock::now();

@@ -16,8 +16,8 @@
 #include <benchmark/benchmark.h>
 
 #include "bus/delay.h"
-#include "host/system.h"
-#include "host/verifier.h"
+#include "bench/bench.h"
+#include "bench/verifier.h"
 #include "platform/checked.h"
 #include "platform/device.h"
 #include "sensor/description.h"
@@ -37,11 +37,11 @@
 
 namespace {
 
-using korvanel::host::System;
+using korvanel::bench::Bench;
 
 // A loaded driver with one device whose interface the camera driver holds.
 struct Camera {
-    System sys;
+    Bench sys;
     SENSOR_INTERFACE si{};
     PSENSOR_CONTEXT ctx = nullptr;
 
@@ -435,7 +435,7 @@ void BM_UnloadPerDevice(benchmark::State& state)
     for (auto _ : state) {
         state.PauseTiming();
         {
-            System sys;
+            Bench sys;
             korvanel::platform::load_driver(sys);
             for (int i = 0; i < devices; i++) {
                 sys.add_device();
@@ -453,19 +453,19 @@ BENCHMARK(BM_UnloadPerDevice)->ArgName("devices")->Arg(64)->Arg(4096)->Iteration
 // ---- A fresh bench ------------------------------------------------------------------
 
 // A bench for the next piece of work, as the fuzz targets take one for every
-// input: a new System, or the same one reset; then the driver loaded and a
+// input: a new Bench, or the same one reset; then the driver loaded and a
 // device added. Counters: us per bench, and the reset alone.
 void BM_FreshBench(benchmark::State& state)
 {
     bool reset = state.range(0) != 0;
-    std::optional<System> kept;
+    std::optional<Bench> kept;
     if (reset) {
         kept.emplace();
     }
     double reset_ns = 0;
     for (auto _ : state) {
-        std::optional<System> made;
-        System* sys;
+        std::optional<Bench> made;
+        Bench* sys;
         if (reset) {
             auto start = Clock::now();
             kept->reset();
@@ -488,7 +488,7 @@ BENCHMARK(BM_FreshBench)->ArgName("reset")->Arg(0)->Arg(1)->Unit(benchmark::kMic
 // 50 us processor stalls, 10 ms one thread sleep.
 void BM_VirtualClock(benchmark::State& state)
 {
-    System sys;
+    Bench sys;
     auto ms = LONG(state.range(0));
     int64_t start = sys.clock().now();
     auto wall = Clock::now();
@@ -509,7 +509,7 @@ int main(int argc, char** argv)
 {
     // KORVANEL_VERIFIER (on, sweep, off) sets the mode, as for every run.
     static const char* const kModes[] = {"off", "on", "sweep"};
-    benchmark::AddCustomContext("verifier", kModes[int(korvanel::host::verifier::mode())]);
+    benchmark::AddCustomContext("verifier", kModes[int(korvanel::bench::verifier::mode())]);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;

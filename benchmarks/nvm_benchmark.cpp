@@ -9,8 +9,8 @@
 #include <benchmark/benchmark.h>
 
 #include "platform/checked.h"
-#include "host/bus.h"
-#include "host/system.h"
+#include "bench/spb_controller.h"
+#include "bench/bench.h"
 #include "nvm/nvm.h"
 #include "sensor/device_context.h"
 #include "platform/device.h"
@@ -20,9 +20,9 @@
 
 namespace {
 
-using korvanel::host::Bus;
-using korvanel::host::BusSpeed;
-using korvanel::host::System;
+using korvanel::bench::Bus;
+using korvanel::bench::BusSpeed;
+using korvanel::bench::Bench;
 
 // How the family's write is cut and what it waits: the chunk each engine
 // call carries, the wait after each call, the erase before the write.
@@ -48,7 +48,7 @@ void BM_Memory(benchmark::State& state, Work work)
     for (auto _ : state) {
         state.PauseTiming();
         {
-            System sys;
+            Bench sys;
             korvanel::platform::load_driver(sys);
             auto* ctx = static_cast<PDEVICE_CONTEXT>(sys.add_device().context());
             uint32_t cache = std::min<uint32_t>(row.Size, NVM_CACHE_SIZE);

@@ -4,7 +4,7 @@
 #include <benchmark/benchmark.h>
 
 #include "driver/driver.h"
-#include "host/system.h"
+#include "bench/bench.h"
 #include "platform/device.h"
 #include "sensor/sensor_interface.h"
 #include "trace/trace.h"
@@ -13,7 +13,7 @@ namespace {
 
 void ReferencePair(benchmark::State& state, bool tracing)
 {
-    korvanel::host::System sys;
+    korvanel::bench::Bench sys;
     if (tracing) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }

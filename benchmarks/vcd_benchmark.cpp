@@ -7,8 +7,8 @@
 #include <benchmark/benchmark.h>
 
 #include "platform/checked.h"
-#include "host/bus.h"
-#include "host/system.h"
+#include "bench/spb_controller.h"
+#include "bench/bench.h"
 #include "wire/vcd.h"
 #include "nvm/nvm.h"
 #include "platform/device.h"
@@ -22,10 +22,10 @@
 
 namespace {
 
-using korvanel::host::Bus;
-using korvanel::host::BusSpeed;
-using korvanel::host::BusTransfer;
-using korvanel::host::System;
+using korvanel::bench::Bus;
+using korvanel::bench::BusSpeed;
+using korvanel::bench::BusTransfer;
+using korvanel::bench::Bench;
 using korvanel::wire::VcdWriter;
 using korvanel::files::OutputFile;
 
@@ -48,7 +48,7 @@ void BM_VcdTransfers(benchmark::State& state)
     std::string path = "/tmp/korvanel_vcd_benchmark.vcd";
     BusTransfer t{};
     t.address = 0x50;
-    t.direction = korvanel::sim::Direction::Write;
+    t.direction = korvanel::models::Direction::Write;
     t.length = 4;
     t.bytes = {0x00, 0x20, 0x5A, 0xA5};
     t.status = STATUS_SUCCESS;
@@ -97,7 +97,7 @@ void BM_MemoryWriteWaveform(benchmark::State& state)
     std::string path = "/tmp/korvanel_vcd_benchmark_8k.vcd";
     uint64_t written = 0;
     for (auto _ : state) {
-        System sys;
+        Bench sys;
         sys.bus().set_speed(BusSpeed::Fast);
         OutputFile file;
         VcdWriter vcd;

@@ -11,8 +11,8 @@
 #include <benchmark/benchmark.h>
 
 #include "platform/checked.h"
-#include "host/bus.h"
-#include "host/system.h"
+#include "bench/spb_controller.h"
+#include "bench/bench.h"
 #include "sensor/device_context.h"
 #include "platform/actuator.h"
 #include "platform/device.h"
@@ -23,15 +23,15 @@
 
 namespace {
 
-using korvanel::host::Bus;
-using korvanel::host::BusSpeed;
-using korvanel::host::Clock;
-using korvanel::host::System;
+using korvanel::bench::Bus;
+using korvanel::bench::BusSpeed;
+using korvanel::bench::Clock;
+using korvanel::bench::Bench;
 
 constexpr uint64_t kConnection = 0x1C;
 
 // The wire time of every transfer and every pause, 100 ns units.
-int64_t bus_and_pauses(System& sys)
+int64_t bus_and_pauses(Bench& sys)
 {
     int64_t total = 0;
     for (auto& t : sys.bus().transcript()) {
@@ -43,9 +43,9 @@ int64_t bus_and_pauses(System& sys)
     return total;
 }
 
-void BM_Actuator(benchmark::State& state, const korvanel::sim::ActuatorChip* chip, bool reset)
+void BM_Actuator(benchmark::State& state, const korvanel::models::ActuatorChip* chip, bool reset)
 {
-    System sys;
+    Bench sys;
     korvanel::platform::load_driver(sys);
     auto* ctx = static_cast<PDEVICE_CONTEXT>(sys.add_device().context());
     korvanel::platform::ActuatorSelection selection{chip->name, kConnection};
@@ -89,7 +89,7 @@ void BM_Actuator(benchmark::State& state, const korvanel::sim::ActuatorChip* chi
 
 int main(int argc, char** argv)
 {
-    for (auto& chip : korvanel::sim::actuator_chips()) {
+    for (auto& chip : korvanel::models::actuator_chips()) {
         benchmark::RegisterBenchmark((chip.name + "/Init").c_str(), BM_Actuator, &chip, false)
             ->Unit(benchmark::kMicrosecond)
             ->UseRealTime();

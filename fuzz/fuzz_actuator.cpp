@@ -9,8 +9,8 @@
 
 #include "platform/actuator.h"
 #include "platform/device.h"
-#include "host/bus.h"
-#include "host/system.h"
+#include "bench/spb_controller.h"
+#include "bench/bench.h"
 #include "sensor/device_context.h"
 #include "trace/trace.h"
 #include "vcm/vcm.h"
@@ -19,7 +19,7 @@
 #include <string>
 
 using korvanel::fuzz::Input;
-using korvanel::host::System;
+using korvanel::bench::Bench;
 
 namespace {
 
@@ -62,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     defaults.restore();
 
     Input in(data, size);
-    System& sys = korvanel::fuzz::bench();
+    Bench& sys = korvanel::fuzz::bench();
     if (in.flag()) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }

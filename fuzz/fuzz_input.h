@@ -3,8 +3,8 @@
 // as zeros, so every input is a complete run.
 #pragma once
 
-#include "host/bus.h"
-#include "host/system.h"
+#include "bench/spb_controller.h"
+#include "bench/bench.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -52,15 +52,15 @@ private:
     size_t at_ = 0;
 };
 
-// The bench every input runs on: one System for the whole run, reset at the
+// The bench every input runs on: one Bench for the whole run, reset at the
 // end of each input (unload_clean) to the state a new one starts in. A new
-// System would set up a fresh heap of tables and rings for every input; a
+// Bench would set up a fresh heap of tables and rings for every input; a
 // reset clears them. The reset frees what the input allocated within the
 // input, so that libFuzzer's count of allocations and frees stays balanced
 // and it does not look for a leak in every input.
-inline host::System& bench()
+inline bench::Bench& bench()
 {
-    static host::System* const system = new host::System();  // lives as long as the run
+    static bench::Bench* const system = new bench::Bench();  // lives as long as the run
     system->bus().keep_transfers(0);  // no input reads the transcript
     return *system;
 }
@@ -75,26 +75,26 @@ inline host::System& bench()
     } while (0)
 
 // One of the ways a transfer goes wrong on the bus.
-inline host::BusFault bus_fault(Input& in)
+inline bench::BusFault bus_fault(Input& in)
 {
     switch (in.pick(4)) {
     case 0:
-        return host::BusFault::fail(STATUS_UNSUCCESSFUL);
+        return bench::BusFault::fail(STATUS_UNSUCCESSFUL);
     case 1:
-        return host::BusFault::nack();
+        return bench::BusFault::nack();
     case 2:
-        return host::BusFault::timeout();
+        return bench::BusFault::timeout();
     default:
-        return host::BusFault::complete_with(STATUS_NOTIFY_CLEANUP);
+        return bench::BusFault::complete_with(STATUS_NOTIFY_CLEANUP);
     }
 }
 
 // The bus at either speed, with up to three of the transfers numbered below
 // `transfers` (counted from the bench's start) going wrong.
-inline void fault_bus(Input& in, host::System& sys, unsigned transfers)
+inline void fault_bus(Input& in, bench::Bench& sys, unsigned transfers)
 {
     if (in.flag()) {
-        sys.bus().set_speed(host::BusSpeed::Fast);
+        sys.bus().set_speed(bench::BusSpeed::Fast);
     }
     for (unsigned faults = in.pick(4); faults > 0; faults--) {
         sys.bus().fail_transfer(in.pick(transfers), bus_fault(in));
@@ -103,7 +103,7 @@ inline void fault_bus(Input& in, host::System& sys, unsigned transfers)
 
 // The end of every run: whatever happened, the driver unloads clean; then the
 // bench is reset for the next input.
-inline void unload_clean(host::System& sys)
+inline void unload_clean(bench::Bench& sys)
 {
     auto report = sys.unload_driver();
     if (!report.clean()) {

@@ -6,7 +6,7 @@
 // driver unloads clean.
 #include "fuzz_input.h"
 
-#include "host/system.h"
+#include "bench/bench.h"
 #include "platform/checked.h"
 #include "platform/device.h"
 #include "sensor/sensor_interface.h"
@@ -15,8 +15,8 @@
 #include <string>
 
 using korvanel::fuzz::Input;
-using korvanel::host::DeviceConfig;
-using korvanel::host::System;
+using korvanel::bench::DeviceConfig;
+using korvanel::bench::Bench;
 
 namespace {
 
@@ -27,7 +27,7 @@ const char16_t* const kHardwareIds[] = {u"root\\KORVANEL\\sve",   u"root\\KORVAN
                                         u"root\\KORVANEL\\dpc_T3", u"ROOT\\korvanel\\RGBIR"};
 const uint32_t kValueTypes[] = {REG_DWORD, REG_SZ, REG_BINARY, REG_QWORD};
 
-void Configure(Input& in, System& sys, DeviceConfig& device)
+void Configure(Input& in, Bench& sys, DeviceConfig& device)
 {
     for (const char* name : kValueNames) {
         switch (in.pick(4)) {
@@ -213,7 +213,7 @@ void Call(Input& in, SENSOR_INTERFACE& si, PSENSOR_CONTEXT device, int& power_re
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Input in(data, size);
-    System& sys = korvanel::fuzz::bench();
+    Bench& sys = korvanel::fuzz::bench();
     DeviceConfig device;
     Configure(in, sys, device);
     FUZZ_CHECK(korvanel::platform::load_driver(sys) == STATUS_SUCCESS);

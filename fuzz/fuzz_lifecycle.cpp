@@ -6,7 +6,7 @@
 // the power state under the idle policy; at the end it unloads clean.
 #include "fuzz_input.h"
 
-#include "host/system.h"
+#include "bench/bench.h"
 #include "platform/checked.h"
 #include "platform/device.h"
 #include "sensor/device_context.h"
@@ -14,8 +14,8 @@
 #include "trace/trace.h"
 
 using korvanel::fuzz::Input;
-using korvanel::host::Device;
-using korvanel::host::System;
+using korvanel::bench::Device;
+using korvanel::bench::Bench;
 
 namespace {
 
@@ -50,7 +50,7 @@ void Check(Held& h, int64_t now)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Input in(data, size);
-    System& sys = korvanel::fuzz::bench();
+    Bench& sys = korvanel::fuzz::bench();
     if (in.pick(4) == 0) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }

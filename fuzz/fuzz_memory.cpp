@@ -10,8 +10,8 @@
 
 #include "platform/checked.h"
 
-#include "host/bus.h"
-#include "host/system.h"
+#include "bench/spb_controller.h"
+#include "bench/bench.h"
 #include "platform/device.h"
 #include "platform/memory.h"
 #include "nvm/nvm.h"
@@ -19,7 +19,7 @@
 #include "trace/trace.h"
 
 using korvanel::fuzz::Input;
-using korvanel::host::System;
+using korvanel::bench::Bench;
 
 namespace {
 
@@ -42,7 +42,7 @@ LONG Length(Input& in)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Input in(data, size);
-    System& sys = korvanel::fuzz::bench();
+    Bench& sys = korvanel::fuzz::bench();
     if (in.flag()) {
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     }

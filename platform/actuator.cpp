@@ -1,14 +1,14 @@
 // actuator.cpp - selecting a lens actuator for a device.
 #include "actuator.h"
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 
 #include <cstdio>
 #include <utility>
 
 namespace korvanel::platform {
 
-uint8_t usual_actuator_address(const sim::ActuatorChip& chip)
+uint8_t usual_actuator_address(const models::ActuatorChip& chip)
 {
     // From the chips' datasheets (write address 0x18 is 7-bit 0x0C).
     static const std::pair<const char*, uint8_t> kAddresses[] = {
@@ -23,14 +23,14 @@ uint8_t usual_actuator_address(const sim::ActuatorChip& chip)
     return 0;
 }
 
-std::shared_ptr<sim::ActuatorModel> select_actuator(host::System& sys, PDEVICE_CONTEXT context,
+std::shared_ptr<models::ActuatorModel> select_actuator(bench::Bench& sys, PDEVICE_CONTEXT context,
                                                     const ActuatorSelection& selection)
 {
-    const sim::ActuatorChip* chip = sim::find_actuator_chip(selection.chip);
+    const models::ActuatorChip* chip = models::find_actuator_chip(selection.chip);
     if (chip == nullptr || context == nullptr) {
         return nullptr;
     }
-    auto model = std::make_shared<sim::ActuatorModel>(*chip);
+    auto model = std::make_shared<models::ActuatorModel>(*chip);
     sys.bus().attach(selection.connection, model);
     sys.bus().set_address(selection.connection, selection.address.value_or(usual_actuator_address(*chip)));
     context->I2cConnections[I2C_SLOT_VCM].ConnectionId = selection.connection;

@@ -5,9 +5,9 @@
 #pragma once
 
 #include "sensor/device_context.h"
-#include "sim/actuator.h"
+#include "models/actuator.h"
 
-#include "host/system.h"
+#include "bench/bench.h"
 
 #include <cstdint>
 #include <memory>
@@ -17,7 +17,7 @@
 namespace korvanel::platform {
 
 struct ActuatorSelection {
-    std::string chip;                   // a name of sim::actuator_chips() (any case) or its row
+    std::string chip;                   // a name of models::actuator_chips() (any case) or its row
     uint64_t connection = 0x1C;         // resource-hub connection id of slot 1
     unsigned low = 0;                   // VcmLowPosition
     unsigned high = 1023;               // VcmHighPosition
@@ -27,10 +27,10 @@ struct ActuatorSelection {
 
 // The 7-bit bus address the chip answers on when its address pins are left
 // as module makers usually leave them; 0 for an unknown chip.
-uint8_t usual_actuator_address(const sim::ActuatorChip& chip);
+uint8_t usual_actuator_address(const models::ActuatorChip& chip);
 
 // The model attached and selected; null for an unknown chip.
-std::shared_ptr<sim::ActuatorModel> select_actuator(host::System& sys, PDEVICE_CONTEXT context,
+std::shared_ptr<models::ActuatorModel> select_actuator(bench::Bench& sys, PDEVICE_CONTEXT context,
                                                     const ActuatorSelection& selection);
 
 }  // namespace korvanel::platform

@@ -3,7 +3,7 @@
 // operation's name and declared level and holding the driver's routine.
 #include "checked.h"
 
-#include "host/irql_rules.h"
+#include "bench/irql_rules.h"
 
 #include <atomic>
 #include <utility>
@@ -12,7 +12,7 @@ namespace korvanel::platform {
 
 namespace {
 
-namespace verifier = host::verifier;
+namespace verifier = bench::verifier;
 
 // A name as a template argument.
 template <size_t N>
@@ -77,7 +77,7 @@ struct Checked<Operation, Highest, R (*)(A...), Row> {
     [[gnu::always_inline]] static void returned(uint32_t entered)
     {
         if (verifier::t_state != entered) {
-            verifier::returned_changed(Operation.text, entered, host::stops::kIrqlUnexpectedValue);
+            verifier::returned_changed(Operation.text, entered, bench::stops::kIrqlUnexpectedValue);
         }
     }
 
@@ -169,7 +169,7 @@ SENSOR_INTERFACE checked_interface(const SENSOR_INTERFACE& published)
     return si;
 }
 
-NTSTATUS query_sensor_interface(host::Device& device, SENSOR_INTERFACE* out)
+NTSTATUS query_sensor_interface(bench::Device& device, SENSOR_INTERFACE* out)
 {
     NTSTATUS status = device.query_interface(GUID_SENSOR_INTERFACE, out, SENSOR_INTERFACE_VERSION);
     if (NT_SUCCESS(status)) {

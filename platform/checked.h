@@ -10,7 +10,7 @@
 // With the verifier off the records are the driver's own, untouched.
 #pragma once
 
-#include "host/system.h"
+#include "bench/bench.h"
 #include "nvm/nvm.h"
 #include "sensor/device_context.h"
 #include "sensor/sensor_interface.h"
@@ -21,7 +21,7 @@ namespace korvanel::platform {
 // The camera driver's query-interface request for SENSOR_INTERFACE: the
 // framework's copy of the record, one reference taken, its operations
 // reached through the verifier.
-NTSTATUS query_sensor_interface(host::Device& device, SENSOR_INTERFACE* out);
+NTSTATUS query_sensor_interface(bench::Device& device, SENSOR_INTERFACE* out);
 
 // A copy of `published` whose operations go through the verifier.
 SENSOR_INTERFACE checked_interface(const SENSOR_INTERFACE& published);

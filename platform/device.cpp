@@ -3,13 +3,13 @@
 #include "checked.h"
 
 #include "driver/driver.h"
-#include "host/device.h"
+#include "bench/device_object.h"
 
 namespace korvanel::platform {
 
-NTSTATUS load_driver(host::System& sys) { return sys.load_driver(DriverEntry); }
+NTSTATUS load_driver(bench::Bench& sys) { return sys.load_driver(DriverEntry); }
 
-OpenDevice open_device(host::System& sys, host::DeviceConfig config)
+OpenDevice open_device(bench::Bench& sys, bench::DeviceConfig config)
 {
     OpenDevice out;
     out.device = &sys.add_device(std::move(config));

@@ -1,14 +1,14 @@
 // memory.cpp - the parts behind the memory types, and selecting one for a device.
 #include "memory.h"
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 #include "nvm/nvm.h"
 
 namespace korvanel::platform {
 
 std::optional<MemoryGeometry> memory_geometry(unsigned type)
 {
-    using Kind = sim::Eeprom::Kind;
+    using Kind = models::Eeprom::Kind;
     // How each memory type's part is addressed and its physical write page;
     // its size is the driver's row's. The DW9806B's physical write page is
     // assumed to be 32 bytes, the chunk its driver writes; no datasheet
@@ -26,19 +26,19 @@ std::optional<MemoryGeometry> memory_geometry(unsigned type)
     case 11: kind = Kind::Paged, page = 32; break;
     default: return std::nullopt;
     }
-    sim::Eeprom::Geometry part{kind, NvmDriverTable[type].Size, page};
-    size_t connections = part.kind == Kind::Blocks ? part.size / sim::Eeprom::kBlockSize : 1;
+    models::Eeprom::Geometry part{kind, NvmDriverTable[type].Size, page};
+    size_t connections = part.kind == Kind::Blocks ? part.size / models::Eeprom::kBlockSize : 1;
     return MemoryGeometry{part.size, NvmDriverTable[type].PageSize, connections, part};
 }
 
-std::shared_ptr<sim::Eeprom> select_memory(host::System& sys, PDEVICE_CONTEXT context,
+std::shared_ptr<models::Eeprom> select_memory(bench::Bench& sys, PDEVICE_CONTEXT context,
                                            const MemorySelection& selection)
 {
     auto geometry = memory_geometry(selection.type);
     if (!geometry || context == nullptr) {
         return nullptr;
     }
-    auto model = std::make_shared<sim::Eeprom>(geometry->part);
+    auto model = std::make_shared<models::Eeprom>(geometry->part);
     const NVM_DRIVER& row = NvmDriverTable[selection.type];
     context->NvmType = selection.type;
     context->NvmSize = LONG(row.Size);

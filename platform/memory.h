@@ -6,9 +6,9 @@
 #pragma once
 
 #include "sensor/device_context.h"
-#include "sim/eeprom.h"
+#include "models/eeprom.h"
 
-#include "host/system.h"
+#include "bench/bench.h"
 
 #include <cstdint>
 #include <memory>
@@ -22,7 +22,7 @@ struct MemoryGeometry {
     size_t size;         // bytes: the part's size, and NvmSize
     size_t page_size;    // NvmPageSize: the row's write page or block
     size_t connections;  // one, or one per 256-byte block
-    sim::Eeprom::Geometry part;
+    models::Eeprom::Geometry part;
 };
 
 // Types 5 to 12 have a part; nothing for the others.
@@ -42,7 +42,7 @@ constexpr uint8_t kUsualMemoryAddress = 0x50;
 
 // The part attached and the context set; the part starts erased. Null for a
 // type without a part.
-std::shared_ptr<sim::Eeprom> select_memory(host::System& sys, PDEVICE_CONTEXT context,
+std::shared_ptr<models::Eeprom> select_memory(bench::Bench& sys, PDEVICE_CONTEXT context,
                                            const MemorySelection& selection);
 
 }  // namespace korvanel::platform

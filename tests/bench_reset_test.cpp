@@ -1,10 +1,10 @@
 // bench_reset_test.cpp - a bench reset after any work answers as a new bench:
-// the same work on a new System and on one reset after other work gives the
+// the same work on a new Bench and on one reset after other work gives the
 // same statuses, outputs, bus transcript, trace, delays, pool figures and
 // unload report, byte for byte.
-#include "bench.h"
+#include "driver_fixture.h"
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 #include "platform/actuator.h"
 #include "platform/memory.h"
 
@@ -23,7 +23,7 @@ std::string hex(uint64_t v)
 
 // Work chosen by `seed`, as a camera driver and a platform would do it, and
 // all that can be seen of it, as text.
-std::string work(host::System& sys, uint32_t seed)
+std::string work(bench::Bench& sys, uint32_t seed)
 {
     std::mt19937 random(seed);
     auto pick = [&](unsigned n) { return unsigned(random() % n); };
@@ -44,22 +44,22 @@ std::string work(host::System& sys, uint32_t seed)
     if (pick(4) == 0) {
         sys.faults().fail("ZwQueryValueKey", STATUS_INSUFFICIENT_RESOURCES, pick(4));
     }
-    seen << "load " << host::status_name(platform::load_driver(sys)) << "\n";
+    seen << "load " << bench::status_name(platform::load_driver(sys)) << "\n";
     static const std::u16string kIds[] = {u"root\\KORVANEL\\rgbir", u"root\\KORVANEL\\md", u"root\\OTHER"};
-    host::DeviceConfig config;
+    bench::DeviceConfig config;
     config.hardware_ids = {kIds[pick(3)]};
     auto dev = platform::open_device(sys, config);
-    seen << "open " << host::status_name(dev.status) << " " << dev.device->handle() << " registration "
+    seen << "open " << bench::status_name(dev.status) << " " << dev.device->handle() << " registration "
          << int(sys.traces().registration()) << "\n";
     if (NT_SUCCESS(dev.status)) {
         auto* ctx = static_cast<PSENSOR_CONTEXT>(dev.si.InterfaceHeader.Context);
         platform::select_actuator(sys, dev.context, {std::to_string(1 + pick(8))});
         platform::select_memory(sys, dev.context, {5 + pick(8), 0x50, 64});
         if (pick(2) != 0) {
-            sys.bus().set_speed(host::BusSpeed::Fast);
+            sys.bus().set_speed(bench::BusSpeed::Fast);
         }
         if (pick(2) != 0) {
-            sys.bus().fail_transfer(pick(30), host::BusFault::nack());
+            sys.bus().fail_transfer(pick(30), bench::BusFault::nack());
         }
         const VCM_DRIVER& lens = platform::actuator_table()[dev.context->VcmType];
         const NVM_DRIVER& memory = platform::memory_table()[dev.context->NvmType];
@@ -94,7 +94,7 @@ std::string work(host::System& sys, uint32_t seed)
                 break;
             }
             }
-            seen << step << " " << host::status_name(status) << " " << value << " " << position << "\n";
+            seen << step << " " << bench::status_name(status) << " " << value << " " << position << "\n";
         }
         dev.si.InterfaceHeader.InterfaceDereference(ctx);
         for (const auto& target : sys.bus().targets()) {
@@ -102,7 +102,7 @@ std::string work(host::System& sys, uint32_t seed)
         }
         for (const auto& t : sys.bus().transcript()) {
             seen << "bus " << t.index << " " << hex(t.connection) << " " << int(t.direction) << " "
-                 << hex_bytes(t.bytes.data(), t.bytes.size()) << " " << host::status_name(t.status) << " " << t.time
+                 << hex_bytes(t.bytes.data(), t.bytes.size()) << " " << bench::status_name(t.status) << " " << t.time
                  << "\n";
         }
     }
@@ -124,10 +124,10 @@ TEST(BenchResetTest, AResetBenchAnswersAsANewOne)
         SCOPED_TRACE(seed);
         std::string fresh;
         {
-            host::System sys;
+            bench::Bench sys;
             fresh = work(sys, seed);
         }
-        host::System sys;
+        bench::Bench sys;
         // Other work first, left in any state: the driver loaded or not,
         // references and power references held, rules and parts in place.
         std::mt19937 other(seed);

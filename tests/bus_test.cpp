@@ -1,21 +1,21 @@
 // The simulated resource hub and SPB bus under the driver: which requests it
 // refuses, what it carries out and records, how long transfers take on the
 // clock, and each kind of injected fault.
-#include "bench.h"
+#include "driver_fixture.h"
 
 #include "bus/i2c.h"
-#include "host/bus.h"
-#include "sim/recording.h"
-#include "sim/scripted.h"
+#include "bench/spb_controller.h"
+#include "models/recording.h"
+#include "models/scripted.h"
 
 #include <tuple>
 
 namespace korvanel::test {
 namespace {
 
-using host::BusFault;
-using host::BusSpeed;
-using sim::Direction;
+using bench::BusFault;
+using bench::BusSpeed;
+using models::Direction;
 
 constexpr uint64_t kId = 0x2a;
 constexpr LONGLONG kEightSeconds = -80000000;
@@ -53,8 +53,8 @@ class BusTest : public DriverTest {
 protected:
     PDEVICE_CONTEXT ctx = nullptr;
     WDFIOTARGET target = nullptr;
-    std::shared_ptr<sim::ScriptedPeripheral> script;
-    std::shared_ptr<sim::RecordingPeripheral> part;
+    std::shared_ptr<models::ScriptedPeripheral> script;
+    std::shared_ptr<models::RecordingPeripheral> part;
 
     void SetUp() override
     {
@@ -69,8 +69,8 @@ protected:
 
     void fresh_part()
     {
-        script = std::make_shared<sim::ScriptedPeripheral>();
-        part = std::make_shared<sim::RecordingPeripheral>(script);
+        script = std::make_shared<models::ScriptedPeripheral>();
+        part = std::make_shared<models::RecordingPeripheral>(script);
         sys.bus().attach(kId, part);
     }
 
@@ -118,14 +118,14 @@ TEST_F(BusTest, RefusesMalformedRequestsBeforeTheBus)
 
 TEST_F(BusTest, RecordsEveryTransferWithItsOutcome)
 {
-    script->expect_write({0x03, 0x80}).reply({0x5a}).expect_write({0x04, 0x00}, sim::kNack).reply({0x11},
+    script->expect_write({0x03, 0x80}).reply({0x5a}).expect_write({0x04, 0x00}, models::kNack).reply({0x11},
                                                                                                   STATUS_UNSUCCESSFUL);
     std::vector<uint8_t> address = {0x03, 0x80}, data = {0xEE}, refused = {0x04, 0x00}, unread = {0xEE};
     ULONG_PTR returned[4];
     int64_t start = sys.clock().now();
     EXPECT_EQ(send(Direction::Write, address, kEightSeconds, &returned[0]), STATUS_SUCCESS);
     EXPECT_EQ(send(Direction::Read, data, kEightSeconds, &returned[1]), STATUS_SUCCESS);
-    EXPECT_EQ(send(Direction::Write, refused, -500000, &returned[2]), sim::kNack);
+    EXPECT_EQ(send(Direction::Write, refused, -500000, &returned[2]), models::kNack);
     EXPECT_EQ(send(Direction::Read, unread, -500000, &returned[3]), STATUS_UNSUCCESSFUL);
 
     EXPECT_EQ(data[0], 0x5a);
@@ -142,7 +142,7 @@ TEST_F(BusTest, RecordsEveryTransferWithItsOutcome)
     }
     EXPECT_EQ(rows, (std::vector<Row>{{Direction::Write, {0x03, 0x80}, kEightSeconds, STATUS_SUCCESS},
                                       {Direction::Read, {0x5a}, kEightSeconds, STATUS_SUCCESS},
-                                      {Direction::Write, {0x04, 0x00}, -500000, sim::kNack},
+                                      {Direction::Write, {0x04, 0x00}, -500000, models::kNack},
                                       {Direction::Read, {}, -500000, STATUS_UNSUCCESSFUL}}));
 }
 
@@ -182,10 +182,10 @@ TEST_F(BusTest, WireTimeAtEachBusSpeed)
 
 TEST_F(BusTest, EachKindOfFault)
 {
-    using Script = sim::ScriptedPeripheral;
+    using Script = models::ScriptedPeripheral;
     const struct {
         const char* what;
-        void (*arrange)(host::Bus&, Script&);
+        void (*arrange)(bench::Bus&, Script&);
         Direction direction;
         LONGLONG timeout;
         NTSTATUS status;
@@ -193,26 +193,26 @@ TEST_F(BusTest, EachKindOfFault)
         int64_t elapsed;  // 100 ns units, on an instant bus
     } cases[] = {
         {"fail by index",
-         [](host::Bus& bus, Script&) { bus.fail_transfer(bus.transfer_count(), BusFault::fail(STATUS_DEVICE_PROTOCOL_ERROR)); },
+         [](bench::Bus& bus, Script&) { bus.fail_transfer(bus.transfer_count(), BusFault::fail(STATUS_DEVICE_PROTOCOL_ERROR)); },
          Direction::Write, kEightSeconds, STATUS_DEVICE_PROTOCOL_ERROR, false, 0},
         {"NACK by rule",
-         [](host::Bus& bus, Script&) { bus.fail_when({.connection = kId, .direction = Direction::Read}, BusFault::nack()); },
-         Direction::Read, kEightSeconds, sim::kNack, false, 0},
+         [](bench::Bus& bus, Script&) { bus.fail_when({.connection = kId, .direction = Direction::Read}, BusFault::nack()); },
+         Direction::Read, kEightSeconds, models::kNack, false, 0},
         {"time-out",
-         [](host::Bus& bus, Script&) { bus.fail_transfer(bus.transfer_count(), BusFault::timeout()); },
+         [](bench::Bus& bus, Script&) { bus.fail_transfer(bus.transfer_count(), BusFault::timeout()); },
          Direction::Write, -500000, STATUS_IO_TIMEOUT, false, 500000},
         {"completes with STATUS_NOTIFY_CLEANUP",
-         [](host::Bus& bus, Script&) { bus.fail_when({}, BusFault::complete_with(STATUS_NOTIFY_CLEANUP)); },
+         [](bench::Bus& bus, Script&) { bus.fail_when({}, BusFault::complete_with(STATUS_NOTIFY_CLEANUP)); },
          Direction::Read, kEightSeconds, STATUS_NOTIFY_CLEANUP, true, 0},
         {"part holds the bus past the time-out",
-         [](host::Bus&, Script& script) { script.expect_write({}, STATUS_SUCCESS, 600000); },
+         [](bench::Bus&, Script& script) { script.expect_write({}, STATUS_SUCCESS, 600000); },
          Direction::Write, -500000, STATUS_IO_TIMEOUT, true, 500000},
         {"part holds the bus a while",
-         [](host::Bus&, Script& script) { script.expect_write({}, STATUS_SUCCESS, 1000); },
+         [](bench::Bus&, Script& script) { script.expect_write({}, STATUS_SUCCESS, 1000); },
          Direction::Write, -500000, STATUS_SUCCESS, true, 1000},
         {"nothing attached any more",
-         [](host::Bus& bus, Script&) { bus.detach(kId); },
-         Direction::Write, kEightSeconds, sim::kNack, false, 0},
+         [](bench::Bus& bus, Script&) { bus.detach(kId); },
+         Direction::Write, kEightSeconds, models::kNack, false, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);

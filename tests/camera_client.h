@@ -4,7 +4,7 @@
 // rewrites the driver-wide PDAF fields from the registry; they are put back.
 #pragma once
 
-#include "bench.h"
+#include "driver_fixture.h"
 
 #include "sensor/description.h"
 
@@ -17,12 +17,12 @@ class CameraTest : public DriverTest {
 protected:
     SENSOR_INTERFACE si{};
     PSENSOR_CONTEXT ctx = nullptr;
-    host::Device* dev = nullptr;
+    bench::Device* dev = nullptr;
     const PDAF_INFO savedPdaf = PdafInfoTemplate;
     const ULONG savedPdafType = SensorParameters.PdafType;
 
     // Adds the device (after the test set the registry) and takes the interface.
-    void open(host::DeviceConfig config = {})
+    void open(bench::DeviceConfig config = {})
     {
         close();
         auto opened = platform::open_device(sys, std::move(config));
@@ -35,7 +35,7 @@ protected:
     // A device enumerated under these hardware identifiers.
     void open(std::vector<std::u16string> hardware_ids)
     {
-        host::DeviceConfig config;
+        bench::DeviceConfig config;
         config.hardware_ids = std::move(hardware_ids);
         open(std::move(config));
     }

@@ -111,7 +111,7 @@ TEST(Capture, DecodingAFileNeedsSigrokAndItsChannels)
 
 TEST(Capture, ADifferenceShowsBothSidesOfTheFirstDifferingTransfer)
 {
-    WireTransfer a{false, 0x50, sim::Direction::Write, true, {0x00, 0x20, 0xDD}, {true, true, true}, true};
+    WireTransfer a{false, 0x50, models::Direction::Write, true, {0x00, 0x20, 0xDD}, {true, true, true}, true};
     WireTransfer b = a;
     b.bytes[2] = 0xDC;
     EXPECT_FALSE(wire::compare_wire({a, a}, {a, a}));

@@ -5,14 +5,14 @@
 #include "bus/bus_lock.h"
 #include "bus/delay.h"
 #include "driver/driver.h"
-#include "host/system.h"
+#include "bench/bench.h"
 
 #include <climits>
 
 namespace korvanel::test {
 namespace {
 
-using host::Clock;
+using bench::Clock;
 
 TEST(DelayTest, SpinsBelowSixMillisecondsAndSleepsFromThereOn)
 {
@@ -31,7 +31,7 @@ TEST(DelayTest, SpinsBelowSixMillisecondsAndSleepsFromThereOn)
         {-1, 0, 0, 0},
         {INT_MIN, 0, 0, 0},
     };
-    host::System sys;
+    bench::Bench sys;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.ms);
         sys.clock().clear_delays();
@@ -58,7 +58,7 @@ TEST(DelayTest, SpinsBelowSixMillisecondsAndSleepsFromThereOn)
 // the bus lock, the wait for a pending identifier query).
 TEST(DelayTest, NoWaitOfTheDriverIsEndedByAnAlertOrAUserApc)
 {
-    host::System sys;
+    bench::Bench sys;
     for (const char* wait : {"KeDelayExecutionThread", "KeWaitForSingleObject"}) {
         sys.faults().fail(wait, STATUS_ALERTED, 0, 100);
         sys.faults().fail(wait, STATUS_USER_APC, 0, 100);
@@ -72,9 +72,9 @@ TEST(DelayTest, NoWaitOfTheDriverIsEndedByAnAlertOrAUserApc)
     EXPECT_EQ(AcquireBusLock(&lock), STATUS_SUCCESS);
 
     ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
-    host::DeviceConfig config;
+    bench::DeviceConfig config;
     config.hardware_ids = {u"root\\KORVANEL\\rgbir"};
-    config.id_query = host::DeviceConfig::IdQuery::Pending;
+    config.id_query = bench::DeviceConfig::IdQuery::Pending;
     auto& dev = sys.add_device(config);
     ASSERT_EQ(dev.add_status(), STATUS_SUCCESS);
     EXPECT_STREQ(static_cast<PDEVICE_CONTEXT>(dev.context())->SensorName, "RGBIR");

@@ -34,7 +34,7 @@ TEST_F(DescriptionTest, CapabilitiesKeepTheRgbIrModeOnceEitherSideHasIt)
         {u"root\\KORVANEL\\rgbir", 5 << 3, caps_with_mode4(), caps_with_mode4()},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(host::to_utf8(c.id));
+        SCOPED_TRACE(bench::to_utf8(c.id));
         open({c.id});
         SENSOR_CAPS caps = {0xFFFFFFFF, 0xFFFFFFFF, c.caller_mode_flags, 0, 0};
         ASSERT_EQ(si.GetSensorCaps(ctx, &caps), STATUS_SUCCESS);

@@ -1,6 +1,6 @@
 // Driver entry, device add, the framework records it fills, and interface
 // reference counting against stop and remove.
-#include "bench.h"
+#include "driver_fixture.h"
 
 #include "driver/driver.h"
 #include "sensor/registry.h"
@@ -12,8 +12,8 @@
 namespace korvanel::test {
 namespace {
 
-using host::DeviceConfig;
-using host::System;
+using bench::DeviceConfig;
+using bench::Bench;
 
 // The record as the framework hands it to the camera driver: bytes at fixed
 // offsets. Every one of the 43 slots is bound here to the routine it must
@@ -160,11 +160,11 @@ TEST_F(DriverTest, FailedDeviceInterfaceLeavesTheContextZero)
 
 TEST(DriverEntryTest, FailedFrameworkDriverCreationSetsNothingUp)
 {
-    System sys;
+    Bench sys;
     sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     sys.faults().fail("WdfDriverCreate", STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(sys.load_driver(DriverEntry), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(sys.traces().registration(), host::Traces::Registration::None);
+    EXPECT_EQ(sys.traces().registration(), bench::Traces::Registration::None);
     EXPECT_EQ(TraceControl.Flags, 0u);
     EXPECT_TRUE(sys.traces().events().empty());
     EXPECT_EQ(sys.pool().allocations_made(), 0u) << "the registry path was saved";
@@ -174,11 +174,11 @@ TEST(DriverEntryTest, FailedFrameworkDriverCreationSetsNothingUp)
 
 TEST(DriverEntryTest, SavesTheRegistryPathAndFreesItAtUnload)
 {
-    System sys;
+    Bench sys;
     ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     ASSERT_NE(DriverRegistryPath.Buffer, nullptr);
     std::u16string saved(DriverRegistryPath.Buffer, DriverRegistryPath.Length / 2);
-    EXPECT_EQ(saved, host::Registry::kServiceKey);
+    EXPECT_EQ(saved, bench::Registry::kServiceKey);
     EXPECT_EQ(DriverRegistryPath.MaximumLength, DriverRegistryPath.Length + 2);
     ASSERT_EQ(sys.pool().live().size(), 1u);
     EXPECT_EQ(sys.pool().live()[0].tag, 0x3732564Fu);  // "OV27"
@@ -203,7 +203,7 @@ TEST(DriverEntryTest, APathThatCannotBeCopiedLeavesTheDefaultsAndSaysWhy)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        System sys;
+        Bench sys;
         sys.registry().set_dword("MipiLanes", 4);
         if (c.allocation_fails) {
             sys.faults().fail("ExAllocatePoolWithTag", STATUS_INSUFFICIENT_RESOURCES);

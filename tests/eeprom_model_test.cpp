@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/memory.h"
-#include "sim/eeprom.h"
+#include "models/eeprom.h"
 
 #include <cstdio>
 #include <fstream>
@@ -13,7 +13,7 @@
 namespace korvanel::test {
 namespace {
 
-using sim::Eeprom;
+using models::Eeprom;
 
 // Each transfer takes kWire on the wire, from `now`; the part needs no bus
 // to be driven, only the times a bus would give it.
@@ -22,13 +22,13 @@ constexpr int64_t kWire = 1000;
 class EepromContract : public ::testing::TestWithParam<unsigned> {
 protected:
     int64_t now = 0;
-    sim::Transfer when() const { return {now, now + kWire}; }
+    models::Transfer when() const { return {now, now + kWire}; }
     std::shared_ptr<Eeprom> part = std::make_shared<Eeprom>(platform::memory_geometry(GetParam())->part);
-    std::vector<std::shared_ptr<sim::Peripheral>> conns = part->connections();
+    std::vector<std::shared_ptr<models::Peripheral>> conns = part->connections();
 
     // The address bytes that put the pointer on `address`, and the
     // connection that takes them.
-    std::vector<uint8_t> at(size_t address, sim::Peripheral** conn)
+    std::vector<uint8_t> at(size_t address, models::Peripheral** conn)
     {
         if (part->geometry().kind == Eeprom::Kind::Blocks) {
             *conn = conns.at(address / Eeprom::kBlockSize).get();
@@ -39,14 +39,14 @@ protected:
     }
     NTSTATUS write(size_t address, std::vector<uint8_t> data)
     {
-        sim::Peripheral* conn;
+        models::Peripheral* conn;
         auto bytes = at(address, &conn);
         bytes.insert(bytes.end(), data.begin(), data.end());
         return conn->write(when(), bytes);
     }
     std::vector<uint8_t> read(size_t address, size_t n)
     {
-        sim::Peripheral* conn;
+        models::Peripheral* conn;
         auto bytes = at(address, &conn);
         EXPECT_EQ(conn->write(when(), bytes), STATUS_SUCCESS);
         std::vector<uint8_t> out(n);
@@ -88,8 +88,8 @@ TEST_P(EepromContract, DoesNotAcknowledgeForFiveMillisecondsAfterTheStopConditio
 
     now = ready - 1;
     std::vector<uint8_t> one(1);
-    EXPECT_EQ(conns[0]->read(when(), one), sim::kNack);
-    EXPECT_EQ(write(0, {9}), sim::kNack);
+    EXPECT_EQ(conns[0]->read(when(), one), models::kNack);
+    EXPECT_EQ(write(0, {9}), models::kNack);
     EXPECT_TRUE(part->busy(now));
     EXPECT_EQ(part->bytes(0, 1), std::vector<uint8_t>{0xFF}) << "a refused write stored data";
 
@@ -160,9 +160,9 @@ TEST(EepromPaged, ErasesByCommandAndProgramsOnlyOnesToZeros)
 
     // Without its confirmation, or with bits no command has, the part does
     // not acknowledge.
-    EXPECT_EQ(write({0x81, 0x00}), sim::kNack);
-    EXPECT_EQ(write({0x84, 0xEE}), sim::kNack);
-    EXPECT_EQ(write({0x8A, 0xEE}), sim::kNack);
+    EXPECT_EQ(write({0x81, 0x00}), models::kNack);
+    EXPECT_EQ(write({0x84, 0xEE}), models::kNack);
+    EXPECT_EQ(write({0x8A, 0xEE}), models::kNack);
 }
 
 }  // namespace

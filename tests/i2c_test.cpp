@@ -1,17 +1,17 @@
 // I2C connection slots: opened through the resource hub on first use, kept
 // open, closed and deleted; absent, out-of-range and failing slots.
-#include "bench.h"
+#include "driver_fixture.h"
 
 #include "bus/i2c.h"
-#include "host/bus.h"
-#include "sim/scripted.h"
+#include "bench/spb_controller.h"
+#include "models/scripted.h"
 
 #include <cstring>
 
 namespace korvanel::test {
 namespace {
 
-using host::TargetRecord;
+using bench::TargetRecord;
 
 class I2cTest : public DriverTest {
 protected:
@@ -30,7 +30,7 @@ protected:
         ctx->I2cConnections[slot].ConnectionId = id;
         ctx->I2cConnections[slot].Present = 1;
         if (attach) {
-            sys.bus().attach(id, std::make_shared<sim::ScriptedPeripheral>());
+            sys.bus().attach(id, std::make_shared<models::ScriptedPeripheral>());
         }
     }
 
@@ -170,7 +170,7 @@ TEST_F(I2cTest, AFailedOpenLeavesTheSlotUnopenedAndTheNextInitTriesAgain)
         auto traced = numbers("InitI2c: opening slot %u failed %!STATUS!");  // slot, status
         EXPECT_EQ(traced.size() >= 2 ? traced.end()[-2] : 0, slot);
 
-        sys.bus().attach(slot, std::make_shared<sim::ScriptedPeripheral>());
+        sys.bus().attach(slot, std::make_shared<models::ScriptedPeripheral>());
         ASSERT_EQ(InitI2c(ctx, slot), STATUS_SUCCESS);
         auto targets = sys.bus().targets();
         EXPECT_EQ(targets.size(), before + (c.target_left ? 2 : 1));

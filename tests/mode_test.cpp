@@ -178,8 +178,8 @@ TEST_F(ModeCapacityTest, ATableLongerThanItsListStopsTheBuildThere)
         ASSERT_EQ(errors.size(), c.status == STATUS_SUCCESS ? 0u : 1u);
         if (!errors.empty()) {
             const char* names[] = {"Still", "Video", "Preview", "Raw"};
-            EXPECT_EQ(host::Traces::text(errors[0], 1), names[c.table]);
-            EXPECT_EQ(host::Traces::u32(errors[0], 2), std::min<size_t>(c.used, 51));
+            EXPECT_EQ(bench::Traces::text(errors[0], 1), names[c.table]);
+            EXPECT_EQ(bench::Traces::u32(errors[0], 2), std::min<size_t>(c.used, 51));
         }
     }
 }

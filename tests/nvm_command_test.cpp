@@ -33,7 +33,7 @@ protected:
             expected += t.duration;
         }
         for (auto& d : sys.clock().delays()) {
-            expected += d.kind == host::Clock::Delay::Kind::Stall ? d.amount * 10 : -d.amount;
+            expected += d.kind == bench::Clock::Delay::Kind::Stall ? d.amount * 10 : -d.amount;
         }
         EXPECT_EQ(sys.clock().now() - started, expected);
     }

@@ -36,9 +36,9 @@ TEST_F(NvmEngineTest, ReadLengthsAndTheCleanupStatus)
 
     // An address phase that completes with STATUS_NOTIFY_CLEANUP ends
     // nvmRead0 before the data phase; M24c64RomRead reads on.
-    sys.bus().fail_when({}, host::BusFault::complete_with(STATUS_NOTIFY_CLEANUP));
+    sys.bus().fail_when({}, bench::BusFault::complete_with(STATUS_NOTIFY_CLEANUP));
     EXPECT_EQ(nvmRead0(ctx, 0x10, buffer, 4), STATUS_INVALID_PARAMETER);
-    sys.bus().fail_when({}, host::BusFault::complete_with(STATUS_NOTIFY_CLEANUP));
+    sys.bus().fail_when({}, bench::BusFault::complete_with(STATUS_NOTIFY_CLEANUP));
     EXPECT_EQ(M24c64RomRead(ctx, 0x10, buffer, 4), STATUS_SUCCESS);
 
     EXPECT_EQ(timeline(), (std::vector<std::string>{"w50 00 10 STATUS_NOTIFY_CLEANUP", "w50 00 10 STATUS_NOTIFY_CLEANUP",
@@ -93,7 +93,7 @@ TEST_F(NvmEngineTest, AFailedWriteIsAParameterErrorAndOnlyBulkWriteSkipsTheWait)
 {
     open(10);
     UCHAR byte = 0x42;
-    sys.bus().fail_when({}, host::BusFault::nack(), 0, 0);
+    sys.bus().fail_when({}, bench::BusFault::nack(), 0, 0);
     EXPECT_EQ(bulkWrite(ctx, 0, &byte, 1), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(nvmWrite0(ctx, 0, &byte, 1), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(timeline(), (std::vector<std::string>{"w50 00 00 42 STATUS_NO_SUCH_DEVICE",
@@ -123,7 +123,7 @@ TEST_F(NvmEngineTest, PageErase3SendsItsCommandAndAlwaysWaits)
     EXPECT_EQ(PageErase3(ctx, 3, 0), STATUS_SUCCESS);
     EXPECT_EQ(PageErase3(ctx, 0, 1), STATUS_SUCCESS);
     EXPECT_EQ(PageErase3(ctx, 8, 0), STATUS_SUCCESS);
-    sys.bus().fail_when({}, host::BusFault::timeout());
+    sys.bus().fail_when({}, bench::BusFault::timeout());
     EXPECT_EQ(PageErase3(ctx, 0, 1), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(timeline(), (std::vector<std::string>{"w50 83 EE", "sleep 10", "w50 81 EE", "sleep 50", "sleep 10",
                                                    "w50 81 EE STATUS_IO_TIMEOUT", "sleep 50"}));

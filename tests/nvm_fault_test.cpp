@@ -22,8 +22,8 @@ TEST_F(NvmFaultSweep, EveryTransferAndEveryOpenOfEveryCommand)
         LONG length;
     } ranges[] = {{5, 60, 80},  {7, 6, 20},    {8, 30, 40},   {10, 30, 40},
                   {6, 250, 40}, {9, 250, 300}, {12, 250, 40}, {11, 740, 300}};
-    const host::BusFault faults[] = {host::BusFault::fail(STATUS_UNSUCCESSFUL), host::BusFault::nack(),
-                                     host::BusFault::timeout()};
+    const bench::BusFault faults[] = {bench::BusFault::fail(STATUS_UNSUCCESSFUL), bench::BusFault::nack(),
+                                     bench::BusFault::timeout()};
     enum class Command { Load, Read, Write };
     const char* const names[] = {"load", "read", "write"};
 
@@ -81,7 +81,7 @@ TEST_F(NvmFaultSweep, EveryTransferAndEveryOpenOfEveryCommand)
                     EXPECT_EQ(sys.bus().transcript().size(), k + 1) << "transfers after the failed one";
                     // A failed address phase, write or erase is a parameter
                     // error; a failed data phase reports the bus's status.
-                    check_after(status, clean[k].direction == host::Direction::Read ? fault.status
+                    check_after(status, clean[k].direction == bench::Direction::Read ? fault.status
                                                                                     : STATUS_INVALID_PARAMETER);
                 }
             }

@@ -3,11 +3,11 @@
 // driver did: its memory texts, the bus transfers and the waits between them.
 #pragma once
 
-#include "bench.h"
+#include "driver_fixture.h"
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 #include "nvm/nvm.h"
-#include "sim/eeprom.h"
+#include "models/eeprom.h"
 #include "platform/memory.h"
 
 #include <cstdio>
@@ -31,7 +31,7 @@ inline std::vector<uint8_t> pattern(size_t n, uint8_t seed = 0x10)
 class NvmTest : public DriverTest {
 protected:
     PDEVICE_CONTEXT ctx = nullptr;
-    std::shared_ptr<sim::Eeprom> part;
+    std::shared_ptr<models::Eeprom> part;
     const NVM_DRIVER* row = nullptr;
 
     void SetUp() override
@@ -39,7 +39,7 @@ protected:
         DriverTest::SetUp();
         ctx = add();
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
-        sys.bus().set_speed(host::BusSpeed::Fast);
+        sys.bus().set_speed(bench::BusSpeed::Fast);
     }
 
     void select(unsigned type, uint32_t cache_length = NVM_CACHE_SIZE)
@@ -72,13 +72,13 @@ protected:
         auto flush_delays = [&](int64_t until) {
             while (d < delays.size() && delays[d].at < until) {
                 char text[32];
-                if (delays[d].kind == host::Clock::Delay::Kind::Sleep) {
+                if (delays[d].kind == bench::Clock::Delay::Kind::Sleep) {
                     snprintf(text, sizeof text, "sleep %lld", (long long)(-delays[d].amount / 10000));
                     d++;
                 } else {
                     int64_t us = 0;
                     for (; d < delays.size() && delays[d].at < until &&
-                           delays[d].kind == host::Clock::Delay::Kind::Stall;
+                           delays[d].kind == bench::Clock::Delay::Kind::Stall;
                          d++) {
                         us += delays[d].amount;
                     }
@@ -90,16 +90,16 @@ protected:
         for (auto& t : transfers) {
             flush_delays(t.time);
             char head[16];
-            snprintf(head, sizeof head, "%c%02llx", t.direction == host::Direction::Write ? 'w' : 'r',
+            snprintf(head, sizeof head, "%c%02llx", t.direction == bench::Direction::Write ? 'w' : 'r',
                      (unsigned long long)(t.connection & 0xFF));
             std::string line = head;
-            if (t.direction == host::Direction::Write) {
+            if (t.direction == bench::Direction::Write) {
                 line += " " + hex_bytes(t.bytes.data(), t.bytes.size());
             } else {
                 line += " " + std::to_string(t.length);
             }
             if (t.status != STATUS_SUCCESS) {
-                line += " " + host::status_name(t.status);
+                line += " " + bench::status_name(t.status);
             }
             out.push_back(line);
         }
@@ -119,7 +119,7 @@ protected:
             }
         }
         for (auto& t : sys.bus().targets()) {
-            if (t.state == host::TargetRecord::State::Open) {
+            if (t.state == bench::TargetRecord::State::Open) {
                 return false;
             }
         }

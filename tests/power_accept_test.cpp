@@ -98,7 +98,7 @@ TEST_F(PowerAcceptTest, AcceptedRequestsAreTracedAndChangeNothing)
         for (size_t i = 0; i < events.size(); i++) {
             std::vector<uint32_t> args;
             for (size_t a = 1; a < events[i].args.size(); a++) {
-                args.push_back(host::Traces::u32(events[i], a));
+                args.push_back(bench::Traces::u32(events[i], a));
             }
             EXPECT_EQ(args, cases[n].events[i]) << "event " << i;
         }

@@ -7,7 +7,7 @@
 namespace korvanel::test {
 namespace {
 
-const auto dword = host::Registry::dword_data;
+const auto dword = bench::Registry::dword_data;
 
 using RegistryTest = CameraTest;
 
@@ -142,7 +142,7 @@ TEST_F(RegistryTest, TheReaderReturnsOnlyAValueOfTheRightTypeThatFits)
 
     // Windows may name the key in another case ("\REGISTRY\MACHINE\..."):
     // it is opened without regard to case.
-    std::u16string upper = host::Registry::kServiceKey;
+    std::u16string upper = bench::Registry::kServiceKey;
     for (auto& ch : upper) {
         ch = ch >= u'a' && ch <= u'z' ? char16_t(ch - u'a' + u'A') : ch;
     }

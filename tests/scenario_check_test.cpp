@@ -32,18 +32,18 @@ void check_all(const std::vector<Case>& cases)
     }
 }
 
-host::BusTransfer transfer(host::Direction direction, std::vector<uint8_t> bytes, uint64_t connection = 0x1c,
+bench::BusTransfer transfer(bench::Direction direction, std::vector<uint8_t> bytes, uint64_t connection = 0x1c,
                            NTSTATUS status = STATUS_SUCCESS)
 {
     return {0, connection, uint8_t(connection & 0x7F), 0, direction, uint32_t(bytes.size()), bytes, std::nullopt, status, 0, 0};
 }
-host::BusTransfer write(std::vector<uint8_t> bytes, uint64_t connection = 0x1c, NTSTATUS status = STATUS_SUCCESS)
+bench::BusTransfer write(std::vector<uint8_t> bytes, uint64_t connection = 0x1c, NTSTATUS status = STATUS_SUCCESS)
 {
-    return transfer(host::Direction::Write, std::move(bytes), connection, status);
+    return transfer(bench::Direction::Write, std::move(bytes), connection, status);
 }
-host::BusTransfer read(std::vector<uint8_t> bytes, uint64_t connection = 0x1c, NTSTATUS status = STATUS_SUCCESS)
+bench::BusTransfer read(std::vector<uint8_t> bytes, uint64_t connection = 0x1c, NTSTATUS status = STATUS_SUCCESS)
 {
-    return transfer(host::Direction::Read, std::move(bytes), connection, status);
+    return transfer(bench::Direction::Read, std::move(bytes), connection, status);
 }
 
 Observation returning(json values) { return {.values = std::move(values)}; }
@@ -99,7 +99,7 @@ TEST(ScenarioCheck, ValuesMatchByValueWithinRecordsAndLists)
 TEST(ScenarioCheck, BusLinesAndTransferCount)
 {
     auto bus = [](std::vector<std::string> lines) { return Expect{.bus = std::move(lines)}; };
-    auto seen = [](std::vector<host::BusTransfer> transfers) { return Observation{.transfers = std::move(transfers)}; };
+    auto seen = [](std::vector<bench::BusTransfer> transfers) { return Observation{.transfers = std::move(transfers)}; };
     check_all({
         {"the same transfers", bus({"W 03", "R 00", "W 04 2C"}), seen({write({3}), read({0}), write({4, 0x2c})}), {}},
         {"the first that differs is named by its number", bus({"W 03", "R 00", "W 04 2D"}),
@@ -195,9 +195,9 @@ TEST(ScenarioCheck, BusCaptureTransfersAndGaps)
 {
     auto timed = [](int64_t second_start) {
         Observation seen;
-        seen.speed = host::BusSpeed::Fast;
-        int64_t first = host::Bus::wire_time(host::BusSpeed::Fast, 1);
-        seen.transfers = {transfer(host::Direction::Write, {0x03}), transfer(host::Direction::Write, {0x04})};
+        seen.speed = bench::BusSpeed::Fast;
+        int64_t first = bench::Bus::wire_time(bench::BusSpeed::Fast, 1);
+        seen.transfers = {transfer(bench::Direction::Write, {0x03}), transfer(bench::Direction::Write, {0x04})};
         seen.transfers[0].address = seen.transfers[1].address = 0x0C;
         seen.transfers[0].sequence = 1;  // two requests: a STOP between them
         seen.transfers[1].sequence = 2;
@@ -208,7 +208,7 @@ TEST(ScenarioCheck, BusCaptureTransfersAndGaps)
     auto capture = [](uint8_t second, std::optional<double> tolerance) {
         Expect x;
         x.bus_capture = "move.vcd";
-        wire::WireTransfer w{false, 0x0C, host::Direction::Write, true, {0x03}, {true}, true};
+        wire::WireTransfer w{false, 0x0C, bench::Direction::Write, true, {0x03}, {true}, true};
         wire::Capture c;
         c.transfers = {w, w};
         c.transfers[1].bytes[0] = second;

@@ -1,13 +1,13 @@
 // A long simulation: a million power and interface references, and a long
-// lens and memory workload. The host's records stay at their bounds and its
+// lens and memory workload. The bench's records stay at their bounds and its
 // heap stays flat once they are full, so a run of any length holds up.
 #include "camera_client.h"
 
 #include "platform/checked.h"
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 #include "nvm/nvm.h"
-#include "sim/actuator.h"
+#include "models/actuator.h"
 #include "platform/actuator.h"
 #include "platform/memory.h"
 #include "vcm/vcm.h"
@@ -55,7 +55,7 @@ TEST_F(SoakTest, AMillionReferencesLeaveTheHostFlat)
 TEST_F(SoakTest, ALongLensAndMemoryWorkloadLeavesTheHostFlat)
 {
     open();
-    sys.bus().set_speed(host::BusSpeed::Fast);
+    sys.bus().set_speed(bench::BusSpeed::Fast);
     auto lens = platform::select_actuator(sys, ctx, {"DW9719"});
     auto memory = platform::select_memory(sys, ctx, {10, 0x50, 64});
     const VCM_DRIVER& chip = platform::actuator_table()[VCM_TYPE_DW9719];
@@ -78,12 +78,12 @@ TEST_F(SoakTest, ALongLensAndMemoryWorkloadLeavesTheHostFlat)
     work(15000, 15000);
     EXPECT_LE(heap_in_use(), heap + kHeapSlack);
 
-    EXPECT_EQ(sys.bus().transcript().size(), host::Bus::kTransfersKept);
-    EXPECT_GT(sys.bus().transfer_count(), 4 * host::Bus::kTransfersKept / 2);
-    EXPECT_EQ(sys.bus().targets().size(), host::Bus::kTargetsKept);
-    EXPECT_EQ(sys.clock().delays().size(), host::Clock::kDelaysKeptPerThread);
+    EXPECT_EQ(sys.bus().transcript().size(), bench::Bus::kTransfersKept);
+    EXPECT_GT(sys.bus().transfer_count(), 4 * bench::Bus::kTransfersKept / 2);
+    EXPECT_EQ(sys.bus().targets().size(), bench::Bus::kTargetsKept);
+    EXPECT_EQ(sys.clock().delays().size(), bench::Clock::kDelaysKeptPerThread);
     EXPECT_EQ(sys.clock().stall_count(), 30000u * 100);
-    EXPECT_LE(lens->trajectory().size(), sim::ActuatorModel::kPointsKept);
+    EXPECT_LE(lens->trajectory().size(), models::ActuatorModel::kPointsKept);
     EXPECT_EQ(lens->trajectory().back().code, 29999 % 1000);
 }
 

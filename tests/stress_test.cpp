@@ -7,7 +7,7 @@
 
 #include "platform/checked.h"
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 #include "nvm/nvm.h"
 #include "platform/actuator.h"
 #include "platform/memory.h"
@@ -118,7 +118,7 @@ TEST_F(StressTest, EightThreadsOnOneDevice)
     auto transcript = sys.bus().transcript();
     for (size_t i = 0; i + 1 < transcript.size(); i++) {
         const auto& t = transcript[i];
-        if (t.connection == kMemoryConnection && t.direction == host::Direction::Write && t.bytes.size() == 2) {
+        if (t.connection == kMemoryConnection && t.direction == bench::Direction::Write && t.bytes.size() == 2) {
             EXPECT_EQ(transcript[i + 1].connection, kMemoryConnection) << "a transfer between address and data phase";
         }
     }

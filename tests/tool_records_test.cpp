@@ -159,7 +159,7 @@ TEST_F(CallTest, ShortListsReachTheDriverPadded)
         std::vector<uint32_t> words;
         for (auto& e : sys.traces().find(text)) {
             for (size_t i = 1; i < e.args.size(); i++) {
-                words.push_back(host::Traces::u32(e, i));
+                words.push_back(bench::Traces::u32(e, i));
             }
         }
         sys.traces().clear();
@@ -244,7 +244,7 @@ TEST_F(CallTest, TraceLinesCarryTimeLevelModuleAndNumber)
 
     const GUID unknown = {0x12345678, 0x9ABC, 0xDEF0, {1, 2, 3, 4, 5, 6, 7, 8}};
     uint32_t word = 0x0A0B0C0D;
-    host::Traces::Argument args[] = {{"KORVANEL", 9}, {&word, 4}};
+    bench::Traces::Argument args[] = {{"KORVANEL", 9}, {&word, 4}};
     sys.traces().record(unknown, 42, 0, sys.clock().now(), args, 2);
     events = sys.traces().events();
     auto entries = tool::trace_entries(sys.traces(), {events.back()}, {});

@@ -35,7 +35,7 @@ static_assert([] {
 
 constexpr uint32_t kNo = NVM_TRACE_NO_NUMBER;
 constexpr uint32_t kParam = uint32_t(STATUS_INVALID_PARAMETER);
-constexpr uint32_t kNack = uint32_t(sim::kNack);
+constexpr uint32_t kNack = uint32_t(models::kNack);
 
 // A text, its level ('I' or 'E') and its numbers: a marker text's two, or
 // the 32-bit arguments of an event of its own.
@@ -63,11 +63,11 @@ TEST_F(NvmTraceContract, EveryMemoryTextAtItsLevelWithItsNumbersAndWhatReachesIt
     Step R0 = [this] { row->Read(ctx, 7, nullptr, 1); };
     Step W0 = [this] { row->Write(ctx, 7, nullptr, 1); };
     auto N = [&](uint64_t k) -> Step {  // the call's k-th transfer is not acknowledged
-        return [=, this] { sys.bus().fail_transfer(sys.bus().transfer_count() + k, host::BusFault::nack()); };
+        return [=, this] { sys.bus().fail_transfer(sys.bus().transfer_count() + k, bench::BusFault::nack()); };
     };
     Step wait_fails = [this] { sys.faults().fail("KeWaitForSingleObject", STATUS_UNSUCCESSFUL); };
     Step cleanup = [this] {
-        sys.bus().fail_transfer(sys.bus().transfer_count(), host::BusFault::complete_with(STATUS_NOTIFY_CLEANUP));
+        sys.bus().fail_transfer(sys.bus().transfer_count(), bench::BusFault::complete_with(STATUS_NOTIFY_CLEANUP));
     };
     const struct {
         unsigned type;
@@ -200,12 +200,12 @@ TEST_F(NvmTraceContract, EveryMemoryTextAtItsLevelWithItsNumbersAndWhatReachesIt
             const auto* format = sys.traces().format(e);
             char level = format->flag == TRACE_ERROR ? 'E' : 'I';
             if (format->text == "NvmType %u: %s 0x%x 0x%x") {  // a marker text, after NvmType
-                seen.push_back({host::Traces::text(e, 2), level, {host::Traces::u32(e, 3), host::Traces::u32(e, 4)}});
+                seen.push_back({bench::Traces::text(e, 2), level, {bench::Traces::u32(e, 3), bench::Traces::u32(e, 4)}});
             }
             std::vector<uint32_t> numbers;
             for (size_t i = 1; i < e.args.size(); i++) {
                 if (e.args[i].size() == sizeof(uint32_t)) {
-                    numbers.push_back(host::Traces::u32(e, i));
+                    numbers.push_back(bench::Traces::u32(e, i));
                 }
             }
             seen.push_back({format->text, level, numbers});

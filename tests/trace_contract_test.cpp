@@ -4,7 +4,7 @@
 // driver entry, device add, the interface operations, the registry reader and
 // the bus connections is reached here by the operation and the condition that
 // emits it. (The actuator and memory texts have contracts of their own.)
-#include "bench.h"
+#include "driver_fixture.h"
 
 #include "bus/i2c.h"
 #include "driver/driver.h"
@@ -22,14 +22,14 @@ namespace {
 
 // A bench with tracing on before the driver loads, so that every event from
 // DriverEntry on is seen.
-struct Bench {
-    host::System sys;
-    host::Device* dev = nullptr;
+struct TraceRun {
+    bench::Bench sys;
+    bench::Device* dev = nullptr;
     PDEVICE_CONTEXT ctx = nullptr;
 
-    Bench() { sys.traces().enable(TRACE_INFO | TRACE_ERROR); }
+    TraceRun() { sys.traces().enable(TRACE_INFO | TRACE_ERROR); }
     void load() { ASSERT_EQ(platform::load_driver(sys), STATUS_SUCCESS); }
-    void add(host::DeviceConfig config = {})
+    void add(bench::DeviceConfig config = {})
     {
         dev = &sys.add_device(std::move(config));
         ctx = static_cast<PDEVICE_CONTEXT>(dev->context());
@@ -37,23 +37,23 @@ struct Bench {
 };
 
 
-host::DeviceConfig named(const char16_t* id)
+bench::DeviceConfig named(const char16_t* id)
 {
-    host::DeviceConfig config;
+    bench::DeviceConfig config;
     config.hardware_ids = {id};
     return config;
 }
 
 // Device add with one platform routine failing.
-std::function<void(Bench&)> failing(const char* routine, NTSTATUS status)
+std::function<void(TraceRun&)> failing(const char* routine, NTSTATUS status)
 {
-    return [=](Bench& b) { b.load(), b.sys.faults().fail(routine, status), b.add(); };
+    return [=](TraceRun& b) { b.load(), b.sys.faults().fail(routine, status), b.add(); };
 }
 
 // Every interface operation as the camera driver calls it, each path that
 // traces something of its own; GetModeInfo first, on the selection a new
 // device starts with.
-void every_operation(Bench& b)
+void every_operation(TraceRun& b)
 {
     b.load(), b.add();
     SENSOR_MODE_INFO info{};
@@ -91,13 +91,13 @@ struct Seen {
 
 struct Reach {
     const char* how;                  // the operation and condition
-    std::function<void(Bench&)> run;  // from a bench with tracing on, nothing loaded
+    std::function<void(TraceRun&)> run;  // from a bench with tracing on, nothing loaded
     std::vector<Seen> events;
 };
 
 const Reach kContract[] = {
     {"a device's life: load, add and start, a query-remove, the camera driver's reference pair, removal, unload",
-     [](Bench& b) {
+     [](TraceRun& b) {
          b.load(), b.add(), (void)b.dev->query_remove();
          SensorInterfaceReference(b.ctx), SensorInterfaceDereference(b.ctx);
          b.dev->remove(), (void)b.sys.unload_driver();
@@ -125,12 +125,12 @@ const Reach kContract[] = {
       {'I', "SensorEvtReleaseHardware"},
       {'I', "SensorEvtDriverUnload"},
       {'I', "SensorEvtDriverCleanup"}}},
-    {"a load whose path copy is refused", [](Bench& b) {
+    {"a load whose path copy is refused", [](TraceRun& b) {
          b.sys.faults().fail("ExAllocatePoolWithTag", STATUS_INSUFFICIENT_RESOURCES), b.load();
      },
      {{'E', "SaveRegistryPath: allocation of 122 bytes failed"}}},
     {"a load with a path of 32767 characters",
-     [](Bench& b) {
+     [](TraceRun& b) {
          std::u16string path(32767, u'a');
          (void)b.sys.load_driver(DriverEntry, &path);
      },
@@ -148,32 +148,32 @@ const Reach kContract[] = {
      {{'E', "ReadRegistryValue: MipiLanes query buffer STATUS_INSUFFICIENT_RESOURCES"}}},
     {"a device add whose value name is not converted", failing("RtlAnsiStringToUnicodeString", STATUS_NO_MEMORY),
      {{'E', "ReadRegistryValue: MipiLanes name conversion failed STATUS_NO_MEMORY"}}},
-    {"a device add of the md variant", [](Bench& b) { b.load(), b.add(named(u"root\\KORVANEL\\md")); },
+    {"a device add of the md variant", [](TraceRun& b) { b.load(), b.add(named(u"root\\KORVANEL\\md")); },
      {{'I', "IdentifySensorVariant hardware identifier root\\KORVANEL\\md"}}},
     {"a device add whose bus driver leaves the identifier query unanswered (the request's preset status)",
-     [](Bench& b) {
-         host::DeviceConfig config;
-         config.id_query = host::DeviceConfig::IdQuery::Unanswered;
+     [](TraceRun& b) {
+         bench::DeviceConfig config;
+         config.id_query = bench::DeviceConfig::IdQuery::Unanswered;
          b.load(), b.add(config);
      },
      {{'E', "IdentifySensorVariant: hardware identifier query failed STATUS_NOT_SUPPORTED"}}},
     {"GetSensorCaps of the rgbir variant",
-     [](Bench& b) {
+     [](TraceRun& b) {
          SENSOR_CAPS caps{};
          b.load(), b.add(named(u"root\\KORVANEL\\rgbir")), (void)GetSensorCaps(b.ctx, &caps);
      },
      {{'I', "GetSensorCaps mode 4"}}},
     {"a device add with PDAF_Type 2",
-     [](Bench& b) { b.load(), b.sys.registry().set_dword("PDAF_Type", 2), b.add(); },
+     [](TraceRun& b) { b.load(), b.sys.registry().set_dword("PDAF_Type", 2), b.add(); },
      {{'I', "ReadRegistryConfiguration PDAF_Type 2"}}},
     {"a device add with MipiLanes a string",
-     [](Bench& b) { b.load(), b.sys.registry().set("MipiLanes", REG_SZ, {'4', 0, 0, 0}), b.add(); },
+     [](TraceRun& b) { b.load(), b.sys.registry().set("MipiLanes", REG_SZ, {'4', 0, 0, 0}), b.add(); },
      {{'E', "ReadRegistryValue: MipiLanes has type 1"}}},
     {"a device add with MipiLanes five bytes long",
-     [](Bench& b) { b.load(), b.sys.registry().set("MipiLanes", REG_DWORD, {4, 0, 0, 0, 0}), b.add(); },
+     [](TraceRun& b) { b.load(), b.sys.registry().set("MipiLanes", REG_DWORD, {4, 0, 0, 0, 0}), b.add(); },
      {{'E', "ReadRegistryValue: MipiLanes does not fit 4 bytes"}}},
     {"a device add without the service key",
-     [](Bench& b) { b.load(), b.sys.registry().set_service_key_present(false), b.add(); },
+     [](TraceRun& b) { b.load(), b.sys.registry().set_service_key_present(false), b.add(); },
      {{'E', "ReadRegistryValue: opening \\Registry\\Machine\\System\\CurrentControlSet\\Services\\korvanel failed "
             "STATUS_OBJECT_NAME_NOT_FOUND"}}},
     {"every interface operation", every_operation,
@@ -211,7 +211,7 @@ const Reach kContract[] = {
       {'I', "AcceptNotice STATUS_SUCCESS"},
       {'I', "AcceptEntryList entry 1: 6 7 8 STATUS_SUCCESS"}}},
     {"QueryProperty 34 with 4 lanes at 1500 MBps",
-     [](Bench& b) {
+     [](TraceRun& b) {
          b.load(), b.sys.registry().set_dword("MipiLanes", 4);
          b.sys.registry().set_dword("MipiMBps", 1500), b.add();
          ULONG v;
@@ -219,21 +219,21 @@ const Reach kContract[] = {
      },
      {{'I', "QueryProperty link rate 1500000000"}}},
     {"PowerUp refused by the framework, one interface reference held",
-     [](Bench& b) {
+     [](TraceRun& b) {
          b.load(), b.add(), SensorInterfaceReference(b.ctx);
          b.sys.faults().fail("WdfDeviceStopIdle", STATUS_DEVICE_NOT_CONNECTED), (void)PowerUp(b.ctx);
      },
      {{'E', "PowerUp: WdfDeviceStopIdle failed STATUS_DEVICE_NOT_CONNECTED, interface references 1"}}},
     {"an actuator's connection opened and closed",
-     [](Bench& b) {
+     [](TraceRun& b) {
          b.load(), b.add(), (void)platform::select_actuator(b.sys, b.ctx, {"DW9714", 0x0C});
          (void)InitI2c(b.ctx, 1), DeinitI2c(b.ctx, 1);
      },
      {{'I', "OpenI2cTarget InfoB 0 InfoA 0"}, {'I', "CloseI2cTarget InfoB 0 InfoA 0"}}},
-    {"an open of a slot no platform filled", [](Bench& b) { b.load(), b.add(), (void)InitI2c(b.ctx, 1); },
+    {"an open of a slot no platform filled", [](TraceRun& b) { b.load(), b.add(), (void)InitI2c(b.ctx, 1); },
      {{'E', "InitI2c: no connection in slot 1"}}},
     {"an open the bus refuses",
-     [](Bench& b) {
+     [](TraceRun& b) {
          b.load(), b.add(), (void)platform::select_actuator(b.sys, b.ctx, {"DW9714", 0x0C});
          b.sys.faults().fail("WdfIoTargetOpen", STATUS_INSUFFICIENT_RESOURCES), (void)InitI2c(b.ctx, 1);
      },
@@ -261,11 +261,11 @@ TEST(TraceContractTest, EveryEventAtItsLevelWithItsNumbers)
     const ULONG savedPdafType = SensorParameters.PdafType;
     for (const auto& reach : kContract) {
         SCOPED_TRACE(reach.how);
-        Bench b;
+        TraceRun b;
         reach.run(b);
         std::vector<std::string> seen;
         for (const auto& e : b.sys.traces().events()) {
-            const host::TraceFormatInfo* f = b.sys.traces().format(e);
+            const bench::TraceFormatInfo* f = b.sys.traces().format(e);
             char level = f == nullptr ? '?' : f->flag == TRACE_ERROR ? 'E' : 'I';
             seen.push_back(level + (" " + with_pointers_hidden(b.sys.traces().message(e))));
             for (const auto& [text, why] : kUnreachable) {

@@ -37,7 +37,7 @@ protected:
         EXPECT_FALSE(lock_free());
         EXPECT_EQ(ctx->VcmPosition, 33);
     }
-    void fail_next(host::BusMatch match, host::BusFault fault) { sys.bus().fail_when(match, fault); }
+    void fail_next(bench::BusMatch match, bench::BusFault fault) { sys.bus().fail_when(match, fault); }
 
     // SetConfig with `pairs` pairs, Data 0x40 + i, the Reg of pair `wrong`
     // 0x1234 and the others the table's: the registers never change, the
@@ -124,9 +124,9 @@ protected:
 
 TEST_F(TraceContractVcmTest, EveryTextWithItsLevelAndNumbers)
 {
-    using host::BusFault;
-    using host::Direction;
-    const uint32_t nack = uint32_t(sim::kNack), timeout = uint32_t(STATUS_IO_TIMEOUT);
+    using bench::BusFault;
+    using bench::Direction;
+    const uint32_t nack = uint32_t(models::kNack), timeout = uint32_t(STATUS_IO_TIMEOUT);
     const char *data = " reg 0x%x data 0x%x", *value = " reg 0x%x value 0x%02x", *failed = " failed %!STATUS!";
     UCHAR byte = 0x77;
     USHORT word = 0;
@@ -191,7 +191,7 @@ TEST_F(TraceContractVcmTest, EveryTextWithItsLevelAndNumbers)
         }
         ctx->VcmLowPosition = 0;
         ctx->VcmHighPosition = 1023;
-        if (sim::find_actuator_chip(row.chip)) {
+        if (models::find_actuator_chip(row.chip)) {
             select(row.chip);
         }
         set_module("HAPS");
@@ -207,7 +207,7 @@ TEST_F(TraceContractVcmTest, EveryTextWithItsLevelAndNumbers)
         std::vector<std::string> seen;
         for (auto& e : sys.traces().events()) {
             auto* f = sys.traces().format(e);
-            found |= host::Traces::text(e, 1) == row.chip && host::Traces::text(e, 2) == row.text &&
+            found |= bench::Traces::text(e, 1) == row.chip && bench::Traces::text(e, 2) == row.text &&
                      f->text == "%s %s" + row.format && f->flag == row.level && numbers(e) == row.numbers;
             seen.push_back((f->flag == TRACE_ERROR ? "error " : "info ") + sys.traces().decode(e));
         }

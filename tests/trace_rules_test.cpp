@@ -1,15 +1,15 @@
 // The driver's trace events: how the provider registers, when an event goes
 // out, and what it carries (message GUID and number, "KORVANEL" first, the
 // arguments' encodings).
-#include "bench.h"
+#include "driver_fixture.h"
 
 #include "driver/driver.h"
 
 namespace korvanel::test {
 namespace {
 
-using host::System;
-using host::Traces;
+using bench::Bench;
+using bench::Traces;
 
 // Events emitted from this file, numbered from 10 in order of appearance.
 // {0E2A7C6B-3F15-4B8D-A1E9-7C40D5B2F863}
@@ -52,7 +52,7 @@ TEST(TraceTest, RegistrationFollowsTheSystemVersionAndTheRoutinesFound)
     };
     for (auto c : cases) {
         SCOPED_TRACE(testing::Message() << "major " << c.major << ", classic routines " << c.classic_routines);
-        System sys;
+        Bench sys;
         sys.set_os_major_version(c.major);
         sys.set_classic_tracing_available(c.classic_routines);
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
@@ -120,7 +120,7 @@ TEST_F(TraceSessionTest, OnlyEnabledFlagsGoOutAndOnlyWhileASessionIsOn)
 // numbers widen to 32 bits, 64-bit numbers and pointers keep 8 bytes.
 TEST(TraceTest, MessagesAreNumberedPerModuleAndArgumentsKeepTheirWidths)
 {
-    System sys;
+    Bench sys;
     sys.traces().enable(TRACE_INFO | TRACE_ERROR);
     ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     sys.add_device();

@@ -11,7 +11,7 @@
 namespace korvanel::test {
 namespace {
 
-using host::DeviceConfig;
+using bench::DeviceConfig;
 
 struct Identity {
     const char* guid;
@@ -32,7 +32,7 @@ protected:
         SENSOR_CAPS caps{};
         ASSERT_EQ(si.GetModuleInfo(ctx, &info), STATUS_SUCCESS);
         ASSERT_EQ(si.GetSensorCaps(ctx, &caps), STATUS_SUCCESS);
-        EXPECT_EQ(host::guid_text(info.SensorGuid), expected.guid);
+        EXPECT_EQ(bench::guid_text(info.SensorGuid), expected.guid);
         EXPECT_STREQ(info.SensorName, expected.name);
         EXPECT_EQ(info.VariantCode, expected.variant_code);
         EXPECT_EQ(caps.ModeFlags, 0x0C41u | expected.caps_mode << 3);
@@ -61,7 +61,7 @@ TEST_F(VariantTest, TheFirstIdentifierAloneSelectsTheVariant)
         {{u""}, kDefault},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(host::to_utf8(c.ids[0]));
+        SCOPED_TRACE(bench::to_utf8(c.ids[0]));
         open(c.ids);
         expect_identity(c.identity);
     }
@@ -106,7 +106,7 @@ TEST_F(VariantTest, AFailedQueryLeavesTheDefaultIdentityAndReturnsItsStatus)
         expect_identity(kDefault);
         auto exits = sys.traces().find("IdentifySensorVariant exit %!STATUS!");
         ASSERT_EQ(exits.size(), 1u);
-        EXPECT_EQ((NTSTATUS)host::Traces::u32(exits[0], 1), c.status);
+        EXPECT_EQ((NTSTATUS)bench::Traces::u32(exits[0], 1), c.status);
     }
 
     // Without a framework device there is nothing to ask.
@@ -120,7 +120,7 @@ TEST_F(VariantTest, AFailedQueryLeavesTheDefaultIdentityAndReturnsItsStatus)
 // its wait ends, the routine takes the bus driver's answer.
 TEST(VariantWaitTest, AFailedWaitForAPendingQueryIsReportedAndWaitedOut)
 {
-    host::System sys;
+    bench::Bench sys;
     ASSERT_EQ(sys.load_driver(DriverEntry), STATUS_SUCCESS);
     sys.faults().fail("KeWaitForSingleObject", STATUS_UNSUCCESSFUL);
     DeviceConfig config;

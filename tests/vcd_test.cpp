@@ -14,9 +14,9 @@
 namespace korvanel::test {
 namespace {
 
-using host::BusSpeed;
-using host::BusTransfer;
-using sim::Direction;
+using bench::BusSpeed;
+using bench::BusTransfer;
+using models::Direction;
 
 // SCL and SDA edges read back from a dump: time in ns, 'c' or 'd', new level.
 using Edges = std::vector<std::tuple<int64_t, char, int>>;
@@ -61,7 +61,7 @@ BusTransfer transfer(int64_t time, Direction direction, std::vector<uint8_t> byt
 // time), and one after a gap.
 std::vector<BusTransfer> every_kind(BusSpeed speed)
 {
-    auto wire = [speed](size_t n) { return host::Bus::wire_time(speed, n); };
+    auto wire = [speed](size_t n) { return bench::Bus::wire_time(speed, n); };
     std::vector<BusTransfer> ts;
     int64_t t = 1000;
     auto add = [&](Direction d, std::vector<uint8_t> b, NTSTATUS s, int64_t dur, uint64_t seq, uint32_t len = 0) {
@@ -71,12 +71,12 @@ std::vector<BusTransfer> every_kind(BusSpeed speed)
     add(Direction::Write, {0x00, 0x20, 0x5A}, STATUS_SUCCESS, wire(3), 1);
     add(Direction::Write, {0x00, 0x20}, STATUS_SUCCESS, wire(2), 2);        // a register read in one
     add(Direction::Read, {0xA5, 0x0F}, STATUS_SUCCESS, wire(2), 2);         // sequence: repeated START
-    add(Direction::Write, {0x01}, sim::kNack, wire(0), 3, 1);               // address not acknowledged
-    add(Direction::Write, {0x10, 0x11}, sim::kNack, wire(2), 4);            // last byte not acknowledged
+    add(Direction::Write, {0x01}, models::kNack, wire(0), 3, 1);               // address not acknowledged
+    add(Direction::Write, {0x10, 0x11}, models::kNack, wire(2), 4);            // last byte not acknowledged
     add(Direction::Write, {0x10}, STATUS_SUCCESS, wire(1) + 400, 5);       // the part stretches the clock
     add(Direction::Read, {}, STATUS_IO_TIMEOUT, wire(0) + 20000, 6, 4);     // held until the time-out
     t += 50000;                                                             // a 5 ms write cycle
-    add(Direction::Read, {}, sim::kNack, wire(2), 7, 2);                    // failed read: SDA released
+    add(Direction::Read, {}, models::kNack, wire(2), 7, 2);                    // failed read: SDA released
     return ts;
 }
 

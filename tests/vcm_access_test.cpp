@@ -4,14 +4,14 @@
 // an out-of-range VcmType leaves behind.
 #include "vcm_fixture.h"
 
-#include "sim/scripted.h"
+#include "models/scripted.h"
 
 namespace korvanel::test {
 namespace {
 
 class VcmAccessTest : public VcmTest {
 protected:
-    std::shared_ptr<sim::ScriptedPeripheral> scripted = std::make_shared<sim::ScriptedPeripheral>();
+    std::shared_ptr<models::ScriptedPeripheral> scripted = std::make_shared<models::ScriptedPeripheral>();
 
     void SetUp() override
     {

@@ -18,13 +18,13 @@ void PrintTo(const Contract& c, std::ostream* os) { *os << c.chip; }
 
 class VcmContractTest : public VcmTest, public ::testing::WithParamInterface<Contract> {
 protected:
-    sim::ActuatorModel* vcm = nullptr;
+    models::ActuatorModel* vcm = nullptr;
 
     void SetUp() override
     {
         VcmTest::SetUp();
         vcm = &select(GetParam().chip);
-        sys.bus().set_speed(host::BusSpeed::Fast);
+        sys.bus().set_speed(bench::BusSpeed::Fast);
         ASSERT_EQ(row().Init(ctx), STATUS_SUCCESS);
     }
 };
@@ -76,7 +76,7 @@ TEST_P(VcmContractTest, TheBusyStateClearsAfterASettleTimeThatGrowsWithTheDistan
 TEST_P(VcmContractTest, APartInItsPowerUpTimeDoesNotAcknowledge)
 {
     vcm->power_on(sys.clock().now());
-    NTSTATUS expected = vcm->chip().power_up_us > 0 ? sim::kNack : STATUS_SUCCESS;
+    NTSTATUS expected = vcm->chip().power_up_us > 0 ? models::kNack : STATUS_SUCCESS;
     EXPECT_EQ(row().SetPos(ctx, 300), expected);
     sys.clock().advance(vcm->chip().power_up_us * 10);
     EXPECT_EQ(row().SetPos(ctx, 300), STATUS_SUCCESS);

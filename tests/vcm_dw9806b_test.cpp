@@ -82,16 +82,16 @@ TEST_F(Dw9806bTest, WarmStartResult)
     const struct {
         std::vector<uint8_t> prefix;
         NTSTATUS status;
-    } cases[] = {{{0x02, 0x02}, sim::kNack}, {{0x02, 0x00}, STATUS_SUCCESS}, {{0x04}, sim::kNack}};
+    } cases[] = {{{0x02, 0x02}, models::kNack}, {{0x02, 0x00}, STATUS_SUCCESS}, {{0x04}, models::kNack}};
     for (const auto& c : cases) {
         SCOPED_TRACE(wire_line('W', c.prefix));
         ctx->VcmPosition = 300;
         sys.bus().clear_faults();
-        sys.bus().fail_when({.direction = host::Direction::Write, .prefix = c.prefix}, host::BusFault::nack());
+        sys.bus().fail_when({.direction = bench::Direction::Write, .prefix = c.prefix}, bench::BusFault::nack());
         EXPECT_EQ(DW9806B_WarmStart(ctx), c.status);
     }
     sys.bus().clear_faults();
-    sys.bus().fail_when({.direction = host::Direction::Write, .prefix = {0x02, 0x02}}, host::BusFault::nack(), 1);
+    sys.bus().fail_when({.direction = bench::Direction::Write, .prefix = {0x02, 0x02}}, bench::BusFault::nack(), 1);
     EXPECT_EQ(DW9806B_Init(ctx), STATUS_SUCCESS);
 }
 

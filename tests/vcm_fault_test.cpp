@@ -27,7 +27,7 @@ struct Scenario {
 std::vector<Scenario> scenarios()
 {
     std::vector<Scenario> out;
-    for (auto& chip : sim::actuator_chips()) {
+    for (auto& chip : models::actuator_chips()) {
         for (Op op : {Op::Init, Op::SetPos, Op::GetPos, Op::GetStatus}) {
             if (op != Op::GetStatus || chip.busy_reg) {
                 out.push_back({chip.name.c_str(), op});
@@ -81,12 +81,12 @@ protected:
     // WV517S's high code register in a move, DW9806B's ring-control switch
     // off before a ramp, and everything DW9806B's warm start does after Init
     // programmed the chip (the identification read and five writes).
-    static bool result_ignored(const Scenario& s, const host::BusTransfer& t, size_t k)
+    static bool result_ignored(const Scenario& s, const bench::BusTransfer& t, size_t k)
     {
         std::string chip = s.chip;
         bool moving = s.op == Op::SetPos || s.op == Op::ResetPos;
         if ((chip == "DW9718" || chip == "WV517S") && moving) {
-            return t.direction == host::Direction::Write && t.bytes[0] == sim::actuator_chip(chip).high_reg;
+            return t.direction == bench::Direction::Write && t.bytes[0] == models::actuator_chip(chip).high_reg;
         }
         if (chip == "DW9806B" && s.op == Op::Init) {
             return k >= 7;
@@ -100,8 +100,8 @@ protected:
 
 TEST_F(VcmFaultTest, EveryTransferOfEveryOperationFailedThreeWays)
 {
-    const host::BusFault faults[] = {host::BusFault::fail(STATUS_DEVICE_PROTOCOL_ERROR), host::BusFault::nack(),
-                                     host::BusFault::timeout()};
+    const bench::BusFault faults[] = {bench::BusFault::fail(STATUS_DEVICE_PROTOCOL_ERROR), bench::BusFault::nack(),
+                                     bench::BusFault::timeout()};
     size_t cases = 0;
     auto all = scenarios();
     for (auto& s : all) {
@@ -117,7 +117,7 @@ TEST_F(VcmFaultTest, EveryTransferOfEveryOperationFailedThreeWays)
             cases++;
             for (auto& fault : faults) {
                 SCOPED_TRACE(what + ", transfer " + std::to_string(k) + " " + wire_text(clean[k]) + " -> " +
-                             host::status_name(fault.status));
+                             bench::status_name(fault.status));
                 prepare(s);
                 uint16_t code_before = part->code();
                 sys.bus().fail_transfer(sys.bus().transfer_count() + k, fault);

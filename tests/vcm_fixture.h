@@ -5,9 +5,9 @@
 // restored after every test.
 #pragma once
 
-#include "bench.h"
+#include "driver_fixture.h"
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 #include "platform/actuator.h"
 #include "vcm/vcm.h"
 
@@ -32,9 +32,9 @@ inline std::string wire_line(char direction, const std::vector<uint8_t>& bytes)
     }
     return s;
 }
-inline std::string wire_text(const host::BusTransfer& t)
+inline std::string wire_text(const bench::BusTransfer& t)
 {
-    return wire_line(t.direction == host::Direction::Write ? 'W' : 'R', t.bytes);
+    return wire_line(t.direction == bench::Direction::Write ? 'W' : 'R', t.bytes);
 }
 inline std::string W(std::vector<uint8_t> bytes) { return wire_line('W', bytes); }
 inline std::string R(uint8_t byte) { return wire_line('R', {byte}); }
@@ -58,7 +58,7 @@ class VcmTest : public DriverTest {
 protected:
     static constexpr uint64_t kConnection = 0x1C;
     PDEVICE_CONTEXT ctx = nullptr;
-    std::shared_ptr<sim::ActuatorModel> part;
+    std::shared_ptr<models::ActuatorModel> part;
 
     static std::vector<std::pair<VCM_REG_DATA*, size_t>> settings()
     {
@@ -88,7 +88,7 @@ protected:
     }
 
     // What a platform that selects an actuator sets, and the part on the bus.
-    sim::ActuatorModel& select(const std::string& chip, PDEVICE_CONTEXT device = nullptr,
+    models::ActuatorModel& select(const std::string& chip, PDEVICE_CONTEXT device = nullptr,
                                uint64_t connection = kConnection)
     {
         device = device ? device : ctx;
@@ -112,7 +112,7 @@ protected:
     // Transfers in order, each preceded by the pauses since the one before
     // as one "delay N ms" (processor stalls and sleeps alike); `show` gives
     // a transfer's line, "" to leave it out.
-    Wire timeline(const std::function<std::string(const host::BusTransfer&)>& show = wire_text)
+    Wire timeline(const std::function<std::string(const bench::BusTransfer&)>& show = wire_text)
     {
         auto delays = sys.clock().delays();
         Wire out;
@@ -120,7 +120,7 @@ protected:
         auto pauses_before = [&](int64_t time) {
             int64_t units = 0;
             for (; d < delays.size() && delays[d].at < time; d++) {
-                units += delays[d].kind == host::Clock::Delay::Kind::Stall ? delays[d].amount * 10 : -delays[d].amount;
+                units += delays[d].kind == bench::Clock::Delay::Kind::Stall ? delays[d].amount * 10 : -delays[d].amount;
             }
             if (units > 0) {
                 out.push_back("delay " + std::to_string(units / 10000) + " ms");
@@ -143,10 +143,10 @@ protected:
     {
         auto points = part->trajectory();
         const auto& chip = part->chip();
-        bool words = chip.interface == sim::ActuatorChip::Interface::CommandWord, addressed = false;
-        size_t next = 0, width = chip.interface == sim::ActuatorChip::Interface::Reg16 ? 2 : 1;
-        return timeline([&](const host::BusTransfer& t) {
-            bool read = t.direction == host::Direction::Read;
+        bool words = chip.interface == models::ActuatorChip::Interface::CommandWord, addressed = false;
+        size_t next = 0, width = chip.interface == models::ActuatorChip::Interface::Reg16 ? 2 : 1;
+        return timeline([&](const bench::BusTransfer& t) {
+            bool read = t.direction == bench::Direction::Read;
             unsigned reg = t.bytes.size() < width ? ~0u : width == 2 ? t.bytes[0] << 8 | t.bytes[1] : t.bytes[0];
             bool code_reg = !read && (words || reg == chip.high_reg || reg == chip.low_reg);
             bool latching = words || (reg == chip.low_reg && t.bytes.size() > width);
@@ -181,21 +181,21 @@ protected:
 
     // Trace events whose marker text (the argument after the chip name) is
     // `marker`, and the numbers an event carries after its two texts.
-    std::vector<host::Traces::Event> marked(const std::string& marker)
+    std::vector<bench::Traces::Event> marked(const std::string& marker)
     {
-        std::vector<host::Traces::Event> out;
+        std::vector<bench::Traces::Event> out;
         for (auto& e : sys.traces().events()) {
-            if (host::Traces::text(e, 2) == marker) {
+            if (bench::Traces::text(e, 2) == marker) {
                 out.push_back(e);
             }
         }
         return out;
     }
-    static std::vector<uint32_t> numbers(const host::Traces::Event& e)
+    static std::vector<uint32_t> numbers(const bench::Traces::Event& e)
     {
         std::vector<uint32_t> out;
         for (size_t i = 3; i < e.args.size(); i++) {
-            out.push_back(host::Traces::u32(e, i));
+            out.push_back(bench::Traces::u32(e, i));
         }
         return out;
     }

@@ -7,8 +7,8 @@
 #include "bus/bus_lock.h"
 #include "bus/delay.h"
 #include "driver/driver.h"
-#include "host/bus.h"
-#include "host/irql_rules.h"
+#include "bench/spb_controller.h"
+#include "bench/irql_rules.h"
 #include "nvm/nvm.h"
 #include "platform/actuator.h"
 #include "platform/checked.h"
@@ -55,8 +55,8 @@ constexpr ULONG kTestTag = 0x74736554;  // "Test"
 
 namespace {
 
-using host::Violation;
-namespace verifier = host::verifier;
+using bench::Violation;
+namespace verifier = bench::verifier;
 
 // The violation `f` ends in, collected instead of failing the test; after it
 // the thread is back at PASSIVE_LEVEL holding no spin lock.
@@ -66,7 +66,7 @@ std::optional<Violation> violation_of(const std::function<void()>& f)
     auto saved = verifier::set_hook([&](const Violation& v) { seen = v; });
     try {
         f();
-    } catch (const host::Bugcheck&) {
+    } catch (const bench::Bugcheck&) {
     }
     verifier::set_hook(saved);
     EXPECT_EQ(verifier::irql(), PASSIVE_LEVEL) << "the level is restored after the work stops";
@@ -96,13 +96,13 @@ void at_dispatch(void (*f)())
 {
     try {
         verifier::at_irql(DISPATCH_LEVEL, f);
-    } catch (const host::Bugcheck&) {
+    } catch (const bench::Bugcheck&) {
     }
 }
 
 TEST(VerifierTest, EachBrokenRuleFailsTheRunningTestWithItsReport)
 {
-    host::System sys;
+    bench::Bench sys;
     EXPECT_NONFATAL_FAILURE(at_dispatch(ResidentOperationAllocatingPagedPool),
                             "*** STOP 0xC4 DRIVER_VERIFIER_DETECTED_VIOLATION (0x1)\n"
                             "    ExAllocatePoolWithTag called above its IRQL\n"
@@ -126,7 +126,7 @@ TEST(VerifierTest, EachBrokenRuleFailsTheRunningTestWithItsReport)
 
 TEST(VerifierTest, RoutinesWithConditionsAreJudgedByTheCallNotTheName)
 {
-    host::System sys;
+    bench::Bench sys;
     static KEVENT event;  // signalled for good: an allowed wait returns at once
     KeInitializeEvent(&event, NotificationEvent, TRUE);
     static LARGE_INTEGER zero{}, later{.QuadPart = -10};
@@ -172,7 +172,7 @@ TEST(VerifierTest, RoutinesWithConditionsAreJudgedByTheCallNotTheName)
 
 TEST(VerifierTest, LevelsAndSpinLocksChangeOnlyTheWayWindowsAllows)
 {
-    host::System sys;
+    bench::Bench sys;
     KSPIN_LOCK lock;
     KeInitializeSpinLock(&lock);
     KIRQL old = 0;
@@ -196,7 +196,7 @@ TEST(VerifierTest, LevelsAndSpinLocksChangeOnlyTheWayWindowsAllows)
 
 TEST(VerifierTest, FaultRulesStillApplyAndTheLevelIsCheckedFirst)
 {
-    host::System sys;
+    bench::Bench sys;
     sys.faults().fail("ExAllocatePoolWithTag", STATUS_INSUFFICIENT_RESOURCES);
     auto v = violation_of([] { verifier::at_irql(DISPATCH_LEVEL, [] { (void)ExAllocatePoolWithTag(PagedPool, 8, kTestTag); }); });
     ASSERT_TRUE(v.has_value()) << "an injected failure hid the level";
@@ -206,7 +206,7 @@ TEST(VerifierTest, FaultRulesStillApplyAndTheLevelIsCheckedFirst)
 // Pool tracking: a bad free stops at the call, with Driver Verifier's code.
 TEST(VerifierTest, PoolMisuseStopsAtTheFaultingCall)
 {
-    host::System sys;
+    bench::Bench sys;
     static int not_pool;
     static UNICODE_STRING foreign;
     struct Case {
@@ -258,10 +258,10 @@ TEST(VerifierTest, PoolMisuseStopsAtTheFaultingCall)
 // naming each allocation and the routine that made it.
 TEST(VerifierTest, ALeakStopsTheUnloadNamingWhatWasLeftAndWhoMadeIt)
 {
-    host::System sys;
+    bench::Bench sys;
     ASSERT_EQ(platform::load_driver(sys), STATUS_SUCCESS);
     DriverRoutineThatLeaks();
-    std::optional<host::UnloadReport> report;
+    std::optional<bench::UnloadReport> report;
     auto v = violation_of([&] { report = sys.unload_driver(); });
     EXPECT_EQ(stop_of(v), "0xC4/0x62");
     ASSERT_TRUE(v.has_value());
@@ -273,7 +273,7 @@ TEST(VerifierTest, ALeakStopsTheUnloadNamingWhatWasLeftAndWhoMadeIt)
 
 TEST(VerifierTest, HandleMisuseStopsWithTheFrameworksSubcode)
 {
-    host::System sys;
+    bench::Bench sys;
     ASSERT_EQ(platform::load_driver(sys), STATUS_SUCCESS);
     static WDFDEVICE device;
     device = platform::open_device(sys).device->handle();
@@ -306,7 +306,7 @@ TEST(VerifierTest, HandleMisuseStopsWithTheFrameworksSubcode)
 // operation the camera driver called.
 TEST(VerifierTest, ACallThatReturnsChangedIsStoppedInTheRoutineThatChangedIt)
 {
-    host::System sys;
+    bench::Bench sys;
     ModeFor on(verifier::Mode::On);
     static KSPIN_LOCK lock;
     KeInitializeSpinLock(&lock);
@@ -348,7 +348,7 @@ TEST(VerifierTest, ACallThatReturnsChangedIsStoppedInTheRoutineThatChangedIt)
 // A wait nothing can end stops, naming the waiters, instead of hanging.
 TEST(VerifierTest, AWaitNothingCanEndStopsNamingTheWaiters)
 {
-    host::System sys;
+    bench::Bench sys;
     static KEVENT a, b;
     KeInitializeEvent(&a, SynchronizationEvent, TRUE);
     KeInitializeEvent(&b, SynchronizationEvent, TRUE);
@@ -371,7 +371,7 @@ TEST(VerifierTest, AWaitNothingCanEndStopsNamingTheWaiters)
             EXPECT_EQ(AcquireBusLock(&a), STATUS_SUCCESS);
             first_taken.count_down();
             (void)AcquireBusLock(&b);
-        } catch (const host::Bugcheck& stop) {
+        } catch (const bench::Bugcheck& stop) {
             other = stop.violation();
         }
     });
@@ -405,7 +405,7 @@ TEST(VerifierTest, AWaitNothingCanEndStopsNamingTheWaiters)
 // user-mode one; a user-mode wait must not wait on its own stack.
 TEST(VerifierTest, WaitsHonourTheirModeAndAlertable)
 {
-    host::System sys;
+    bench::Bench sys;
     static KEVENT signalled;
     KeInitializeEvent(&signalled, NotificationEvent, TRUE);
     struct Case {
@@ -422,7 +422,7 @@ TEST(VerifierTest, WaitsHonourTheirModeAndAlertable)
     };
     for (auto c : cases) {
         SCOPED_TRACE(std::to_string(c.mode) + (c.alertable ? " alertable " : " not alertable ") +
-                     host::status_name(c.delivered));
+                     bench::status_name(c.delivered));
         sys.faults().fail("KeWaitForSingleObject", c.delivered);
         EXPECT_EQ(KeWaitForSingleObject(&signalled, Executive, c.mode, c.alertable, nullptr), c.result);
         sys.faults().fail("KeDelayExecutionThread", c.delivered);
@@ -443,9 +443,9 @@ TEST(VerifierTest, WaitsHonourTheirModeAndAlertable)
 // use from kernel mode stops; a query needs KEY_QUERY_VALUE access.
 TEST(VerifierTest, RegistryKeysOpenAsTheirAttributesAndAccessSay)
 {
-    host::System sys;
+    bench::Bench sys;
     sys.registry().set_dword("MipiLanes", 4);
-    static std::u16string exact = host::Registry::kServiceKey, upper = exact;
+    static std::u16string exact = bench::Registry::kServiceKey, upper = exact;
     for (auto& c : upper) {
         c = c >= u'a' && c <= u'z' ? char16_t(c - u'a' + u'A') : c;
     }
@@ -482,7 +482,7 @@ TEST(VerifierTest, RegistryKeysOpenAsTheirAttributesAndAccessSay)
         NTSTATUS status = STATUS_PENDING;
         auto stop = violation_of(
             [&] { status = ZwQueryValueKey(key, &name, KeyValuePartialInformation, buffer, sizeof buffer, &length); });
-        EXPECT_EQ(stop ? stop_of(stop) : host::status_name(status), c.query);
+        EXPECT_EQ(stop ? stop_of(stop) : bench::status_name(status), c.query);
         ModeFor off(verifier::Mode::Off);  // the handle goes back however it was opened
         EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
     }
@@ -492,7 +492,7 @@ TEST(VerifierTest, RegistryKeysOpenAsTheirAttributesAndAccessSay)
 // every callback at the highest its documentation allows.
 TEST(VerifierTest, TheSweepCallsEachOperationAtItsDeclaredLevel)
 {
-    host::System sys;
+    bench::Bench sys;
     static KIRQL seen[2];
     SENSOR_INTERFACE record{};
     record.AcceptNotice = [](PSENSOR_CONTEXT) {
@@ -519,7 +519,7 @@ TEST(VerifierTest, TheSweepCallsEachOperationAtItsDeclaredLevel)
 
 TEST(VerifierTest, AViolationLeavesTheBenchReadableAndItsUnloadReportComplete)
 {
-    host::System sys;
+    bench::Bench sys;
     ASSERT_EQ(platform::load_driver(sys), STATUS_SUCCESS);
     auto dev = platform::open_device(sys);
     ASSERT_EQ(dev.status, STATUS_SUCCESS);
@@ -538,7 +538,7 @@ TEST(VerifierTest, AViolationLeavesTheBenchReadableAndItsUnloadReportComplete)
 struct Operation {
     std::string name;
     std::function<void(const SENSOR_INTERFACE&, PDEVICE_CONTEXT)> call;
-    std::function<void(host::System&, PDEVICE_CONTEXT)> set_up = nullptr;
+    std::function<void(bench::Bench&, PDEVICE_CONTEXT)> set_up = nullptr;
 };
 
 std::vector<Operation> operations()
@@ -556,8 +556,8 @@ std::vector<Operation> operations()
     static USHORT position;
     static UCHAR buffer[NVM_CACHE_SIZE];
     auto x = [](SI si) { return (PSENSOR_CONTEXT)si.InterfaceHeader.Context; };
-    auto vcm = [](host::System& sys, C c) { platform::select_actuator(sys, c, {"DW9719"}); };
-    auto nvm = [](host::System& sys, C c) { platform::select_memory(sys, c, {10, 0x50, 64}); };
+    auto vcm = [](bench::Bench& sys, C c) { platform::select_actuator(sys, c, {"DW9719"}); };
+    auto nvm = [](bench::Bench& sys, C c) { platform::select_memory(sys, c, {10, 0x50, 64}); };
     return {
         {"AcceptRecord", [=](SI si, C) { si.AcceptRecord(x(si), u); }},
         {"GetSensorCaps", [=](SI si, C) { si.GetSensorCaps(x(si), &caps); }},
@@ -642,7 +642,7 @@ std::string highest_level(const Operation& op, std::string& report)
 {
     std::string highest = "none";
     for (KIRQL level : {PASSIVE_LEVEL, APC_LEVEL, DISPATCH_LEVEL}) {
-        host::System sys;
+        bench::Bench sys;
         sys.traces().enable(TRACE_INFO | TRACE_ERROR);
         EXPECT_EQ(platform::load_driver(sys), STATUS_SUCCESS);
         auto dev = platform::open_device(sys);
@@ -654,7 +654,7 @@ std::string highest_level(const Operation& op, std::string& report)
             report = v->text();
             break;
         }
-        highest = host::irql_name(level);
+        highest = bench::irql_name(level);
     }
     return highest;
 }

@@ -8,8 +8,8 @@
 #include "files/files.h"
 #include "known_names.h"
 #include "parse.h"
-#include "host/bus.h"
-#include "sim/actuator.h"
+#include "bench/spb_controller.h"
+#include "models/actuator.h"
 #include "vcm/vcm.h"
 
 #include <algorithm>
@@ -67,7 +67,7 @@ std::optional<std::vector<ActuatorOp>> check_actuator_options(ActuatorOptions& o
         }
         return std::vector<ActuatorOp>{};
     }
-    if (sim::find_actuator_chip(options.selection.chip) == nullptr) {
+    if (models::find_actuator_chip(options.selection.chip) == nullptr) {
         error = "unknown actuator chip '" + excerpt(options.selection.chip) + "' (" + actuator_chip_names() + ", or 1-8)";
         return std::nullopt;
     }

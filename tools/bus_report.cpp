@@ -3,7 +3,7 @@
 
 #include "parse.h"
 
-#include "host/system.h"
+#include "bench/bench.h"
 
 #include <algorithm>
 #include <cctype>
@@ -64,23 +64,23 @@ std::vector<std::string> byte_lines(const std::vector<uint8_t>& bytes)
     return hex_dump(bytes);
 }
 
-std::optional<host::BusSpeed> parse_bus_speed(const std::string& text)
+std::optional<bench::BusSpeed> parse_bus_speed(const std::string& text)
 {
     std::string t = text;
     std::transform(t.begin(), t.end(), t.begin(), [](unsigned char c) { return char(std::tolower(c)); });
     if (t == "100k") {
-        return host::BusSpeed::Standard;
+        return bench::BusSpeed::Standard;
     }
     if (t == "400k") {
-        return host::BusSpeed::Fast;
+        return bench::BusSpeed::Fast;
     }
     if (t == "1m") {
-        return host::BusSpeed::FastPlus;
+        return bench::BusSpeed::FastPlus;
     }
     return std::nullopt;
 }
 
-std::string bus_speed_text(host::BusSpeed speed)
+std::string bus_speed_text(bench::BusSpeed speed)
 {
     auto hz = static_cast<uint32_t>(speed);
     if (hz == 0) {
@@ -89,20 +89,20 @@ std::string bus_speed_text(host::BusSpeed speed)
     return hz >= 1000000 ? std::to_string(hz / 1000000) + " MHz" : std::to_string(hz / 1000) + " kHz";
 }
 
-std::string transfer_line(const host::BusTransfer& t, int64_t origin)
+std::string transfer_line(const bench::BusTransfer& t, int64_t origin)
 {
     char head[96];
     snprintf(head, sizeof head, "%10s ms  conn %s  %s %3u:", milliseconds(t.time - origin).c_str(),
-             connection_text(t.connection).c_str(), t.direction == host::Direction::Write ? "W" : "R", t.length);
+             connection_text(t.connection).c_str(), t.direction == bench::Direction::Write ? "W" : "R", t.length);
     std::string line = head;
     if (!t.bytes.empty() && t.bytes.size() <= kBytesPerLine) {
         line += " " + hex_bytes(t.bytes.data(), t.bytes.size());
     }
-    line += "  " + host::status_name(t.status);
+    line += "  " + bench::status_name(t.status);
     return line;
 }
 
-std::vector<std::string> transfer_lines(const host::BusTransfer& t, int64_t origin)
+std::vector<std::string> transfer_lines(const bench::BusTransfer& t, int64_t origin)
 {
     std::vector<std::string> lines = {transfer_line(t, origin)};
     if (t.bytes.size() > kBytesPerLine) {
@@ -113,7 +113,7 @@ std::vector<std::string> transfer_lines(const host::BusTransfer& t, int64_t orig
     return lines;
 }
 
-std::vector<std::string> transcript_lines(const std::vector<host::BusTransfer>& transcript, int64_t origin)
+std::vector<std::string> transcript_lines(const std::vector<bench::BusTransfer>& transcript, int64_t origin)
 {
     std::vector<std::string> lines;
     lines.reserve(transcript.size());
@@ -124,16 +124,16 @@ std::vector<std::string> transcript_lines(const std::vector<host::BusTransfer>& 
     return lines;
 }
 
-nlohmann::ordered_json transcript_json(const std::vector<host::BusTransfer>& transcript, int64_t origin)
+nlohmann::ordered_json transcript_json(const std::vector<bench::BusTransfer>& transcript, int64_t origin)
 {
     auto out = nlohmann::ordered_json::array();
     for (auto& t : transcript) {
         out.push_back({{"time_ms", double(t.time - origin) / 10000.0},
                        {"connection", t.connection},
-                       {"direction", t.direction == host::Direction::Write ? "write" : "read"},
+                       {"direction", t.direction == bench::Direction::Write ? "write" : "read"},
                        {"length", t.length},
                        {"bytes", hex_bytes(t.bytes.data(), t.bytes.size())},
-                       {"status", host::status_name(t.status)}});
+                       {"status", bench::status_name(t.status)}});
     }
     return out;
 }

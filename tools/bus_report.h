@@ -3,7 +3,7 @@
 // the same fields for machine-readable output.
 #pragma once
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 
 #include <nlohmann/json.hpp>
 
@@ -17,15 +17,15 @@ namespace korvanel::tool {
 // milliseconds with microsecond digits.
 // A transfer of more than kBytesPerLine bytes gives its head line, then its
 // bytes as a dump, each line indented under it.
-std::string transfer_line(const host::BusTransfer& transfer, int64_t origin);
-std::vector<std::string> transfer_lines(const host::BusTransfer& transfer, int64_t origin);
-std::vector<std::string> transcript_lines(const std::vector<host::BusTransfer>& transcript, int64_t origin);
-nlohmann::ordered_json transcript_json(const std::vector<host::BusTransfer>& transcript, int64_t origin);
+std::string transfer_line(const bench::BusTransfer& transfer, int64_t origin);
+std::vector<std::string> transfer_lines(const bench::BusTransfer& transfer, int64_t origin);
+std::vector<std::string> transcript_lines(const std::vector<bench::BusTransfer>& transcript, int64_t origin);
+nlohmann::ordered_json transcript_json(const std::vector<bench::BusTransfer>& transcript, int64_t origin);
 
 // --bus-speed: "100k", "400k" or "1m" (any case); nothing for anything else.
-std::optional<host::BusSpeed> parse_bus_speed(const std::string& text);
+std::optional<bench::BusSpeed> parse_bus_speed(const std::string& text);
 // "400 kHz", "instant".
-std::string bus_speed_text(host::BusSpeed speed);
+std::string bus_speed_text(bench::BusSpeed speed);
 
 // "0x1c": a connection id as the transcript shows it.
 std::string connection_text(uint64_t connection);

@@ -3,7 +3,7 @@
 
 #include "parse.h"
 
-#include "host/system.h"
+#include "bench/bench.h"
 
 #include <algorithm>
 #include <cstring>
@@ -69,7 +69,7 @@ struct Operation {
     std::function<Made(Reader&)> prepare;
 };
 
-ordered_json with_status(NTSTATUS status) { return {{"status", host::status_name(status)}}; }
+ordered_json with_status(NTSTATUS status) { return {{"status", bench::status_name(status)}}; }
 
 ordered_json with_record(NTSTATUS status, Record record, const void* data, bool raw)
 {

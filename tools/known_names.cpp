@@ -3,8 +3,8 @@
 
 #include "parse.h"
 
-#include "host/irql_rules.h"
-#include "sim/actuator.h"
+#include "bench/irql_rules.h"
+#include "models/actuator.h"
 
 #include <algorithm>
 
@@ -18,7 +18,7 @@ const std::vector<std::string>& fault_routines()
 {
     static const std::vector<std::string> names = [] {
         std::vector<std::string> out;
-        for (const auto& rule : host::irql_rules()) {
+        for (const auto& rule : bench::irql_rules()) {
             if (rule.fails && std::find(out.begin(), out.end(), rule.routine) == out.end()) {
                 out.push_back(rule.routine);
             }
@@ -85,7 +85,7 @@ std::vector<std::string> unread_registry_notes(const std::vector<std::string>& g
 std::string actuator_chip_names()
 {
     std::string names;
-    for (auto& chip : sim::actuator_chips()) {
+    for (auto& chip : models::actuator_chips()) {
         names += (names.empty() ? "" : ", ") + chip.name;
     }
     return names;

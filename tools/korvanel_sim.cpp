@@ -19,7 +19,7 @@
 #include "scenario.h"
 #include "trace_view.h"
 
-#include "host/verifier.h"
+#include "bench/verifier.h"
 #include "wire/waveform.h"
 
 #include <CLI/CLI.hpp>
@@ -120,7 +120,7 @@ int main(int argc, char** argv)
 {
     try {
         return run(argc, argv);
-    } catch (const korvanel::host::Bugcheck&) {
+    } catch (const korvanel::bench::Bugcheck&) {
         // The verifier's hook has printed the report.
         return korvanel::tool::kVerifierStop;
     }

@@ -3,7 +3,7 @@
 
 #include "parse.h"
 
-#include "sim/actuator.h"
+#include "models/actuator.h"
 
 #include <algorithm>
 #include <cmath>
@@ -20,7 +20,7 @@ double ms(int64_t units) { return double(units) / 10000.0; }
 
 }  // namespace
 
-ordered_json lens_trajectory(const sim::ActuatorModel* model, int64_t origin, int64_t end)
+ordered_json lens_trajectory(const models::ActuatorModel* model, int64_t origin, int64_t end)
 {
     ordered_json out;
     out["max_code"] = model ? model->chip().max_code : 1023;

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-namespace sim {
+namespace korvanel::models {
 class ActuatorModel;
 }
 
@@ -14,7 +14,7 @@ namespace korvanel::tool {
 
 // Every code the model latched, with times in ms from `origin`, the run's
 // end and the chip's largest code: what trajectory_svg() draws.
-nlohmann::ordered_json lens_trajectory(const sim::ActuatorModel* model, int64_t origin, int64_t end);
+nlohmann::ordered_json lens_trajectory(const models::ActuatorModel* model, int64_t origin, int64_t end);
 
 // A step chart of the trajectory: time on x (ms, or s for a long run), code
 // on y fitted to the moves and the module's low and high positions (both

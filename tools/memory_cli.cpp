@@ -6,7 +6,7 @@
 #include "files/files.h"
 #include "parse.h"
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 #include "nvm/nvm.h"
 #include "sensor/device_context.h"
 

@@ -188,7 +188,7 @@ bool parse_memory_ops(const std::string& list, const std::string& field, size_t 
     });
 }
 
-ordered_json run_actuator_op(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOp& op)
+ordered_json run_actuator_op(bench::Bench& sys, PDEVICE_CONTEXT context, const ActuatorOp& op)
 {
     const VCM_DRIVER& row = platform::actuator_table()[context->VcmType];
     ordered_json r = ordered_json::object();
@@ -224,7 +224,7 @@ ordered_json run_actuator_op(host::System& sys, PDEVICE_CONTEXT context, const A
         sys.clock().advance_ms(op.value);
         break;
     }
-    r["status"] = host::status_name(status);
+    r["status"] = bench::status_name(status);
     r["recorded_position"] = context->VcmPosition;
     return r;
 }
@@ -260,7 +260,7 @@ ordered_json run_memory_op(PDEVICE_CONTEXT context, const MemoryOp& op)
         r = {{"op", "write"}, {"address", op.address}, {"length", op.data.size()},
              {"data", hex_bytes(op.data.data(), op.data.size())}};
     }
-    r["status"] = host::status_name(status);
+    r["status"] = bench::status_name(status);
     return r;
 }
 

@@ -11,7 +11,7 @@
 // Numbers are decimal or 0x hex, each within the type the driver takes.
 #pragma once
 
-#include "host/system.h"
+#include "bench/bench.h"
 #include "sensor/device_context.h"
 
 #include <nlohmann/json.hpp>
@@ -63,7 +63,7 @@ bool parse_memory_ops(const std::string& list, const std::string& field, size_t 
 
 // One operation through the row VcmType selects (1 to 8): its status, what
 // it read ("position", "moving", "settled") and the recorded position.
-nlohmann::ordered_json run_actuator_op(host::System& sys, PDEVICE_CONTEXT context, const ActuatorOp& op);
+nlohmann::ordered_json run_actuator_op(bench::Bench& sys, PDEVICE_CONTEXT context, const ActuatorOp& op);
 
 // One operation through the row NvmType selects: its status and data.
 nlohmann::ordered_json run_memory_op(PDEVICE_CONTEXT context, const MemoryOp& op);

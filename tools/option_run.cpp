@@ -15,8 +15,8 @@
 
 #include "platform/checked.h"
 #include "platform/memory.h"
-#include "sim/actuator.h"
-#include "sim/eeprom.h"
+#include "models/actuator.h"
+#include "models/eeprom.h"
 
 #include <nlohmann/json.hpp>
 
@@ -266,7 +266,7 @@ void describe_answer(ordered_json& out, const std::string& key, const Step& step
 struct PartReport {
     ordered_json json;
     int64_t origin = -1;  // clock time of the first operation
-    std::vector<host::BusTransfer> transfers = {};
+    std::vector<bench::BusTransfer> transfers = {};
 
     void add(const Observation& seen)
     {
@@ -303,7 +303,7 @@ ordered_json memory_header(const Executor::DeviceView& d)
     return report;
 }
 
-ordered_json actuator_header(const Executor::DeviceView& d, host::BusSpeed speed)
+ordered_json actuator_header(const Executor::DeviceView& d, bench::BusSpeed speed)
 {
     ordered_json out;
     out["chip"] = platform::actuator_table()[d.context->VcmType].Name;
@@ -354,7 +354,7 @@ std::optional<std::string> read_options(SimOptions& o, OptionRun& run)
     }
     std::string error;
     auto vcm_ops = check_actuator_options(o.actuator, error);
-    auto speed = o.bus_speed.empty() ? host::BusSpeed::Instant : parse_bus_speed(o.bus_speed);
+    auto speed = o.bus_speed.empty() ? bench::BusSpeed::Instant : parse_bus_speed(o.bus_speed);
     if (!speed) {
         return "--bus-speed takes 100k, 400k or 1m, not '" + excerpt(o.bus_speed) + "'";
     }
@@ -399,7 +399,7 @@ std::optional<std::string> read_options(SimOptions& o, OptionRun& run)
             return std::string(option) + " and " + outputs[b].first + " both name " + *file;
         }
     }
-    if (!o.vcd.empty() && s.speed == host::BusSpeed::Instant) {
+    if (!o.vcd.empty() && s.speed == bench::BusSpeed::Instant) {
         return "--vcd: a waveform needs wire time: give --bus-speed 100k, 400k or 1m";
     }
     s.vcd = o.vcd;
@@ -439,7 +439,7 @@ std::optional<std::string> read_options(SimOptions& o, OptionRun& run)
             return "--reg " + excerpt(name) + " is given twice; give each value once";
         }
         run.registry_names.push_back(name);
-        device.registry.push_back({name, false, REG_DWORD, host::Registry::dword_data(uint32_t(*value))});
+        device.registry.push_back({name, false, REG_DWORD, bench::Registry::dword_data(uint32_t(*value))});
     }
     s.devices.push_back(std::move(device));
     return std::nullopt;
@@ -464,11 +464,11 @@ int run_options(const SimOptions& o, const OptionRun& run)
         Observation seen = executor.perform(step);
         if (seen.violation) {
             fprintf(stderr, "%s\n", seen.violation->text().c_str());
-            throw host::Bugcheck(*seen.violation);
+            throw bench::Bugcheck(*seen.violation);
         }
         return seen;
     };
-    std::vector<host::BusTransfer> bus;  // the whole run's, for the capture
+    std::vector<bench::BusTransfer> bus;  // the whole run's, for the capture
     auto keep = [&](const Observation& seen) { bus.insert(bus.end(), seen.transfers.begin(), seen.transfers.end()); };
 
     ordered_json description = describe_interface(*device.si);

@@ -1,7 +1,7 @@
 // parse.cpp - the tool's shared text parsers.
 #include "parse.h"
 
-#include "host/system.h"
+#include "bench/bench.h"
 
 #include <cctype>
 #include <cinttypes>
@@ -118,7 +118,7 @@ std::optional<std::vector<uint8_t>> parse_hex_bytes(const std::string& text)
 
 std::optional<NTSTATUS> parse_status(const std::string& text)
 {
-    if (auto known = host::status_value(text)) {
+    if (auto known = bench::status_value(text)) {
         return known;
     }
     if (auto number = parse_integer(text, 0, 0xFFFFFFFFll)) {

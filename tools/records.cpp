@@ -4,7 +4,7 @@
 #include "bus_report.h"
 #include "parse.h"
 
-#include "host/system.h"
+#include "bench/bench.h"
 #include "sensor/sensor_interface.h"
 
 #include <algorithm>
@@ -199,7 +199,7 @@ ordered_json decode_record(const RecordLayout& layout, const void* data, bool ra
         case Kind::Guid: {
             GUID guid;
             memcpy(&guid, at, sizeof guid);
-            out[f.name] = host::guid_text(guid);
+            out[f.name] = bench::guid_text(guid);
             break;
         }
         case Kind::Bytes:

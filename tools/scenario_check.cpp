@@ -4,7 +4,7 @@
 #include "bus_report.h"
 #include "parse.h"
 
-#include "host/system.h"
+#include "bench/bench.h"
 
 #include <algorithm>
 #include <climits>
@@ -81,7 +81,7 @@ void compare(const json& expected, const json& actual, const std::string& where,
     }
 }
 
-void check_bus(const std::vector<std::string>& want, const std::vector<host::BusTransfer>& transfers,
+void check_bus(const std::vector<std::string>& want, const std::vector<bench::BusTransfer>& transfers,
                std::vector<std::string>& failures)
 {
     std::vector<std::string> got;
@@ -119,7 +119,7 @@ void check_capture(const Expect& x, const Observation& seen, std::vector<std::st
         failures.push_back(text);
         return;
     }
-    if (!x.capture_tolerance_us || bench.size() != seen.transfers.size() || seen.speed == host::BusSpeed::Instant) {
+    if (!x.capture_tolerance_us || bench.size() != seen.transfers.size() || seen.speed == bench::BusSpeed::Instant) {
         return;
     }
     // The bench's STOP and START sit inside the transfers' spans: the gap
@@ -176,15 +176,15 @@ std::string event_text(const TraceEntry& e)
 
 }  // namespace
 
-std::string wire_text(const host::BusTransfer& t, bool connection)
+std::string wire_text(const bench::BusTransfer& t, bool connection)
 {
     std::string out = connection ? connection_text(t.connection) + " " : "";
-    out += t.direction == host::Direction::Write ? "W" : "R";
+    out += t.direction == bench::Direction::Write ? "W" : "R";
     if (!t.bytes.empty()) {
         out += " " + hex_bytes(t.bytes.data(), t.bytes.size());
     }
     if (t.status != STATUS_SUCCESS) {
-        out += "  " + host::status_name(t.status);
+        out += "  " + bench::status_name(t.status);
     }
     return out;
 }
@@ -196,7 +196,7 @@ std::vector<std::string> check_step(const Expect& x, const Observation& seen)
         if (!seen.status) {
             failures.push_back("status: the step returns no status");
         } else if (parse_status(*seen.status) != x.status) {
-            failures.push_back("status: expected " + host::status_name(*x.status) + ", got " + *seen.status);
+            failures.push_back("status: expected " + bench::status_name(*x.status) + ", got " + *seen.status);
         }
     }
     if (x.values) {

@@ -3,12 +3,12 @@
 // everything it looks at is in the observation.
 #pragma once
 
-#include "host/verifier.h"
+#include "bench/verifier.h"
 
 #include "scenario_model.h"
 #include "trace_view.h"
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 
 #include <nlohmann/json.hpp>
 
@@ -24,10 +24,10 @@ struct Observation {
     std::optional<std::string> status = {};  // the name of what the action returned, if it returns one
     nlohmann::ordered_json values = nlohmann::ordered_json::object();
     nlohmann::ordered_json result = nlohmann::ordered_json::object();  // what the action returned, whole
-    std::vector<host::BusTransfer> transfers = {};
+    std::vector<bench::BusTransfer> transfers = {};
     std::vector<TraceEntry> trace = {};
     std::vector<std::string> problems = {};  // the action could not be done as asked
-    std::optional<host::Violation> violation = {};  // the verifier stopped the action
+    std::optional<bench::Violation> violation = {};  // the verifier stopped the action
 
     // The device and the bench after the step.
     std::vector<uint8_t> memory = {};    // the memory's contents, when the step checks them
@@ -35,7 +35,7 @@ struct Observation {
     DEVICE_POWER_STATE power = PowerDeviceUnspecified;
     long long references = 0;  // power references
     int64_t clock = 0;         // since the run began, 100 ns units
-    host::BusSpeed speed = host::BusSpeed::Instant;  // of the bus during the step
+    bench::BusSpeed speed = bench::BusSpeed::Instant;  // of the bus during the step
 };
 
 // One text per expectation not met ("lens: expected code 301, got 300"),
@@ -44,6 +44,6 @@ std::vector<std::string> check_step(const Expect& expect, const Observation& see
 
 // A transfer as a scenario's "bus" expectation writes it ("W 04 2C",
 // "0x51 R FF", "W 00 10  STATUS_NO_SUCH_DEVICE"), with its connection when asked.
-std::string wire_text(const host::BusTransfer& transfer, bool connection);
+std::string wire_text(const bench::BusTransfer& transfer, bool connection);
 
 }  // namespace korvanel::tool

@@ -7,8 +7,8 @@
 #include "platform/checked.h"
 #include "platform/device.h"
 
-#include "sim/actuator.h"
-#include "sim/eeprom.h"
+#include "models/actuator.h"
+#include "models/eeprom.h"
 #include "trace/trace.h"
 
 #include <cstring>
@@ -34,7 +34,7 @@ Executor::Executor(const Scenario& scenario, bool verbose, const TraceOptions& t
 {
     sys_.bus().set_speed(scenario_.speed);
     if (scenario_.real_time) {
-        sys_.clock().set_mode(host::Clock::Mode::Real);
+        sys_.clock().set_mode(bench::Clock::Mode::Real);
     }
     tracing_ = scenario_.trace || verbose_ || trace_options_.requested();
     if (tracing_) {
@@ -53,7 +53,7 @@ bool Executor::set_up(const OutputRule& outputs)
         // the write cycle of any memory.
         wire::Waveform::Signals signals;
         for (auto& d : scenario_.devices) {
-            const auto* chip = d.actuator ? sim::find_actuator_chip(d.actuator->chip) : nullptr;
+            const auto* chip = d.actuator ? models::find_actuator_chip(d.actuator->chip) : nullptr;
             signals.lens_bits = std::max(signals.lens_bits, chip == nullptr ? 0u : chip->max_code > 1023 ? 11u : 10u);
             signals.memory = signals.memory || d.memory.has_value();
         }
@@ -65,7 +65,7 @@ bool Executor::set_up(const OutputRule& outputs)
     }
     NTSTATUS status = platform::load_driver(sys_);
     if (!NT_SUCCESS(status)) {
-        problem = "DriverEntry failed: " + host::status_name(status);
+        problem = "DriverEntry failed: " + bench::status_name(status);
     }
     for (size_t i = 0; !problem && i < scenario_.devices.size(); i++) {
         problem = add(scenario_.devices[i]);
@@ -106,15 +106,15 @@ std::optional<std::string> Executor::add(const DeviceSetup& setup)
             sys_.registry().set(v.name, v.type, v.data);
         }
     }
-    host::DeviceConfig config;
-    config.hardware_ids = {host::to_utf16(setup.hwid)};
+    bench::DeviceConfig config;
+    config.hardware_ids = {bench::to_utf16(setup.hwid)};
     auto open = platform::open_device(sys_, config);
     std::string of = setup.name.empty() ? "" : " of '" + setup.name + "'";
     if (open.context == nullptr) {
-        return "device add" + of + " failed: " + host::status_name(open.status);
+        return "device add" + of + " failed: " + bench::status_name(open.status);
     }
     if (!NT_SUCCESS(open.status)) {
-        return "the interface" + of + " could not be taken: " + host::status_name(open.status);
+        return "the interface" + of + " could not be taken: " + bench::status_name(open.status);
     }
     DeviceState d{&setup, open.device, open.context, open.si, 1};
     if (setup.actuator) {
@@ -152,13 +152,13 @@ Observation Executor::perform(const Step& step)
     seen.start = sys_.clock().now();
     // A broken rule stops the step as a bugcheck would; the observation
     // carries the report, so the hook stays quiet.
-    auto hook = host::verifier::set_hook([](const host::Violation&) {});
+    auto hook = bench::verifier::set_hook([](const bench::Violation&) {});
     try {
-        host::verifier::at_irql(step.irql, [&] { act(step.action, d, seen); });
-    } catch (const host::Bugcheck& stop) {
+        bench::verifier::at_irql(step.irql, [&] { act(step.action, d, seen); });
+    } catch (const bench::Bugcheck& stop) {
         seen.violation = stop.violation();
     }
-    host::verifier::set_hook(hook);
+    bench::verifier::set_hook(hook);
     seen.transfers = sys_.bus().transcript();
     seen.trace = collect_trace();
     if (!step.expect.memory.empty() && d.memory) {
@@ -209,7 +209,7 @@ void Executor::act(const Action& action, DeviceState& d, Observation& seen)
                        }
                    },
                    [&](PnpAction a) {
-                       seen.status = host::status_name(a == PnpAction::QueryRemove ? d.device->query_remove()
+                       seen.status = bench::status_name(a == PnpAction::QueryRemove ? d.device->query_remove()
                                                                                    : d.device->query_stop());
                    },
                    [&](InterfaceAction a) {
@@ -217,7 +217,7 @@ void Executor::act(const Action& action, DeviceState& d, Observation& seen)
                            SENSOR_INTERFACE si{};
                            NTSTATUS status =
                                platform::query_sensor_interface(*d.device, &si);
-                           seen.status = host::status_name(status);
+                           seen.status = bench::status_name(status);
                            d.held += NT_SUCCESS(status) ? 1 : 0;
                        } else if (d.held == 0) {
                            seen.problems.push_back("the scenario holds no reference on the interface to release");

@@ -10,7 +10,7 @@
 #include "trace_view.h"
 #include "wire/waveform.h"
 
-#include "host/system.h"
+#include "bench/bench.h"
 #include "sensor/device_context.h"
 
 #include <memory>
@@ -18,10 +18,10 @@
 #include <string>
 #include <vector>
 
-namespace sim {
+namespace korvanel::models {
 class ActuatorModel;
 class Eeprom;
-}  // namespace sim
+}  // namespace korvanel::models
 
 namespace korvanel::tool {
 
@@ -38,7 +38,7 @@ struct RunEnd {
     };
     std::string unload = "not reached";
     std::vector<Output> outputs;
-    std::vector<host::BusTransfer> transfers;  // the end's own: releasing and unloading
+    std::vector<bench::BusTransfer> transfers;  // the end's own: releasing and unloading
     std::vector<std::string> failures;
     int64_t clock = 0;               // since the run began, 100 ns units
     std::vector<TraceEntry> trace;   // the run's events the trace options accept
@@ -68,8 +68,8 @@ public:
     struct DeviceView {
         PDEVICE_CONTEXT context;
         const SENSOR_INTERFACE* si;
-        const sim::ActuatorModel* lens;
-        const sim::Eeprom* memory;
+        const models::ActuatorModel* lens;
+        const models::Eeprom* memory;
     };
     DeviceView device(size_t index) const
     {
@@ -86,19 +86,19 @@ public:
 private:
     struct DeviceState {
         const DeviceSetup* setup;
-        host::Device* device = nullptr;
+        bench::Device* device = nullptr;
         PDEVICE_CONTEXT context = nullptr;
         SENSOR_INTERFACE si{};
         int held = 0;  // interface references the scenario holds
-        std::shared_ptr<sim::ActuatorModel> lens = {};
-        std::shared_ptr<sim::Eeprom> memory = {};
+        std::shared_ptr<models::ActuatorModel> lens = {};
+        std::shared_ptr<models::Eeprom> memory = {};
         nlohmann::ordered_json lens_ops = nlohmann::ordered_json::array();  // where the chart labels them
     };
 
     const Scenario& scenario_;
     bool verbose_;
     TraceOptions trace_options_;
-    host::System sys_;
+    bench::Bench sys_;
     int64_t origin_ = 0;
     bool tracing_ = false;
     bool ready_ = false;

@@ -8,7 +8,7 @@
 #include "parse.h"
 #include "scenario_json.h"
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 
 #include <nlohmann/json.hpp>
 
@@ -98,11 +98,11 @@ protected:
         }
         return *s;
     }
-    static host::BusSpeed bus_speed(const json& v, const std::string& path)
+    static bench::BusSpeed bus_speed(const json& v, const std::string& path)
     {
         std::string t = v.is_string() ? v.get<std::string>() : "";
         if (t == "instant") {
-            return host::BusSpeed::Instant;
+            return bench::BusSpeed::Instant;
         }
         auto s = parse_bus_speed(t);
         if (!s) {

@@ -8,7 +8,7 @@
 #include "operations.h"
 #include "wire/capture.h"
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 #include "platform/actuator.h"
 #include "platform/memory.h"
 
@@ -71,7 +71,7 @@ struct AdvanceAction {
 };
 
 struct BusSpeedAction {
-    host::BusSpeed speed = host::BusSpeed::Instant;
+    bench::BusSpeed speed = bench::BusSpeed::Instant;
     std::string written;
 };
 
@@ -79,9 +79,9 @@ struct BusSpeedAction {
 // a platform routine to fail, or every rule cleared.
 struct FaultAction {
     enum class What { Bus, Routine, Clear } what = What::Clear;
-    host::BusFault fault{host::BusFault::Kind::Fail, STATUS_SUCCESS};
+    bench::BusFault fault{bench::BusFault::Kind::Fail, STATUS_SUCCESS};
     std::optional<uint64_t> transfer = {};  // the k-th transfer from here, 1 the next
-    host::BusMatch match = {};
+    bench::BusMatch match = {};
     std::string routine = {};
     NTSTATUS status = STATUS_SUCCESS;
     unsigned skip = 0;
@@ -150,7 +150,7 @@ struct Step {
 
 struct Scenario {
     std::string description;
-    host::BusSpeed speed = host::BusSpeed::Instant;
+    bench::BusSpeed speed = bench::BusSpeed::Instant;
     bool trace = false;
     std::string vcd;  // the run's waveform file; empty: none
     bool overwrite = false;  // charts and saved memories may replace existing files

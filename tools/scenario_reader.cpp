@@ -7,9 +7,9 @@
 #include "scenario_json.h"
 #include "scenario_steps.h"
 
-#include "host/system.h"
+#include "bench/bench.h"
 #include "nvm/nvm.h"
-#include "sim/actuator.h"
+#include "models/actuator.h"
 
 #include <climits>
 #include <cstdio>
@@ -101,7 +101,7 @@ private:
     {
         RegistryValue r{name};
         auto utf16 = [](const std::string& s) {
-            std::u16string w = host::to_utf16(s);
+            std::u16string w = bench::to_utf16(s);
             std::vector<uint8_t> out((w.size() + 1) * 2, 0);
             memcpy(out.data(), w.data(), w.size() * 2);
             return out;
@@ -190,7 +190,7 @@ private:
             platform::ActuatorSelection options;
             // A name, or the chip's table row as a number.
             options.chip = a["chip"].is_string() ? text(a["chip"], p + "/chip") : json_text(a["chip"]);
-            if (sim::find_actuator_chip(options.chip) == nullptr) {
+            if (models::find_actuator_chip(options.chip) == nullptr) {
                 fail(p + "/chip", "unknown actuator chip " + shown(a["chip"]) + " (" + actuator_chip_names() + ")");
             }
             if (a.contains("connection")) {
@@ -327,7 +327,7 @@ std::optional<PartClash> part_clash(const std::vector<DeviceSetup>& devices)
         // The parts of one module share its bus: two on one address would
         // both answer every transfer.
         if (d.actuator && d.memory) {
-            const auto* chip = sim::find_actuator_chip(d.actuator->chip);
+            const auto* chip = models::find_actuator_chip(d.actuator->chip);
             unsigned lens = d.actuator->address.value_or(chip ? platform::usual_actuator_address(*chip) : 0);
             unsigned first = d.memory->address.value_or(platform::kUsualMemoryAddress);
             if (lens >= first && lens < first + d.memory_connections) {
@@ -345,7 +345,7 @@ std::optional<PartClash> part_clash(const std::vector<DeviceSetup>& devices)
 
 std::optional<std::string> waveform_problem(const Scenario& scenario)
 {
-    if (scenario.speed == host::BusSpeed::Instant) {
+    if (scenario.speed == bench::BusSpeed::Instant) {
         return "a waveform needs wire time: give \"bus_speed\" 100k, 400k or 1m";
     }
     for (auto& step : scenario.steps) {

@@ -6,7 +6,7 @@
 #include "parse.h"
 #include "records.h"
 
-#include "host/system.h"
+#include "bench/bench.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -53,7 +53,7 @@ std::string fault_title(const FaultAction& f)
     if (f.what == FaultAction::What::Routine) {
         return "fail_routine " + f.routine + arguments(f.shown);
     }
-    using Kind = host::BusFault::Kind;
+    using Kind = bench::BusFault::Kind;
     std::string what = f.what == FaultAction::What::Clear ? "clear"
                        : f.fault.kind == Kind::Nack       ? "nack"
                        : f.fault.kind == Kind::Timeout    ? "timeout"
@@ -114,7 +114,7 @@ std::vector<std::string> identity_notes(const Scenario& scenario)
 // The stop a step ended with, on its line: "STOP 0xA IRQL_NOT_LESS_OR_EQUAL
 // in WdfDeviceStopIdle (called by PowerUp)"; the expectation alone says
 // only that the code was right.
-std::string stop_text(const host::Violation& v)
+std::string stop_text(const bench::Violation& v)
 {
     char code[16];
     snprintf(code, sizeof code, "0x%X", v.stop.code);

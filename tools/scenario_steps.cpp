@@ -212,10 +212,10 @@ public:
                                  : "'" + excerpt(what) + "' takes no status");
             }
             NTSTATUS st = with_status ? status(s["status"], path + "/status") : STATUS_SUCCESS;
-            f.fault = what == "nack"      ? host::BusFault::nack()
-                      : what == "timeout" ? host::BusFault::timeout()
-                      : what == "fail"    ? host::BusFault::fail(st)
-                                          : host::BusFault::complete_with(st);
+            f.fault = what == "nack"      ? bench::BusFault::nack()
+                      : what == "timeout" ? bench::BusFault::timeout()
+                      : what == "fail"    ? bench::BusFault::fail(st)
+                                          : bench::BusFault::complete_with(st);
             if (s.contains("transfer") && s.contains("match")) {
                 fail(path + "/match", "a fault takes \"transfer\" or \"match\", not both");
             }
@@ -240,7 +240,7 @@ public:
                     if (d != "write" && d != "read") {
                         fail(mp + "/direction", "takes write or read");
                     }
-                    f.match.direction = d == "write" ? host::Direction::Write : host::Direction::Read;
+                    f.match.direction = d == "write" ? bench::Direction::Write : bench::Direction::Read;
                 }
                 if (m.contains("prefix")) {
                     f.match.prefix = hex(m["prefix"], mp + "/prefix");
@@ -437,7 +437,7 @@ public:
         for (; i < tokens.size(); i++) {
             if (auto status = tokens[i].size() > 2 ? parse_status(tokens[i]) : std::nullopt;
                 status && i + 1 == tokens.size()) {
-                out += "  " + host::status_name(*status);
+                out += "  " + bench::status_name(*status);
                 break;
             }
             auto byte = parse_hex_bytes(tokens[i]);

@@ -45,14 +45,14 @@ namespace {
 // same bytes. The pointers are found by walking the format's directives as
 // the decoder does, swapped for marker values, and the markers replaced in
 // the decoded text.
-std::string stable_message(const host::Traces& traces, const host::Traces::Event& event)
+std::string stable_message(const bench::Traces& traces, const bench::Traces::Event& event)
 {
-    const host::TraceFormatInfo* format = traces.format(event);
+    const bench::TraceFormatInfo* format = traces.format(event);
     if (format == nullptr) {
         return traces.message(event);
     }
     const uint64_t marker = 0x7e57ab1efeed0000ull;
-    host::Traces::Event copy = event;
+    bench::Traces::Event copy = event;
     std::vector<std::string> markers;
     const std::string& t = format->text;
     size_t arg = 1;
@@ -69,7 +69,7 @@ std::string stable_message(const host::Traces& traces, const host::Traces::Event
             p++;
         }
         p += t.compare(p, 3, "I64") == 0 ? 3 : p < t.size() && (t[p] == 'l' || t[p] == 'h') ? 1 : 0;
-        if (p < t.size() && t[p] == 'p' && arg < copy.args.size() && host::Traces::u64(event, arg) != 0) {
+        if (p < t.size() && t[p] == 'p' && arg < copy.args.size() && bench::Traces::u64(event, arg) != 0) {
             uint64_t value = marker + markers.size();
             copy.args[arg].assign(reinterpret_cast<const uint8_t*>(&value),
                                   reinterpret_cast<const uint8_t*>(&value) + sizeof value);
@@ -120,12 +120,12 @@ std::optional<std::string> check_trace_options(const TraceOptions& options)
     return std::nullopt;
 }
 
-std::vector<TraceEntry> trace_entries(const host::Traces& traces, const std::vector<host::Traces::Event>& events,
+std::vector<TraceEntry> trace_entries(const bench::Traces& traces, const std::vector<bench::Traces::Event>& events,
                                       const TraceOptions& options)
 {
     std::vector<TraceEntry> out;
     for (auto& e : events) {
-        const host::TraceFormatInfo* format = traces.format(e);
+        const bench::TraceFormatInfo* format = traces.format(e);
         std::string level = format == nullptr            ? "?"
                             : format->flag == TRACE_ERROR ? "ERROR"
                                                           : "INFO";

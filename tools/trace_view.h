@@ -7,7 +7,7 @@
 //       0.0000 ms  ERROR  sensor          #15  SelectMode failed STATUS_UNSUCCESSFUL
 #pragma once
 
-#include "host/system.h"
+#include "bench/bench.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -44,7 +44,7 @@ std::optional<std::string> check_trace_options(const TraceOptions& options);
 std::vector<std::string> trace_modules();
 
 // The events decoded, oldest first, those the options accept.
-std::vector<TraceEntry> trace_entries(const host::Traces& traces, const std::vector<host::Traces::Event>& events,
+std::vector<TraceEntry> trace_entries(const bench::Traces& traces, const std::vector<bench::Traces::Event>& events,
                                       const TraceOptions& options);
 // Times from `origin`, in milliseconds.
 std::string trace_line(const TraceEntry& entry, int64_t origin);

@@ -1,6 +1,6 @@
 /*
  * wdm.h - the subset of the Windows kernel (WDM) interface that the driver
- * uses, with Windows widths, for the Linux host build. Implemented in host/.
+ * uses, with Windows widths, for the Linux host build. Implemented in bench/.
  *
  * Widths: ULONG and LONG are 32-bit, WCHAR is a 16-bit UTF-16 unit, pointers
  * are 64-bit. Record layouts are the x64 ones where the driver or a peer reads
@@ -58,14 +58,14 @@
 
 /* Pageable code checks the level it runs at: above APC_LEVEL the bench
  * stops with the bugcheck Windows gives when such code is paged out. */
-void KorvanelHostPagedCode(const char* Routine, const void* ReturnAddress);
-#define PAGED_CODE() KorvanelHostPagedCode(__func__, __builtin_return_address(0))
+void KorvanelBenchPagedCode(const char* Routine, const void* ReturnAddress);
+#define PAGED_CODE() KorvanelBenchPagedCode(__func__, __builtin_return_address(0))
 #define PAGED_CODE_LOCKED()
 
 /* A checked Windows build stops at a failed assertion; the bench lists it in
  * the unload report instead, so a test that reaches one fails. */
-void KorvanelHostAssertionFailed(const char* Expression, const char* File, int Line);
-#define NT_ASSERT(exp) ((!(exp)) ? (KorvanelHostAssertionFailed(#exp, __FILE__, __LINE__), (BOOLEAN)0) : (BOOLEAN)1)
+void KorvanelBenchAssertionFailed(const char* Expression, const char* File, int Line);
+#define NT_ASSERT(exp) ((!(exp)) ? (KorvanelBenchAssertionFailed(#exp, __FILE__, __LINE__), (BOOLEAN)0) : (BOOLEAN)1)
 #ifndef FIELD_OFFSET
 #define FIELD_OFFSET(type, field) ((LONG)offsetof(type, field))
 #endif
@@ -199,7 +199,7 @@ typedef enum _EVENT_TYPE { NotificationEvent, SynchronizationEvent } EVENT_TYPE;
 typedef enum _KWAIT_REASON { Executive = 0, UserRequest = 6 } KWAIT_REASON;
 typedef LONG KPRIORITY;
 
-/* An event's whole state lives in the record, as in the kernel; the host's
+/* An event's whole state lives in the record, as in the kernel; the bench's
  * waiters block on one condition shared by all events. */
 typedef struct _KEVENT {
     LONG Type;         /* EVENT_TYPE */
@@ -276,7 +276,7 @@ typedef struct _IO_STACK_LOCATION {
     struct _DEVICE_OBJECT* DeviceObject;
 } IO_STACK_LOCATION, *PIO_STACK_LOCATION;
 
-/* An I/O request packet as far as the driver touches it. The host owns the
+/* An I/O request packet as far as the driver touches it. The bench owns the
  * stack locations behind CurrentStackLocation. */
 typedef struct _IRP {
     USHORT Type;
@@ -301,7 +301,7 @@ typedef struct _DEVICE_OBJECT {
     USHORT Size;
     LONG ReferenceCount;
     struct _DRIVER_OBJECT* DriverObject;
-    PVOID HostDevice; /* the host's model of the device stack below */
+    PVOID BenchDevice; /* the bench's model of the device stack below */
 } DEVICE_OBJECT, *PDEVICE_OBJECT;
 
 typedef struct _DRIVER_OBJECT DRIVER_OBJECT, *PDRIVER_OBJECT;
@@ -315,7 +315,7 @@ struct _DRIVER_OBJECT {
     PVOID DriverStart;
     UNICODE_STRING DriverName;
     DRIVER_UNLOAD* DriverUnload;
-    PVOID HostDriver;
+    PVOID BenchDriver;
 };
 
 typedef struct _FILE_OBJECT* PFILE_OBJECT;
@@ -542,6 +542,6 @@ NTSYSAPI NTSTATUS NTAPI ZwClose(HANDLE Handle);
  * which a variadic definition cannot start its argument list after (the type
  * promotes), so on the host the name leads to an entry that takes the message
  * number promoted. Callers write WmiTraceMessage as on Windows. */
-extern "C" NTSTATUS KorvanelHostWmiTraceMessage(TRACEHANDLE LoggerHandle, ULONG MessageFlags, LPGUID MessageGuid,
+extern "C" NTSTATUS KorvanelBenchWmiTraceMessage(TRACEHANDLE LoggerHandle, ULONG MessageFlags, LPGUID MessageGuid,
                                                 ULONG MessageNumber, ...);
-#define WmiTraceMessage KorvanelHostWmiTraceMessage
+#define WmiTraceMessage KorvanelBenchWmiTraceMessage

@@ -9,7 +9,7 @@
 
 namespace korvanel::wire {
 
-using host::Bus;
+using bench::Bus;
 
 namespace {
 
@@ -75,7 +75,7 @@ std::optional<WireTransfer> on_wire(const BusTransfer& t, BusSpeed speed, bool h
         if (t.direction == Direction::Write) {
             w.bytes = t.bytes;
             w.acks.assign(t.length, true);
-            w.acks.back() = t.status != sim::kNack;
+            w.acks.back() = t.status != models::kNack;
         } else {
             w.bytes = t.bytes.size() == t.length ? t.bytes : std::vector<uint8_t>(t.length, 0xFF);
             w.acks.assign(t.length, true);

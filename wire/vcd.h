@@ -18,7 +18,7 @@
 // one transfer, not the run.
 #pragma once
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 #include "files/files.h"
 
 #include <optional>
@@ -28,9 +28,9 @@
 
 namespace korvanel::wire {
 
-using host::BusSpeed;
-using host::BusTransfer;
-using sim::Direction;
+using bench::BusSpeed;
+using bench::BusTransfer;
+using models::Direction;
 
 // How the waveform draws one clock at a speed, in nanoseconds. Each bit is
 // one clock period: SCL low for `low` (SDA changes `hold_data` after SCL

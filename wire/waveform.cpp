@@ -10,10 +10,10 @@ Waveform::~Waveform()
     }
 }
 
-std::optional<std::string> Waveform::open(host::System& sys, const std::string& path, const files::OutputRule& rule,
+std::optional<std::string> Waveform::open(bench::Bench& sys, const std::string& path, const files::OutputRule& rule,
                                           Signals signals)
 {
-    if (sys.bus().speed() == host::BusSpeed::Instant) {
+    if (sys.bus().speed() == bench::BusSpeed::Instant) {
         return "a waveform needs wire time: give --bus-speed 100k, 400k or 1m";
     }
     if (auto error = file_.open(path, rule)) {
@@ -29,12 +29,12 @@ std::optional<std::string> Waveform::open(host::System& sys, const std::string& 
     if (signals.memory) {
         busy_ = vcd_.add_signal("nvm_busy", 1, 0);
     }
-    sys.bus().observe([this](const host::BusTransfer& t) { follow(t); });
+    sys.bus().observe([this](const bench::BusTransfer& t) { follow(t); });
     return std::nullopt;
 }
 
 // A device about to be removed is watched no more: it leaves D0 for good.
-void Waveform::watch(host::Device* device)
+void Waveform::watch(bench::Device* device)
 {
     device_ = device;
     if (sys_ != nullptr) {
@@ -42,9 +42,9 @@ void Waveform::watch(host::Device* device)
     }
 }
 
-void Waveform::watch(std::shared_ptr<sim::ActuatorModel> actuator) { actuator_ = std::move(actuator); }
+void Waveform::watch(std::shared_ptr<models::ActuatorModel> actuator) { actuator_ = std::move(actuator); }
 
-void Waveform::watch(std::shared_ptr<sim::Eeprom> memory) { memory_ = std::move(memory); }
+void Waveform::watch(std::shared_ptr<models::Eeprom> memory) { memory_ = std::move(memory); }
 
 void Waveform::sample_power(int64_t now)
 {
@@ -55,12 +55,12 @@ void Waveform::sample_power(int64_t now)
     }
 }
 
-void Waveform::follow(const host::BusTransfer& t)
+void Waveform::follow(const bench::BusTransfer& t)
 {
     sample_power(t.time);
     vcd_.transfer(t);
     // Both latch at the transfer's stop condition.
-    int64_t stop = t.time + host::Bus::wire_time(sys_->bus().speed(), t.length);
+    int64_t stop = t.time + bench::Bus::wire_time(sys_->bus().speed(), t.length);
     if (actuator_ && lens_ >= 0 && actuator_->code() != code_) {
         code_ = actuator_->code();
         vcd_.change(lens_, stop, code_);

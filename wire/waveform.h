@@ -11,9 +11,9 @@
 
 #include "vcd.h"
 
-#include "host/system.h"
-#include "sim/actuator.h"
-#include "sim/eeprom.h"
+#include "bench/bench.h"
+#include "models/actuator.h"
+#include "models/eeprom.h"
 
 #include <memory>
 #include <optional>
@@ -35,29 +35,29 @@ public:
     // Starts following the bus into a new file for `path` under `rule`; the
     // error text (an instant bus, a path that cannot be written) otherwise.
     // The signals are declared here, before any part is selected.
-    std::optional<std::string> open(host::System& sys, const std::string& path, const files::OutputRule& rule,
+    std::optional<std::string> open(bench::Bench& sys, const std::string& path, const files::OutputRule& rule,
                                     Signals signals);
     bool is_open() const { return sys_ != nullptr; }
 
-    void watch(host::Device* device);                       // d0, sampled at every transfer and at the end
-    void watch(std::shared_ptr<sim::ActuatorModel> actuator);
-    void watch(std::shared_ptr<sim::Eeprom> memory);
+    void watch(bench::Device* device);                       // d0, sampled at every transfer and at the end
+    void watch(std::shared_ptr<models::ActuatorModel> actuator);
+    void watch(std::shared_ptr<models::Eeprom> memory);
 
     // Stops following the bus, draws up to the clock's time now and moves
     // the file into place; "PATH: reason" when it cannot be.
     std::optional<std::string> finish();
 
 private:
-    void follow(const host::BusTransfer& t);
+    void follow(const bench::BusTransfer& t);
     void sample_power(int64_t now);
 
-    host::System* sys_ = nullptr;
+    bench::Bench* sys_ = nullptr;
     files::OutputFile file_;  // before the writer, which writes into it
     VcdWriter vcd_;
     int d0_ = -1, lens_ = -1, busy_ = -1;
-    host::Device* device_ = nullptr;
-    std::shared_ptr<sim::ActuatorModel> actuator_;
-    std::shared_ptr<sim::Eeprom> memory_;
+    bench::Device* device_ = nullptr;
+    std::shared_ptr<models::ActuatorModel> actuator_;
+    std::shared_ptr<models::Eeprom> memory_;
     uint64_t d0_value_ = 1;
     uint16_t code_ = 0;
     int64_t busy_until_ = 0;

@@ -14,7 +14,7 @@
 #include "wire/capture.h"
 #include "wire/waveform.h"
 
-#include "host/bus.h"
+#include "bench/spb_controller.h"
 #include "platform/device.h"
 
 #include <cstdio>
@@ -32,10 +32,10 @@ struct Run {
     unsigned lens_bits = 0;
     std::optional<unsigned> memory;  // its type
     // Selects the parts (telling the waveform of them) and drives them.
-    std::function<void(host::System&, platform::OpenDevice&, wire::Waveform&)> body;
+    std::function<void(bench::Bench&, platform::OpenDevice&, wire::Waveform&)> body;
 };
 
-void drive_actuator(host::System& sys, platform::OpenDevice& dev, wire::Waveform& wave, const std::string& chip)
+void drive_actuator(bench::Bench& sys, platform::OpenDevice& dev, wire::Waveform& wave, const std::string& chip)
 {
     wave.watch(platform::select_actuator(sys, dev.context, {.chip = chip, .low = 100}));
     std::vector<tool::ActuatorOp> ops;
@@ -48,7 +48,7 @@ void drive_actuator(host::System& sys, platform::OpenDevice& dev, wire::Waveform
     }
 }
 
-void drive_memory(host::System& sys, platform::OpenDevice& dev, wire::Waveform& wave, unsigned type,
+void drive_memory(bench::Bench& sys, platform::OpenDevice& dev, wire::Waveform& wave, unsigned type,
                   const std::string& ops_text)
 {
     auto geometry = platform::memory_geometry(type);
@@ -74,7 +74,7 @@ std::string memory_ops(unsigned type)
 std::vector<Run> runs()
 {
     std::vector<Run> out;
-    for (auto& chip : sim::actuator_chips()) {
+    for (auto& chip : models::actuator_chips()) {
         out.push_back({"actuator " + chip.name, chip.max_code > 1023 ? 11u : 10u, std::nullopt,
                        [name = chip.name](auto& sys, auto& dev, auto& wave) { drive_actuator(sys, dev, wave, name); }});
     }
@@ -97,26 +97,26 @@ std::vector<Run> runs()
                        wave.watch(platform::select_actuator(sys, dev.context, {.chip = "DW9719"}));
                        for (uint8_t reg : {0x00, 0x03, 0x05}) {
                            uint8_t out_byte = reg, in_bytes[2] = {};
-                           sys.bus().transfer({0x1C, sim::Direction::Write, &out_byte, 1, 0, std::nullopt}, nullptr);
-                           sys.bus().transfer({0x1C, sim::Direction::Read, in_bytes, 2, 0, std::nullopt, true}, nullptr);
+                           sys.bus().transfer({0x1C, models::Direction::Write, &out_byte, 1, 0, std::nullopt}, nullptr);
+                           sys.bus().transfer({0x1C, models::Direction::Read, in_bytes, 2, 0, std::nullopt, true}, nullptr);
                        }
                    }});
     // The second page's write of an M24c64 is not acknowledged at its address...
     out.push_back({"NACKed address", 0, 10u, [](auto& sys, auto& dev, auto& wave) {
-                       sys.bus().fail_when({.connection = 0x50, .direction = sim::Direction::Write, .prefix = {0x00, 0x20}},
-                                           host::BusFault::nack());
+                       sys.bus().fail_when({.connection = 0x50, .direction = models::Direction::Write, .prefix = {0x00, 0x20}},
+                                           bench::BusFault::nack());
                        drive_memory(sys, dev, wave, 10, "write:16:" + std::string(64, '5'));
                    }});
     // ... or in its last data byte ...
     out.push_back({"NACK in a data byte", 0, 10u, [](auto& sys, auto& dev, auto& wave) {
-                       sys.bus().fail_when({.connection = 0x50, .direction = sim::Direction::Write, .prefix = {0x00, 0x20}},
-                                           host::BusFault::complete_with(sim::kNack));
+                       sys.bus().fail_when({.connection = 0x50, .direction = models::Direction::Write, .prefix = {0x00, 0x20}},
+                                           bench::BusFault::complete_with(models::kNack));
                        drive_memory(sys, dev, wave, 10, "write:16:" + std::string(64, '5'));
                    }});
     // ... or the part holds the clock until the write's time-out.
     out.push_back({"time-out", 0, 10u, [](auto& sys, auto& dev, auto& wave) {
-                       sys.bus().fail_when({.connection = 0x50, .direction = sim::Direction::Write, .prefix = {0x00, 0x20}},
-                                           host::BusFault::timeout());
+                       sys.bus().fail_when({.connection = 0x50, .direction = models::Direction::Write, .prefix = {0x00, 0x20}},
+                                           bench::BusFault::timeout());
                        drive_memory(sys, dev, wave, 10, "write:16:" + std::string(64, '5') + ",read:16:4");
                    }});
     return out;
@@ -148,18 +148,18 @@ std::vector<std::string> eeprom_writes(const std::string& vcd)
 int main(int argc, char** argv)
 {
     std::string dir = argc > 1 ? argv[1] : ".";
-    const std::pair<host::BusSpeed, const char*> speeds[] = {
-        {host::BusSpeed::Standard, "100k"}, {host::BusSpeed::Fast, "400k"}, {host::BusSpeed::FastPlus, "1m"}};
+    const std::pair<bench::BusSpeed, const char*> speeds[] = {
+        {bench::BusSpeed::Standard, "100k"}, {bench::BusSpeed::Fast, "400k"}, {bench::BusSpeed::FastPlus, "1m"}};
     auto all = runs();
     size_t compared = 0, mismatches = 0, eeprom_checked = 0;
     for (auto [speed, speed_name] : speeds) {
         for (auto& run : all) {
             std::string label = run.name + " at " + speed_name;
             std::string path = dir + "/roundtrip.vcd";
-            std::vector<host::BusTransfer> transcript;
+            std::vector<bench::BusTransfer> transcript;
             files::forget_inputs();  // each run writes the dump the last one read back
             {
-                host::System sys;
+                bench::Bench sys;
                 sys.bus().set_speed(speed);
                 wire::Waveform wave;
                 if (auto error = wave.open(sys, path, {true, "", {}}, {run.lens_bits, run.memory.has_value()})) {
@@ -212,7 +212,7 @@ int main(int argc, char** argv)
             std::vector<std::string> expected;
             files::forget_inputs();
             {
-                host::System sys;
+                bench::Bench sys;
                 sys.bus().set_speed(speed);
                 wire::Waveform wave;
                 wave.open(sys, path, {true, "", {}}, {0, true});
