@@ -3,7 +3,8 @@
 
 #include "parse.h"
 
-#include "bench/bench.h"
+#include "bench/spb_controller.h"
+#include "bench/text.h"
 
 #include <algorithm>
 #include <cctype>

@@ -3,7 +3,7 @@
 
 #include "parse.h"
 
-#include "bench/bench.h"
+#include "bench/text.h"
 
 #include <algorithm>
 #include <cstring>

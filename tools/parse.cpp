@@ -1,7 +1,7 @@
 // parse.cpp - the tool's shared text parsers.
 #include "parse.h"
 
-#include "bench/bench.h"
+#include "bench/text.h"
 
 #include <cctype>
 #include <cinttypes>

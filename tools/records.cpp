@@ -4,7 +4,7 @@
 #include "bus_report.h"
 #include "parse.h"
 
-#include "bench/bench.h"
+#include "bench/text.h"
 #include "sensor/sensor_interface.h"
 
 #include <algorithm>

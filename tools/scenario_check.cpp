@@ -4,7 +4,8 @@
 #include "bus_report.h"
 #include "parse.h"
 
-#include "bench/bench.h"
+#include "bench/spb_controller.h"
+#include "bench/text.h"
 
 #include <algorithm>
 #include <climits>

@@ -7,7 +7,8 @@
 #include "scenario_json.h"
 #include "scenario_steps.h"
 
-#include "bench/bench.h"
+#include "bench/spb_controller.h"
+#include "bench/text.h"
 #include "nvm/nvm.h"
 #include "models/actuator.h"
 

@@ -6,7 +6,8 @@
 #include "parse.h"
 #include "records.h"
 
-#include "bench/bench.h"
+#include "bench/spb_controller.h"
+#include "bench/verifier.h"
 
 #include <algorithm>
 #include <cstdio>

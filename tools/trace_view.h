@@ -7,7 +7,7 @@
 //       0.0000 ms  ERROR  sensor          #15  SelectMode failed STATUS_UNSUCCESSFUL
 #pragma once
 
-#include "bench/bench.h"
+#include "bench/traces.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
