@@ -51,8 +51,7 @@ struct Camera {
             sys.traces().enable(TRACE_INFO | TRACE_ERROR);
         }
         korvanel::platform::load_driver(sys);
-        auto& dev = sys.add_device();
-        korvanel::platform::query_sensor_interface(dev, &si);
+        si = korvanel::platform::open_device(sys).si;
         ctx = static_cast<PSENSOR_CONTEXT>(si.InterfaceHeader.Context);
     }
     ~Camera() { si.InterfaceHeader.InterfaceDereference(ctx); }

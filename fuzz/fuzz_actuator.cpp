@@ -8,7 +8,6 @@
 #include "platform/checked.h"
 
 #include "platform/actuator.h"
-#include "platform/device.h"
 #include "bench/spb_controller.h"
 #include "bench/bench.h"
 #include "sensor/device_context.h"
@@ -63,12 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     Input in(data, size);
     Bench& sys = korvanel::fuzz::bench();
-    if (in.flag()) {
-        sys.traces().enable(TRACE_INFO | TRACE_ERROR);
-    }
-    FUZZ_CHECK(korvanel::platform::load_driver(sys) == STATUS_SUCCESS);
-    auto& dev = sys.add_device();
-    auto* ctx = static_cast<PDEVICE_CONTEXT>(dev.context());
+    PDEVICE_CONTEXT ctx = korvanel::fuzz::part_device(in, sys);
 
     unsigned row = 1 + in.pick(VCM_TYPE_COUNT - 1);
     korvanel::platform::ActuatorSelection options;

@@ -5,6 +5,9 @@
 
 #include "bench/spb_controller.h"
 #include "bench/bench.h"
+#include "platform/device.h"
+#include "sensor/device_context.h"
+#include "trace/trace.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -99,6 +102,20 @@ inline void fault_bus(Input& in, bench::Bench& sys, unsigned transfers)
     for (unsigned faults = in.pick(4); faults > 0; faults--) {
         sys.bus().fail_transfer(in.pick(transfers), bus_fault(in));
     }
+}
+
+// Where the part targets start: the bench's trace on when the input says so,
+// the driver loaded and one device added, whose context a part is then
+// selected on.
+inline PDEVICE_CONTEXT part_device(Input& in, bench::Bench& sys)
+{
+    if (in.flag()) {
+        sys.traces().enable(TRACE_INFO | TRACE_ERROR);
+    }
+    FUZZ_CHECK(platform::load_driver(sys) == STATUS_SUCCESS);
+    auto& dev = sys.add_device();
+    FUZZ_CHECK(dev.add_status() == STATUS_SUCCESS);
+    return static_cast<PDEVICE_CONTEXT>(dev.context());
 }
 
 // The end of every run: whatever happened, the driver unloads clean; then the

@@ -217,11 +217,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     DeviceConfig device;
     Configure(in, sys, device);
     FUZZ_CHECK(korvanel::platform::load_driver(sys) == STATUS_SUCCESS);
-    auto& dev = sys.add_device(device);
-    FUZZ_CHECK(dev.add_status() == STATUS_SUCCESS);
-
-    SENSOR_INTERFACE si{};
-    FUZZ_CHECK(korvanel::platform::query_sensor_interface(dev, &si) == STATUS_SUCCESS);
+    auto opened = korvanel::platform::open_device(sys, std::move(device));
+    FUZZ_CHECK(opened.status == STATUS_SUCCESS);
+    auto& dev = *opened.device;
+    SENSOR_INTERFACE& si = opened.si;
     auto* ctx = static_cast<PSENSOR_CONTEXT>(si.InterfaceHeader.Context);
     int power_references = 0;
     for (int step = 0; step < 64 && !in.empty(); step++) {

@@ -12,7 +12,6 @@
 
 #include "bench/spb_controller.h"
 #include "bench/bench.h"
-#include "platform/device.h"
 #include "platform/memory.h"
 #include "nvm/nvm.h"
 #include "sensor/device_context.h"
@@ -43,12 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Input in(data, size);
     Bench& sys = korvanel::fuzz::bench();
-    if (in.flag()) {
-        sys.traces().enable(TRACE_INFO | TRACE_ERROR);
-    }
-    FUZZ_CHECK(korvanel::platform::load_driver(sys) == STATUS_SUCCESS);
-    auto& dev = sys.add_device();
-    auto* ctx = static_cast<PDEVICE_CONTEXT>(dev.context());
+    PDEVICE_CONTEXT ctx = korvanel::fuzz::part_device(in, sys);
 
     korvanel::platform::MemorySelection selection;
     selection.type = 5 + in.pick(8);
