@@ -14,12 +14,6 @@ namespace korvanel::tool {
 
 using nlohmann::ordered_json;
 
-namespace {
-
-double ms(int64_t units) { return double(units) / 10000.0; }
-
-}  // namespace
-
 ordered_json lens_trajectory(const models::ActuatorModel* model, int64_t origin, int64_t end)
 {
     ordered_json out;

@@ -265,21 +265,12 @@ void describe_answer(ordered_json& out, const std::string& key, const Step& step
 // the lens trajectory when its operations are done.
 struct PartReport {
     ordered_json json;
-    int64_t origin = -1;  // clock time of the first operation
+    int64_t origin;  // clock time when the part's first operation began
     std::vector<bench::BusTransfer> transfers = {};
 
-    void add(const Observation& seen)
+    void add(const Observation& seen) { transfers.insert(transfers.end(), seen.transfers.begin(), seen.transfers.end()); }
+    void finish()
     {
-        if (origin < 0) {
-            origin = seen.start;
-        }
-        transfers.insert(transfers.end(), seen.transfers.begin(), seen.transfers.end());
-    }
-    void finish(int64_t end)
-    {
-        if (origin < 0) {
-            origin = end;
-        }
         json["transcript"] = transcript_json(transfers, origin);
         json["transcript_lines"] = transcript_lines(transfers, origin);
     }
@@ -316,7 +307,6 @@ ordered_json actuator_header(const Executor::DeviceView& d, bench::BusSpeed spee
     return out;
 }
 
-double ms(int64_t units) { return double(units) / 10000.0; }
 
 }  // namespace
 
@@ -484,7 +474,7 @@ int run_options(const SimOptions& o, const OptionRun& run)
         description["notes"] = notes;
     }
     if (device.memory != nullptr) {
-        PartReport memory{memory_header(device)};
+        PartReport memory{memory_header(device), executor.now()};
         ordered_json results = ordered_json::array();
         for (auto& op : o.memory.parsed) {
             Step step;
@@ -496,8 +486,8 @@ int run_options(const SimOptions& o, const OptionRun& run)
         }
         int64_t end = executor.now();
         memory.json["operations"] = results;
-        memory.json["bus_time_ms"] = ms(end - (memory.origin < 0 ? end : memory.origin));
-        memory.finish(end);
+        memory.json["bus_time_ms"] = ms(end - memory.origin);
+        memory.finish();
         memory.json["contents"] = hex_dump(device.memory->contents());
         if (!o.memory.notes.empty()) {
             memory.json["notes"] = o.memory.notes;
@@ -505,13 +495,12 @@ int run_options(const SimOptions& o, const OptionRun& run)
         description["nvm"] = memory.json;
     }
     if (device.lens != nullptr) {
-        PartReport lens{actuator_header(device, scenario.speed)};
+        PartReport lens{actuator_header(device, scenario.speed), executor.now()};
         ordered_json results = ordered_json::array();
-        int64_t start = executor.now();
         for (auto& op : run.actuator_ops) {
             Step step;
             step.action = ActuatorAction{op};
-            ordered_json r = {{"op", op.text}, {"time_ms", ms(executor.now() - start)}};
+            ordered_json r = {{"op", op.text}, {"time_ms", ms(executor.now() - lens.origin)}};
             Observation seen = perform(step);
             keep(seen);
             lens.add(seen);
@@ -519,10 +508,9 @@ int run_options(const SimOptions& o, const OptionRun& run)
             results.push_back(r);
         }
         int64_t end = executor.now();
-        lens.origin = start;
         lens.json["operations"] = results;
-        lens.finish(end);
-        lens.json.update(lens_trajectory(device.lens, start, end));
+        lens.finish();
+        lens.json.update(lens_trajectory(device.lens, lens.origin, end));
         description["vcm"] = lens.json;
     }
     RunEnd end = executor.finish();

@@ -48,5 +48,7 @@ std::string json_dump(const nlohmann::ordered_json& value, int indent = -1);
 
 // Clock units of 100 ns as milliseconds with four decimals: "12.3450".
 std::string milliseconds(int64_t units);
+// The same as a JSON number.
+inline double ms(int64_t units) { return double(units) / 10000.0; }
 
 }  // namespace korvanel::tool
