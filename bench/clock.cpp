@@ -80,6 +80,16 @@ void bump(std::atomic<uint64_t>& counter)
 
 }  // namespace
 
+template <typename F>
+void Clock::each_lane(F f) const
+{
+    size_t lanes = lane_count_.load(std::memory_order_acquire);
+    for (size_t i = 0; i < lanes; i++) {
+        f(*lanes_[i]);
+    }
+    f(*shared_lane_);
+}
+
 Clock::Clock() : generation_(g_clock_generation.fetch_add(1)), shared_lane_(std::make_unique<Lane>()) {}
 Clock::~Clock() = default;
 
@@ -243,11 +253,7 @@ std::vector<Clock::Delay> Clock::delays() const
             out.push_back(lane.kept(i));
         }
     };
-    size_t lanes = lane_count_.load(std::memory_order_acquire);
-    for (size_t i = 0; i < lanes; i++) {
-        collect(*lanes_[i]);
-    }
-    collect(*shared_lane_);
+    each_lane(collect);
     // Each lane is in time order already; a stable sort keeps it so.
     std::stable_sort(out.begin(), out.end(), [](const Delay& a, const Delay& b) { return a.at < b.at; });
     return out;
@@ -256,30 +262,17 @@ std::vector<Clock::Delay> Clock::delays() const
 void Clock::clear_delays()
 {
     std::lock_guard lock(mutex_);
-    auto clear = [](Lane& lane) {
+    each_lane([](Lane& lane) {
         lane.written.store(0);
         lane.sleeps.store(0);
-    };
-    size_t lanes = lane_count_.load(std::memory_order_acquire);
-    for (size_t i = 0; i < lanes; i++) {
-        clear(*lanes_[i]);
-    }
-    clear(*shared_lane_);
+    });
 }
 
 void Clock::reset()
 {
     std::lock_guard lock(mutex_);
-    auto clear = [](Lane& lane) {
-        lane.now.store(INT64_MIN);
-        lane.written.store(0);
-        lane.sleeps.store(0);
-    };
-    size_t lanes = lane_count_.load(std::memory_order_acquire);
-    for (size_t i = 0; i < lanes; i++) {
-        clear(*lanes_[i]);
-    }
-    clear(*shared_lane_);
+    clear_delays();
+    each_lane([](Lane& lane) { lane.now.store(INT64_MIN); });
     mode_.store(Mode::Virtual);
     base_.store(kStartTime);
     real_base_ = 0;
@@ -292,21 +285,16 @@ void Clock::reset()
 size_t Clock::stall_count() const
 {
     std::lock_guard lock(mutex_);
-    auto stalls = [](const Lane& lane) { return lane.written.load() - lane.sleeps.load(); };
-    size_t count = stalls(*shared_lane_);
-    for (size_t i = 0; i < lane_count_.load(std::memory_order_acquire); i++) {
-        count += stalls(*lanes_[i]);
-    }
+    size_t count = 0;
+    each_lane([&count](const Lane& lane) { count += lane.written.load() - lane.sleeps.load(); });
     return count;
 }
 
 size_t Clock::sleep_count() const
 {
     std::lock_guard lock(mutex_);
-    size_t count = shared_lane_->sleeps.load();
-    for (size_t i = 0; i < lane_count_.load(std::memory_order_acquire); i++) {
-        count += lanes_[i]->sleeps.load();
-    }
+    size_t count = 0;
+    each_lane([&count](const Lane& lane) { count += lane.sleeps.load(); });
     return count;
 }
 

@@ -73,6 +73,9 @@ private:
     struct Lane;
     Lane& lane();
     Lane& new_lane();
+    // Calls f on every lane in use, the shared one last. Under mutex_.
+    template <typename F>
+    void each_lane(F f) const;
     int64_t virtual_now() const;
     void pass(Lane& lane, Delay::Kind kind, int64_t amount, int64_t duration);
     void stall_other(uint32_t us);
