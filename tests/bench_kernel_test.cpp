@@ -125,7 +125,7 @@ TEST(BenchClockTest, TimersFireInDueOrderAtTheirOwnTime)
     EXPECT_EQ(sys.clock().delays().size(), 1u);
 }
 
-TEST(HostEventTest, SynchronizationEventsWakeOneWaitAndResetThemselves)
+TEST(BenchEventTest, SynchronizationEventsWakeOneWaitAndResetThemselves)
 {
     Bench sys;
     struct Case {
@@ -158,7 +158,7 @@ TEST(HostEventTest, SynchronizationEventsWakeOneWaitAndResetThemselves)
 // Calls are counted per thread; more threads than there are tables share
 // one. Every call is counted either way, from threads one after another and
 // at once, and the next bench on the same thread counts from zero.
-TEST(HostFaultsTest, CallsFromManyThreadsAreAllCounted)
+TEST(BenchFaultsTest, CallsFromManyThreadsAreAllCounted)
 {
     static const char* const kRoutine = "KeWaitForSingleObject";
     auto calls = [](Bench& s, unsigned n) {
@@ -194,7 +194,7 @@ TEST(HostFaultsTest, CallsFromManyThreadsAreAllCounted)
     EXPECT_EQ(next.faults().calls(kRoutine), 2u);
 }
 
-TEST(HostObjectTest, DeletingAnObjectCleansUpItsChildrenFirst)
+TEST(BenchObjectTest, DeletingAnObjectCleansUpItsChildrenFirst)
 {
     Bench sys;
     static std::vector<WDFOBJECT> cleaned;

@@ -15,7 +15,7 @@ namespace {
 using bench::Pool;
 using bench::Bench;
 
-TEST(HostRtlTest, BoundedCopyKeepsWithinCapacityAndAlwaysTerminates)
+TEST(BenchRtlTest, BoundedCopyKeepsWithinCapacityAndAlwaysTerminates)
 {
     Bench sys;
     struct Case {
@@ -45,7 +45,7 @@ TEST(HostRtlTest, BoundedCopyKeepsWithinCapacityAndAlwaysTerminates)
     }
 }
 
-TEST(HostRtlTest, WideFormatHalvesTheCapacityAndFormatsTheHubPath)
+TEST(BenchRtlTest, WideFormatHalvesTheCapacityAndFormatsTheHubPath)
 {
     Bench sys;
 // One formatting call of a table row, with the row's capacity.
@@ -89,7 +89,7 @@ TEST(HostRtlTest, WideFormatHalvesTheCapacityAndFormatsTheHubPath)
 }
 
 // (The case-blind comparison is seen in the variant tests' identifiers.)
-TEST(HostRtlTest, StringsConvertAndCopyAsTheKernelDoes)
+TEST(BenchRtlTest, StringsConvertAndCopyAsTheKernelDoes)
 {
     Bench sys;
     ANSI_STRING ansi;
@@ -129,7 +129,7 @@ TEST(HostRtlTest, StringsConvertAndCopyAsTheKernelDoes)
     EXPECT_EQ(std::u16string(buffer, 4), u"abcd");
 }
 
-TEST(HostRegistryTest, ValuesAreReadAsTheyWereStoredWithWindowsStatuses)
+TEST(BenchRegistryTest, ValuesAreReadAsTheyWereStoredWithWindowsStatuses)
 {
     Bench sys;
     sys.registry().set_dword("MipiLanes", 4);
@@ -200,7 +200,7 @@ TEST(HostRegistryTest, ValuesAreReadAsTheyWereStoredWithWindowsStatuses)
 }  // namespace
 // The bounded records keep their latest entries, oldest first, once their
 // ring has wrapped, and a reset leaves them as a new bench has them.
-TEST(HostRegistryTest, TheLatestOpensAndFreesAreKeptThroughAWrapAndAReset)
+TEST(BenchRegistryTest, TheLatestOpensAndFreesAreKeptThroughAWrapAndAReset)
 {
     Bench sys;
     auto open = [](ACCESS_MASK access) {
