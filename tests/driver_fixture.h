@@ -1,4 +1,4 @@
-// bench.h - the fixture most tests start from: a fresh simulated kernel with
+// driver_fixture.h - the fixture most tests start from: a fresh bench with
 // the driver loaded, and a check at the end that unloading leaves nothing
 // behind.
 #pragma once
