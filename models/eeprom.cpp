@@ -141,24 +141,19 @@ NTSTATUS Eeprom::take_write(const Transfer& when, size_t block, std::span<const 
     // The data goes into the part's page buffer: past the end of the
     // physical write page it wraps to the page's start and overwrites what
     // came first. At the stop condition the buffer's loaded cells are
-    // programmed.
-    size_t page = geometry_.write_page;
-    size_t base = pointer_ & ~(page - 1);
-    size_t offset = pointer_ - base;
-    std::array<std::optional<uint8_t>, kMaxWritePage> buffer{};
-    for (uint8_t value : data) {
-        buffer[offset] = value;
-        offset = (offset + 1) % page;
+    // programmed, so only the last page's worth of bytes reaches the cells,
+    // each to its own one (the page is a power of two).
+    size_t mask = geometry_.write_page - 1;
+    size_t base = pointer_ & ~mask;
+    size_t start = pointer_ - base;
+    size_t first = data.size() > mask ? data.size() - mask - 1 : 0;
+    for (size_t i = first; i < data.size(); i++) {
+        // Flash cells of the DW9806B memory only program ones to zeros; the
+        // erase sets them back to 0xFF.
+        uint8_t& cell = cells_[base + ((start + i) & mask)];
+        cell = geometry_.kind == Kind::Paged ? uint8_t(cell & data[i]) : data[i];
     }
-    for (size_t i = 0; i < page; i++) {
-        if (buffer[i]) {
-            // Flash cells of the DW9806B memory only program ones to zeros;
-            // the erase sets them back to 0xFF.
-            uint8_t& cell = cells_[base + i];
-            cell = geometry_.kind == Kind::Paged ? uint8_t(cell & *buffer[i]) : *buffer[i];
-        }
-    }
-    pointer_ = base + offset;
+    pointer_ = base + ((start + data.size()) & mask);
     start_cycle(when, kWriteCycle);
     return STATUS_SUCCESS;
 }
