@@ -34,7 +34,8 @@ std::optional<std::string> place_outputs(Scenario& scenario, const std::string& 
             }
             *file = beside(folder, *file);
             std::string where = name + ": " + device + "\"" + key + "\" ";
-            if (std::any_of(placed.begin(), placed.end(), [&](auto& p) { return same_file(p, *file); })) {
+            const std::string& path = *file;
+            if (std::any_of(placed.begin(), placed.end(), [&](auto& p) { return same_file(p, path); })) {
                 return where + *file + ": another output of this run is written there";
             }
             placed.push_back(*file);

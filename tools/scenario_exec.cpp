@@ -26,6 +26,8 @@ template <class... F>
 struct Overloaded : F... {
     using F::operator()...;
 };
+template <class... F>
+Overloaded(F...) -> Overloaded<F...>;  // clang before 17 does not deduce an aggregate's arguments
 
 }  // namespace
 
