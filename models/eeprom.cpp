@@ -3,7 +3,6 @@
 #include "eeprom.h"
 
 #include <algorithm>
-#include <array>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
